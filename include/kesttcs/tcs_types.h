@@ -1,0 +1,125 @@
+/* Scalar types and the structures that cross the TCS interface. Shared by the service, the client
+ * library and its users; plain C so that a service-provider layer written in C can include it. */
+#ifndef KESTTCS_TCS_TYPES_H
+#define KESTTCS_TCS_TYPES_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef uint8_t BYTE;
+typedef uint8_t TSS_BOOL;
+typedef uint16_t UINT16;
+typedef uint32_t UINT32;
+typedef uint64_t UINT64;
+
+typedef UINT32 TSS_RESULT;
+typedef UINT32 TCS_CONTEXT_HANDLE;
+typedef UINT32 TCS_KEY_HANDLE;
+typedef UINT32 TCS_AUTHHANDLE;
+typedef UINT32 TCS_HANDLE;
+typedef UINT32 TSS_FLAG;
+typedef UINT32 TSS_EVENTTYPE;
+typedef UINT32 TPM_RESULT;
+typedef UINT32 TPM_COMMAND_CODE;
+typedef UINT32 TPM_CAPABILITY_AREA;
+typedef UINT32 TPM_KEY_HANDLE;
+typedef UINT32 TPM_HANDLE;
+typedef UINT32 TPM_PCRINDEX;
+typedef UINT32 TPM_DIRINDEX;
+typedef UINT16 TPM_TAG;
+typedef UINT16 TPM_STRUCTURE_TAG;
+typedef UINT16 TPM_PROTOCOL_ID;
+typedef UINT16 TPM_ENTITY_TYPE;
+typedef UINT16 TPM_KEY_USAGE;
+typedef UINT32 TPM_KEY_FLAGS;
+typedef BYTE TPM_AUTH_DATA_USAGE;
+typedef UINT32 TPM_ALGORITHM_ID;
+typedef UINT16 TPM_ENC_SCHEME;
+typedef UINT16 TPM_SIG_SCHEME;
+
+#define TPM_SHA1_160_HASH_LEN 20
+
+typedef struct tdTPM_DIGEST {
+  BYTE digest[TPM_SHA1_160_HASH_LEN];
+} TPM_DIGEST;
+typedef TPM_DIGEST TPM_PCRVALUE;
+typedef TPM_DIGEST TPM_COMPOSITE_HASH;
+
+typedef struct tdTPM_NONCE {
+  BYTE nonce[TPM_SHA1_160_HASH_LEN];
+} TPM_NONCE;
+
+typedef struct tdTPM_AUTHDATA {
+  BYTE authdata[TPM_SHA1_160_HASH_LEN];
+} TPM_AUTHDATA;
+typedef TPM_AUTHDATA TPM_ENCAUTH;
+typedef TPM_AUTHDATA TPM_SECRET;
+
+/* The authorisation record of one session as the TCS carries it. */
+typedef struct tdTPM_AUTH {
+  TCS_AUTHHANDLE AuthHandle;
+  TPM_NONCE NonceOdd;
+  TPM_NONCE NonceEven;
+  TSS_BOOL fContinueAuthSession;
+  TPM_AUTHDATA HMAC;
+} TPM_AUTH;
+
+typedef struct tdTSS_VERSION {
+  BYTE bMajor;
+  BYTE bMinor;
+  BYTE bRevMajor;
+  BYTE bRevMinor;
+} TSS_VERSION;
+
+typedef struct tdTPM_VERSION {
+  BYTE major;
+  BYTE minor;
+  BYTE revMajor;
+  BYTE revMinor;
+} TPM_VERSION;
+typedef TPM_VERSION TPM_STRUCT_VER;
+
+typedef struct tdTSS_UUID {
+  UINT32 ulTimeLow;
+  UINT16 usTimeMid;
+  UINT16 usTimeHigh;
+  BYTE bClockSeqHigh;
+  BYTE bClockSeqLow;
+  BYTE rgbNode[6];
+} TSS_UUID;
+
+typedef struct tdTSS_PCR_EVENT {
+  TSS_VERSION versionInfo;
+  UINT32 ulPcrIndex;
+  TSS_EVENTTYPE eventType;
+  UINT32 ulPcrValueLength;
+  BYTE* rgbPcrValue;
+  UINT32 ulEventLength;
+  BYTE* rgbEvent;
+} TSS_PCR_EVENT;
+
+typedef struct tdTSS_KM_KEYINFO {
+  TSS_VERSION versionInfo;
+  TSS_UUID keyUUID;
+  TSS_UUID parentKeyUUID;
+  BYTE bAuthDataUsage;
+  TSS_BOOL fIsLoaded;
+  UINT32 ulVendorDataLength;
+  BYTE* rgbVendorData;
+} TSS_KM_KEYINFO;
+
+typedef struct tdTCS_LOADKEY_INFO {
+  TSS_UUID keyUUID;
+  TSS_UUID parentKeyUUID;
+  TPM_DIGEST paramDigest;
+  TPM_AUTH authData;
+} TCS_LOADKEY_INFO;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KESTTCS_TCS_TYPES_H */
