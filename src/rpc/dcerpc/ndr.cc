@@ -1,0 +1,195 @@
+#include "rpc/dcerpc/ndr.h"
+
+#include <algorithm>
+#include <type_traits>
+
+namespace kesttcs::dcerpc {
+
+namespace {
+
+size_t PaddingFor(size_t offset, size_t alignment) {
+  return (alignment - offset % alignment) % alignment;
+}
+
+}  // namespace
+
+bool NdrReader::Has(size_t at, size_t n) {
+  if (!ok_ || at > data_.size() || n > data_.size() - at) {
+    ok_ = false;
+    return false;
+  }
+  return true;
+}
+
+bool NdrReader::Align(size_t alignment) {
+  size_t pad = PaddingFor(pos_, alignment);
+  if (!Has(pos_, pad)) return false;
+  pos_ += pad;
+  return true;
+}
+
+template <typename T>
+bool NdrReader::ReadInteger(T& out) {
+  size_t start = pos_ + PaddingFor(pos_, sizeof(T));
+  if (!Has(pos_, start - pos_) || !Has(start, sizeof(T))) return false;
+  std::make_unsigned_t<T> v = 0;
+  for (size_t i = 0; i < sizeof(T); ++i) {
+    size_t shift = order_ == ByteOrder::kLittle ? i : sizeof(T) - 1 - i;
+    v |= static_cast<std::make_unsigned_t<T>>(static_cast<std::make_unsigned_t<T>>(data_[start + i])
+                                              << (8 * shift));
+  }
+  out = v;
+  pos_ = start + sizeof(T);
+  return true;
+}
+
+bool NdrReader::ReadUint8(uint8_t& out) { return ReadInteger(out); }
+bool NdrReader::ReadUint16(uint16_t& out) { return ReadInteger(out); }
+bool NdrReader::ReadUint32(uint32_t& out) { return ReadInteger(out); }
+bool NdrReader::ReadUint64(uint64_t& out) { return ReadInteger(out); }
+
+bool NdrReader::ReadBytes(size_t n, std::span<const uint8_t>& out) {
+  if (!Has(pos_, n)) return false;
+  out = data_.subspan(pos_, n);
+  pos_ += n;
+  return true;
+}
+
+bool NdrReader::ReadBytes(size_t n, std::vector<uint8_t>& out) {
+  std::span<const uint8_t> view;
+  if (!ReadBytes(n, view)) return false;
+  out.assign(view.begin(), view.end());
+  return true;
+}
+
+bool NdrReader::ReadFixed(std::span<uint8_t> out) {
+  std::span<const uint8_t> view;
+  if (!ReadBytes(out.size(), view)) return false;
+  std::copy(view.begin(), view.end(), out.begin());
+  return true;
+}
+
+bool NdrReader::ReadArrayCount(uint32_t& count, size_t min_element_size) {
+  size_t saved = pos_;
+  uint32_t c = 0;
+  if (!ReadUint32(c)) return false;
+  if (min_element_size != 0 && c > remaining() / min_element_size) {
+    pos_ = saved;
+    return Fail();
+  }
+  count = c;
+  return true;
+}
+
+bool NdrReader::ReadConformantBytes(std::span<const uint8_t>& out) {
+  size_t saved = pos_;
+  uint32_t count = 0;
+  if (!ReadArrayCount(count, 1)) return false;
+  if (!ReadBytes(count, out)) {
+    pos_ = saved;
+    return false;
+  }
+  return true;
+}
+
+bool NdrReader::ReadConformantBytes(std::vector<uint8_t>& out) {
+  std::span<const uint8_t> view;
+  if (!ReadConformantBytes(view)) return false;
+  out.assign(view.begin(), view.end());
+  return true;
+}
+
+bool NdrReader::ReadVaryingCounts(uint32_t& max_count, uint32_t& offset, uint32_t& actual,
+                                  size_t min_element_size) {
+  size_t saved = pos_;
+  uint32_t m = 0, o = 0, a = 0;
+  if (!ReadUint32(m) || !ReadUint32(o) || !ReadUint32(a)) {
+    pos_ = saved;
+    return false;
+  }
+  bool fits = o <= m && a <= m - o &&
+              (min_element_size == 0 || a <= remaining() / min_element_size);
+  if (!fits) {
+    pos_ = saved;
+    return Fail();
+  }
+  max_count = m;
+  offset = o;
+  actual = a;
+  return true;
+}
+
+bool NdrReader::ReadConformantVaryingBytes(std::span<const uint8_t>& out) {
+  size_t saved = pos_;
+  uint32_t max_count = 0, offset = 0, actual = 0;
+  if (!ReadVaryingCounts(max_count, offset, actual, 1)) return false;
+  if (!ReadBytes(actual, out)) {
+    pos_ = saved;
+    return false;
+  }
+  return true;
+}
+
+bool NdrReader::ReadUniquePointer(bool& present) {
+  uint32_t referent = 0;
+  if (!ReadUint32(referent)) return false;
+  present = referent != 0;
+  return true;
+}
+
+void NdrWriter::Align(size_t alignment) {
+  out_.resize(out_.size() + PaddingFor(size(), alignment), 0);
+}
+
+namespace {
+
+template <typename T>
+void AppendLittle(std::vector<uint8_t>& out, T v) {
+  for (size_t i = 0; i < sizeof(T); ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+
+}  // namespace
+
+void NdrWriter::WriteUint8(uint8_t v) { out_.push_back(v); }
+
+void NdrWriter::WriteUint16(uint16_t v) {
+  Align(2);
+  AppendLittle(out_, v);
+}
+
+void NdrWriter::WriteUint32(uint32_t v) {
+  Align(4);
+  AppendLittle(out_, v);
+}
+
+void NdrWriter::WriteUint64(uint64_t v) {
+  Align(8);
+  AppendLittle(out_, v);
+}
+
+void NdrWriter::WriteBytes(std::span<const uint8_t> bytes) {
+  out_.insert(out_.end(), bytes.begin(), bytes.end());
+}
+
+void NdrWriter::WriteConformantBytes(std::span<const uint8_t> bytes) {
+  WriteArrayCount(static_cast<uint32_t>(bytes.size()));
+  WriteBytes(bytes);
+}
+
+void NdrWriter::WriteConformantVaryingBytes(std::span<const uint8_t> bytes) {
+  WriteUint32(static_cast<uint32_t>(bytes.size()));
+  WriteUint32(0);
+  WriteUint32(static_cast<uint32_t>(bytes.size()));
+  WriteBytes(bytes);
+}
+
+void NdrWriter::WriteUniquePointer(bool present) {
+  if (!present) {
+    WriteUint32(0);
+    return;
+  }
+  WriteUint32(next_referent_);
+  next_referent_ += 4;
+}
+
+}  // namespace kesttcs::dcerpc
