@@ -1,0 +1,220 @@
+#include "commands/sha1.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+namespace kesttcs {
+namespace {
+
+constexpr std::array<UINT32, 5> kInitialChain = {0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476,
+                                                 0xC3D2E1F0};
+constexpr std::array<UINT32, 4> kRoundConstants = {0x5A827999, 0x6ED9EBA1, 0x8F1BBCDC,
+                                                   0xCA62C1D6};
+constexpr BYTE kInnerPad = 0x36;
+constexpr BYTE kOuterPad = 0x5C;
+
+UINT32 LoadBigEndian32(const BYTE* p) {
+  return (UINT32{p[0]} << 24) | (UINT32{p[1]} << 16) | (UINT32{p[2]} << 8) | UINT32{p[3]};
+}
+
+void StoreBigEndian32(UINT32 value, BYTE* p) {
+  p[0] = static_cast<BYTE>(value >> 24);
+  p[1] = static_cast<BYTE>(value >> 16);
+  p[2] = static_cast<BYTE>(value >> 8);
+  p[3] = static_cast<BYTE>(value);
+}
+
+void ProcessBlock(std::array<UINT32, 5>& chain, const BYTE* block) {
+  std::array<UINT32, 80> w;
+  for (int t = 0; t < 16; ++t) w[t] = LoadBigEndian32(block + 4 * t);
+  for (int t = 16; t < 80; ++t) w[t] = std::rotl(w[t - 3] ^ w[t - 8] ^ w[t - 14] ^ w[t - 16], 1);
+
+  UINT32 a = chain[0], b = chain[1], c = chain[2], d = chain[3], e = chain[4];
+  for (int t = 0; t < 80; ++t) {
+    UINT32 f;
+    if (t < 20) {
+      f = (b & c) | (~b & d);
+    } else if (t < 40 || t >= 60) {
+      f = b ^ c ^ d;
+    } else {
+      f = (b & c) | (b & d) | (c & d);
+    }
+    const UINT32 temp = std::rotl(a, 5) + f + e + w[t] + kRoundConstants[t / 20];
+    e = d;
+    d = c;
+    c = std::rotl(b, 30);
+    b = a;
+    a = temp;
+  }
+  chain[0] += a;
+  chain[1] += b;
+  chain[2] += c;
+  chain[3] += d;
+  chain[4] += e;
+}
+
+// The 64-byte HMAC key block: the key itself up to 64 bytes, its digest beyond, zero-filled.
+std::array<BYTE, kSha1BlockSize> HmacKeyBlock(UINT32 keyLen, const BYTE* key) {
+  std::array<BYTE, kSha1BlockSize> block{};
+  if (keyLen > kSha1BlockSize) {
+    Sha1State state;
+    SHA1_Init(state);
+    SHA1_Update(state, key, keyLen);
+    SHA1_Final(state, block.data());
+  } else {
+    std::copy_n(key, keyLen, block.begin());
+  }
+  return block;
+}
+
+// SHA-1 of (key block XOR pad) || first || second.
+void HashPadded(const std::array<BYTE, kSha1BlockSize>& keyBlock, BYTE pad, const BYTE* first,
+                std::size_t firstLen, BYTE* digest20) {
+  std::array<BYTE, kSha1BlockSize> padded;
+  std::transform(keyBlock.begin(), keyBlock.end(), padded.begin(),
+                 [pad](BYTE b) { return static_cast<BYTE>(b ^ pad); });
+  Sha1State state;
+  SHA1_Init(state);
+  SHA1_Update(state, padded.data(), padded.size());
+  SHA1_Update(state, first, firstLen);
+  SHA1_Final(state, digest20);
+}
+
+struct SelfTestCase {
+  std::vector<BYTE> key;
+  std::vector<BYTE> data;
+  std::string_view expectedHex;
+};
+
+std::vector<BYTE> Repeat(BYTE value, std::size_t count) { return std::vector<BYTE>(count, value); }
+
+std::vector<BYTE> Text(std::string_view text) { return std::vector<BYTE>(text.begin(), text.end()); }
+
+std::vector<BYTE> CountingKey() {
+  std::vector<BYTE> key(25);
+  for (std::size_t i = 0; i < key.size(); ++i) key[i] = static_cast<BYTE>(i + 1);
+  return key;
+}
+
+bool MatchesHex(const BYTE* mac, std::string_view hex) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  for (std::size_t i = 0; i < kSha1DigestSize; ++i) {
+    if (hex[2 * i] != kDigits[mac[i] >> 4] || hex[2 * i + 1] != kDigits[mac[i] & 0xF]) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void SHA1_Init(Sha1State& state) {
+  state.chain = kInitialChain;
+  state.lengthBits = 0;
+  state.blockUsed = 0;
+}
+
+void SHA1_Update(Sha1State& state, const BYTE* data, std::size_t len) {
+  state.lengthBits += static_cast<UINT64>(len) << 3;
+  while (len > 0) {
+    if (state.blockUsed == 0 && len >= kSha1BlockSize) {
+      ProcessBlock(state.chain, data);
+      data += kSha1BlockSize;
+      len -= kSha1BlockSize;
+      continue;
+    }
+    const std::size_t take = std::min(len, kSha1BlockSize - state.blockUsed);
+    std::memcpy(state.block.data() + state.blockUsed, data, take);
+    state.blockUsed += take;
+    data += take;
+    len -= take;
+    if (state.blockUsed == kSha1BlockSize) {
+      ProcessBlock(state.chain, state.block.data());
+      state.blockUsed = 0;
+    }
+  }
+}
+
+void SHA1_Final(Sha1State& state, BYTE* digest20) {
+  const UINT64 lengthBits = state.lengthBits;
+  state.block[state.blockUsed++] = 0x80;
+  if (state.blockUsed > kSha1BlockSize - 8) {
+    std::fill(state.block.begin() + state.blockUsed, state.block.end(), 0);
+    ProcessBlock(state.chain, state.block.data());
+    state.blockUsed = 0;
+  }
+  std::fill(state.block.begin() + state.blockUsed, state.block.end() - 8, 0);
+  StoreBigEndian32(static_cast<UINT32>(lengthBits >> 32), state.block.data() + 56);
+  StoreBigEndian32(static_cast<UINT32>(lengthBits), state.block.data() + 60);
+  ProcessBlock(state.chain, state.block.data());
+  for (std::size_t i = 0; i < state.chain.size(); ++i) {
+    StoreBigEndian32(state.chain[i], digest20 + 4 * i);
+  }
+  SHA1_Init(state);
+}
+
+int SHA1(BYTE* digest20, const BYTE* data, UINT32 len) {
+  if (digest20 == nullptr || (data == nullptr && len != 0)) return 1;
+  Sha1State state;
+  SHA1_Init(state);
+  SHA1_Update(state, data, len);
+  SHA1_Final(state, digest20);
+  return 0;
+}
+
+int HMAC_SHA1(UINT32 keyLen, const BYTE* key, UINT32 dataLen, const BYTE* data, BYTE* mac20) {
+  if (key == nullptr || data == nullptr || mac20 == nullptr) return 1;
+  const std::array<BYTE, kSha1BlockSize> keyBlock = HmacKeyBlock(keyLen, key);
+  std::array<BYTE, kSha1DigestSize> inner;
+  HashPadded(keyBlock, kInnerPad, data, dataLen, inner.data());
+  HashPadded(keyBlock, kOuterPad, inner.data(), inner.size(), mac20);
+  return 0;
+}
+
+int MGF1_SHA1(BYTE* out, const BYTE* seed, UINT32 seedLen, UINT32 outLen) {
+  if ((out == nullptr && outLen != 0) || (seed == nullptr && seedLen != 0)) return 1;
+  std::array<BYTE, 4> counterBytes;
+  std::array<BYTE, kSha1DigestSize> digest;
+  for (UINT32 counter = 0, done = 0; done < outLen; ++counter) {
+    StoreBigEndian32(counter, counterBytes.data());
+    Sha1State state;
+    SHA1_Init(state);
+    SHA1_Update(state, seed, seedLen);
+    SHA1_Update(state, counterBytes.data(), counterBytes.size());
+    SHA1_Final(state, digest.data());
+    const UINT32 take = std::min<UINT32>(outLen - done, kSha1DigestSize);
+    std::copy_n(digest.begin(), take, out + done);
+    done += take;
+  }
+  return 0;
+}
+
+UINT32 HMAC_SHA1_SelfTest() {
+  const std::array<SelfTestCase, kHmacSha1SelfTestCases> cases = {{
+      {Repeat(0x0B, 20), Text("Hi There"), "b617318655057264e28bc0b6fb378c8ef146be00"},
+      {Text("Jefe"), Text("what do ya want for nothing?"),
+       "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79"},
+      {Repeat(0xAA, 20), Repeat(0xDD, 50), "125d7342b9ac11cd91a39af48aa17b4f63f175d3"},
+      {CountingKey(), Repeat(0xCD, 50), "4c9007f4026250c6bc8414f9bf50c86c2d7235da"},
+      {Repeat(0x0C, 20), Text("Test With Truncation"), "4c1a03424b55e07fe7f27be1d58bb9324a9a5a04"},
+      {Repeat(0xAA, 80), Text("Test Using Larger Than Block-Size Key - Hash Key First"),
+       "aa4ae5e15272d00e95705637ce8a3b55ed402112"},
+      {Repeat(0xAA, 80),
+       Text("Test Using Larger Than Block-Size Key and Larger Than One Block-Size Data"),
+       "e8e99d0f45237d786d6bbaa7965c7808bbff1a91"},
+  }};
+  UINT32 failed = 0;
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    const SelfTestCase& c = cases[i];
+    std::array<BYTE, kSha1DigestSize> mac{};
+    if (HMAC_SHA1(static_cast<UINT32>(c.key.size()), c.key.data(),
+                  static_cast<UINT32>(c.data.size()), c.data.data(), mac.data()) != 0 ||
+        !MatchesHex(mac.data(), c.expectedHex)) {
+      failed |= UINT32{1} << i;
+    }
+  }
+  return failed;
+}
+
+}  // namespace kesttcs
