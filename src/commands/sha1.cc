@@ -11,8 +11,7 @@ namespace {
 
 constexpr std::array<UINT32, 5> kInitialChain = {0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476,
                                                  0xC3D2E1F0};
-constexpr std::array<UINT32, 4> kRoundConstants = {0x5A827999, 0x6ED9EBA1, 0x8F1BBCDC,
-                                                   0xCA62C1D6};
+constexpr std::array<UINT32, 4> kRoundConstants = {0x5A827999, 0x6ED9EBA1, 0x8F1BBCDC, 0xCA62C1D6};
 constexpr BYTE kInnerPad = 0x36;
 constexpr BYTE kOuterPad = 0x5C;
 
@@ -91,7 +90,9 @@ struct SelfTestCase {
 
 std::vector<BYTE> Repeat(BYTE value, std::size_t count) { return std::vector<BYTE>(count, value); }
 
-std::vector<BYTE> Text(std::string_view text) { return std::vector<BYTE>(text.begin(), text.end()); }
+std::vector<BYTE> Text(std::string_view text) {
+  return std::vector<BYTE>(text.begin(), text.end());
+}
 
 std::vector<BYTE> CountingKey() {
   std::vector<BYTE> key(25);

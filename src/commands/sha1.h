@@ -1,6 +1,6 @@
 // SHA-1 (FIPS 180-2), HMAC-SHA-1 (RFC 2104) and the SHA-1 mask generation function MGF1 (PKCS #1),
-// computed by the service itself for its own authorisation helpers. Every computation keeps its state
-// in a caller-owned Sha1State, so any number of threads may hash at once.
+// computed by the service itself for its own authorisation helpers. Every computation keeps its
+// state in a caller-owned Sha1State, so any number of threads may hash at once.
 #pragma once
 
 #include <array>
@@ -43,16 +43,17 @@ void SHA1_Final(Sha1State& state, BYTE* digest20);
                             BYTE* mac20);
 
 // MGF1 with SHA-1: writes `outLen` bytes to `out`, the concatenation of SHA-1(seed || counter) for
-// counter = 0, 1, ... (big-endian 32-bit), cut to length. Returns 0 on success, 1 when `out` is null
-// with a non-zero outLen or `seed` is null with a non-zero seedLen (nothing written).
+// counter = 0, 1, ... (big-endian 32-bit), cut to length. Returns 0 on success, 1 when `out` is
+// null with a non-zero outLen or `seed` is null with a non-zero seedLen (nothing written).
 [[nodiscard]] int MGF1_SHA1(BYTE* out, const BYTE* seed, UINT32 seedLen, UINT32 outLen);
 
 // Number of RFC 2202 HMAC-SHA-1 test cases HMAC_SHA1_SelfTest runs.
 inline constexpr int kHmacSha1SelfTestCases = 7;
 
 // Runs the seven RFC 2202 HMAC-SHA-1 test cases and compares each MAC with the RFC's value.
-// Returns 0 when all match; otherwise bit (n - 1) is set for every case n (1..7) that did not match,
-// so a diagnostic can name the failing cases. A diagnostic entry: nothing in the service calls it.
+// Returns 0 when all match; otherwise bit (n - 1) is set for every case n (1..7) that did not
+// match, so a diagnostic can name the failing cases. A diagnostic entry: nothing in the service
+// calls it.
 [[nodiscard]] UINT32 HMAC_SHA1_SelfTest();
 
 }  // namespace kesttcs
