@@ -1,0 +1,153 @@
+// Reads "tcs_cfg.ini" with inih and applies each key's default and value rules.
+#include "service/config.h"
+
+#include <ini.h>
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <climits>
+#include <map>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "service/logging.h"
+
+namespace kesttcs {
+namespace {
+
+// Longest Unix socket path (sun_path holds 108 bytes with the terminator).
+constexpr std::size_t kMaxSocketPath = 107;
+constexpr std::size_t kMaxGroupName = 32;
+// needLog is read into a 100-byte buffer, so longer values are cut before they are interpreted.
+constexpr std::size_t kNeedLogBuffer = 100;
+
+std::string Lower(std::string_view s) {
+  std::string out(s);
+  std::transform(out.begin(), out.end(), out.begin(),
+                 [](unsigned char c) { return char(std::tolower(c)); });
+  return out;
+}
+
+// Values as the profile reader returns them: the first occurrence of each (section, key), names
+// folded to lower case, one pair of enclosing quotes removed.
+using Profile = std::map<std::pair<std::string, std::string>, std::string>;
+
+int CollectValue(void* user, const char* section, const char* name, const char* value) {
+  std::string_view v(value);
+  if (v.size() >= 2 && (v.front() == '"' || v.front() == '\'') && v.back() == v.front()) {
+    v = v.substr(1, v.size() - 2);
+  }
+  static_cast<Profile*>(user)->emplace(std::make_pair(Lower(section), Lower(name)), std::string(v));
+  return 1;
+}
+
+void WarnBadValue(const char* section, const char* key, const std::string& value,
+                  const char* used) {
+  const std::string text = std::string("tcs_cfg.ini: bad value \"") + value + "\" for [" + section +
+                           "] " + key + "; the default \"" + used + "\" is used";
+  const char* strings[] = {text.c_str()};
+  ReportServiceEvent(kEventBadConfigValue, 0, 1, strings);
+}
+
+// The leading decimal integer of `s` (optional sign), saturated to int; nullopt when there is none.
+std::optional<int> LeadingInteger(std::string_view s) {
+  std::size_t i = 0;
+  while (i < s.size() && std::isspace(static_cast<unsigned char>(s[i]))) ++i;
+  bool negative = false;
+  if (i < s.size() && (s[i] == '+' || s[i] == '-')) negative = s[i++] == '-';
+  if (i == s.size() || !std::isdigit(static_cast<unsigned char>(s[i]))) return std::nullopt;
+  long long magnitude = 0;
+  for (; i < s.size() && std::isdigit(static_cast<unsigned char>(s[i])); ++i) {
+    magnitude = std::min<long long>(magnitude * 10 + (s[i] - '0'), 1LL + INT_MAX);
+  }
+  if (negative) return int(std::max<long long>(-magnitude, INT_MIN));
+  return int(std::min<long long>(magnitude, INT_MAX));
+}
+
+std::optional<unsigned> Decimal(std::string_view s, unsigned max) {
+  unsigned value = 0;
+  const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), value);
+  if (ec != std::errc() || end != s.data() + s.size() || value > max) return std::nullopt;
+  return value;
+}
+
+bool StartsWith(std::string_view s, std::string_view prefix) {
+  return s.substr(0, prefix.size()) == prefix;
+}
+
+bool ValidBackend(std::string_view v) {
+  if (v == "auto" || v == "libtpms") return true;
+  for (std::string_view kind : {"libtpms:", "swtpm:unix:", "device:", "tddl:"}) {
+    if (StartsWith(v, kind)) return v.size() > kind.size();
+  }
+  if (StartsWith(v, "swtpm:tcp:")) {
+    const std::string_view rest = v.substr(10);
+    const std::size_t colon = rest.rfind(':');
+    if (colon == std::string_view::npos || colon == 0) return false;
+    const std::optional<unsigned> port = Decimal(rest.substr(colon + 1), 65535);
+    return port && *port != 0;
+  }
+  return false;
+}
+
+bool ValidVendor(std::string_view v) {
+  return v.size() == 3 &&
+         std::all_of(v.begin(), v.end(), [](unsigned char c) { return c >= 0x20 && c <= 0x7e; });
+}
+
+bool ValidGroup(std::string_view v) {
+  return v.size() <= kMaxGroupName && v.front() != '-' &&
+         std::all_of(v.begin(), v.end(), [](unsigned char c) {
+           return std::isalnum(c) || c == '_' || c == '-' || c == '.';
+         });
+}
+
+bool ValidSocket(std::string_view v) { return v.front() == '/' && v.size() <= kMaxSocketPath; }
+
+// Applies one key: an absent or empty value keeps the default silently; a value `valid` refuses
+// keeps the default and warns; any other value goes to `apply`.
+template <typename Valid, typename Apply>
+void ReadKey(const Profile& profile, const char* section, const char* key, const char* fallback,
+             Valid valid, Apply apply) {
+  const auto it = profile.find({Lower(section), Lower(key)});
+  if (it == profile.end() || it->second.empty()) return;
+  if (valid(it->second)) {
+    apply(it->second);
+  } else {
+    WarnBadValue(section, key, it->second, fallback);
+  }
+}
+
+}  // namespace
+
+TcsConfig ReadTcsConfig(const std::string& path) {
+  TcsConfig config;
+  Profile profile;
+  if (ini_parse(path.c_str(), CollectValue, &profile) < 0) return config;
+
+  ReadKey(
+      profile, "LOG", "needLog", "0",
+      [](std::string_view v) {
+        return LeadingInteger(v.substr(0, kNeedLogBuffer - 1)).has_value();
+      },
+      [&](std::string_view v) {
+        config.needLog = *LeadingInteger(v.substr(0, kNeedLogBuffer - 1)) > 0;
+      });
+  ReadKey(profile, "TPM", "backend", "auto", ValidBackend,
+          [&](std::string_view v) { config.backend = v; });
+  ReadKey(profile, "TPM", "vendor", "KST", ValidVendor,
+          [&](std::string_view v) { std::copy(v.begin(), v.end(), config.vendor.begin()); });
+  ReadKey(profile, "RPC", "socket", "", ValidSocket,
+          [&](std::string_view v) { config.socket = v; });
+  ReadKey(profile, "RPC", "group", "tss", ValidGroup,
+          [&](std::string_view v) { config.group = v; });
+  ReadKey(
+      profile, "RPC", "tcp_port", "0",
+      [](std::string_view v) { return Decimal(v, 65535).has_value(); },
+      [&](std::string_view v) { config.tcpPort = UINT16(*Decimal(v, 65535)); });
+  return config;
+}
+
+}  // namespace kesttcs
