@@ -32,8 +32,8 @@ using TraceSink = std::function<void(std::string_view line)>;
 void SetTraceSink(TraceSink sink);
 // Sink writing each line to stderr (the default, and the host's choice in -debug).
 TraceSink StderrTraceSink();
-// Sink writing each line to the journal at debug priority under the identifier "KestTCS" (the
-// host's choice when running as a service).
+// Sink writing each line to the journal at debug priority under the identifier "KestTCS", or to
+// stderr when the journal refuses it (the host's choice when running as a service).
 TraceSink JournalTraceSink();
 
 // Writes "TCS:<text>\n", or "TCS:<text> result = 0x%.8x\n" when pResult is not null, to the trace

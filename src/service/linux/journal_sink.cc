@@ -47,8 +47,10 @@ std::string MessageOf(const ServiceEvent& event) {
 TraceSink JournalTraceSink() {
   return [](std::string_view line) {
     if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
-    sd_journal_send("MESSAGE=%.*s", int(line.size()), line.data(), "PRIORITY=%d", LOG_DEBUG,
-                    "SYSLOG_IDENTIFIER=%s", kIdentifier, nullptr);
+    const int rc = sd_journal_send("MESSAGE=%.*s", int(line.size()), line.data(), "PRIORITY=%d",
+                                   LOG_DEBUG, "SYSLOG_IDENTIFIER=%s", kIdentifier, nullptr);
+    // Without a journal the line still reaches whoever collects the service's stderr.
+    if (rc < 0) std::fprintf(stderr, "%.*s\n", int(line.size()), line.data());
   };
 }
 
