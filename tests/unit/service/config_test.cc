@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "service/logging.h"
@@ -15,8 +16,6 @@ namespace kesttcs {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 class ConfigTest : public ::testing::Test {
  protected:
@@ -38,7 +37,7 @@ class ConfigTest : public ::testing::Test {
     return ReadTcsConfig(file.string());
   }
 
-  void ExpectDefaults(const TcsConfig& config) {
+  static void ExpectDefaults(const TcsConfig& config) {
     EXPECT_FALSE(config.needLog);
     EXPECT_EQ(config.backend, "auto");
     EXPECT_STREQ(config.vendor.data(), "KST");
@@ -51,36 +50,26 @@ class ConfigTest : public ::testing::Test {
   fs::path dir_;
 };
 
-TEST_F(ConfigTest, MissingOrEmptyFileGivesDefaults) {
+TEST_F(ConfigTest, MissingEmptyOrShippedFileGivesDefaults) {
   ExpectDefaults(ReadTcsConfig((dir_ / kConfigFileName).string()));
-  ExpectDefaults(Read(""));
   ExpectDefaults(Read("[LOG]\n[TPM]\nbackend=\nvendor=\n[RPC]\nsocket=\ngroup=\ntcp_port=\n"));
   ExpectDefaults(Read("garbage line without equals\n[unclosed\n"));
+  ExpectDefaults(ReadTcsConfig(std::string(KESTTCS_SOURCE_DIR) + "/packaging/tcs_cfg.ini"));
   EXPECT_TRUE(events_.empty());
 }
 
 TEST_F(ConfigTest, EveryKeyIsReadWithProfileRules) {
   const TcsConfig config = Read(
-      "; sample\n"
-      "[log]\n"
-      "NEEDLOG = 1\n"
-      "needLog = 0\n"  // the first occurrence wins
-      "[Tpm]\n"
-      "backend=swtpm:tcp:localhost:2321\n"
-      "vendor=\"AB \"\n"
-      "[RPC]\n"
-      "socket=/run/kesttcs/KestTCS\n"
-      "group=kest-users\n"
-      "tcp_port=65535\n");
+      "[log]\nNEEDLOG = 1\nneedLog = 0\n"  // names fold case; the first occurrence wins
+      "[Tpm]\nbackend=swtpm:tcp:localhost:2321\nvendor=\"AB \"\n"
+      "[RPC]\nsocket=/run/kesttcs/KestTCS\ngroup=kest-users\ntcp_port=65535\n");
   EXPECT_TRUE(config.needLog);
   EXPECT_EQ(config.backend, "swtpm:tcp:localhost:2321");
   EXPECT_STREQ(config.vendor.data(), "AB ");
   EXPECT_EQ(config.socket, "/run/kesttcs/KestTCS");
   EXPECT_EQ(config.group, "kest-users");
   EXPECT_EQ(config.tcpPort, 65535);
-  EXPECT_TRUE(events_.empty());
-
-  for (const char* backend : {"auto", "libtpms", "libtpms:/var/lib/kesttcs/tpm",
+  for (const char* backend : {"libtpms", "libtpms:/var/lib/kesttcs/tpm",
                               "swtpm:unix:/run/swtpm.sock", "device:/dev/tpm0", "tddl:/x.so"}) {
     EXPECT_EQ(Read(std::string("[TPM]\nbackend=") + backend + "\n").backend, backend);
   }
@@ -88,17 +77,15 @@ TEST_F(ConfigTest, EveryKeyIsReadWithProfileRules) {
 }
 
 TEST_F(ConfigTest, NeedLogTakesTheLeadingInteger) {
-  struct Case {
-    const char* value;
-    bool on;
-    bool warns;
-  } cases[] = {{"1", true, false},           {"7", true, false},   {"5abc", true, false},
-               {"99999999999", true, false}, {"0", false, false},  {"-3", false, false},
-               {"+2", true, false},          {"abc", false, true}, {"0x10", false, false}};
-  for (const Case& c : cases) {
+  // Value, logging on, warning reported.
+  const std::tuple<const char*, bool, bool> cases[] = {
+      {"7", true, false},  {"5abc", true, false}, {"99999999999", true, false},
+      {"0", false, false}, {"-3", false, false},  {"0x10", false, false},
+      {"abc", false, true}};
+  for (const auto& [value, on, warns] : cases) {
     events_.clear();
-    EXPECT_EQ(Read(std::string("[LOG]\nneedLog=") + c.value + "\n").needLog, c.on) << c.value;
-    EXPECT_EQ(events_.size(), c.warns ? 1u : 0u) << c.value;
+    EXPECT_EQ(Read(std::string("[LOG]\nneedLog=") + value + "\n").needLog, on) << value;
+    EXPECT_EQ(events_.size(), warns ? 1u : 0u) << value;
   }
   // The value is cut to 99 characters before it is read.
   EXPECT_FALSE(Read("[LOG]\nneedLog=" + std::string(99, '0') + "1\n").needLog);
@@ -106,44 +93,27 @@ TEST_F(ConfigTest, NeedLogTakesTheLeadingInteger) {
 }
 
 TEST_F(ConfigTest, BadValuesGiveDefaultsAndNameTheKey) {
-  const TcsConfig config = Read(
-      "[TPM]\n"
-      "backend=swtpm:tcp:localhost:0\n"
-      "vendor=TOOLONG\n"
-      "[RPC]\n"
-      "socket=relative/path\n"
-      "group=bad group\n"
-      "tcp_port=70000\n");
-  ExpectDefaults(config);
-  ASSERT_EQ(events_.size(), 5u);
+  ExpectDefaults(
+      Read("[TPM]\nbackend=swtpm:tcp:localhost:0\nvendor=TOOLONG\n"
+           "[RPC]\nsocket=relative/path\ngroup=bad group\ntcp_port=70000\n"));
   const char* keys[] = {"[TPM] backend", "[TPM] vendor", "[RPC] socket", "[RPC] group",
                         "[RPC] tcp_port"};
+  ASSERT_EQ(events_.size(), 5u);
   for (std::size_t i = 0; i < events_.size(); ++i) {
     EXPECT_EQ(events_[i].type, kEventWarning);
     EXPECT_EQ(events_[i].eventCode, kEventBadConfigValue);
-    ASSERT_EQ(events_[i].strings.size(), 1u);
-    EXPECT_THAT(events_[i].strings[0], HasSubstr(keys[i]));
+    EXPECT_THAT(events_[i].strings, ::testing::ElementsAre(::testing::HasSubstr(keys[i])));
   }
-  EXPECT_THAT(events_[4].strings[0], HasSubstr("\"70000\""));
 
   events_.clear();
-  for (const char* backend : {"tpm2", "libtpms:", "swtpm:tcp:host", "swtpm:tcp::2321",
-                              "swtpm:tcp:h:65536", "device:", "AUTO"}) {
+  for (const char* backend : {"tpm2", "AUTO", "libtpms:", "device:", "swtpm:tcp:host",
+                              "swtpm:tcp::1", "swtpm:tcp:h:65536"}) {
     EXPECT_EQ(Read(std::string("[TPM]\nbackend=") + backend + "\n").backend, "auto") << backend;
   }
-  EXPECT_EQ(events_.size(), 7u);
-  events_.clear();
   EXPECT_EQ(Read("[RPC]\nsocket=/" + std::string(107, 's') + "\n").socket, "");
   EXPECT_EQ(Read("[RPC]\ntcp_port=-1\n").tcpPort, 0);
   EXPECT_EQ(Read("[RPC]\ngroup=-x\n").group, "tss");
-  EXPECT_EQ(events_.size(), 3u);
-}
-
-TEST_F(ConfigTest, ShippedSampleReadsWithoutWarnings) {
-  const TcsConfig config =
-      ReadTcsConfig(std::string(KESTTCS_SOURCE_DIR) + "/packaging/tcs_cfg.ini");
-  ExpectDefaults(config);
-  EXPECT_TRUE(events_.empty());
+  EXPECT_EQ(events_.size(), 10u);
 }
 
 }  // namespace
