@@ -1,7 +1,8 @@
 // The service configuration file "tcs_cfg.ini" in the home directory, read once at start-up in the
 // manner of Windows profile reads: section and key names match case-insensitively, the first
-// occurrence of a key wins, and every key has a default used when the file, the section or the key
-// is absent. A value that does not fit its key gives that key's default and a warning event.
+// occurrence of a key wins, and every key has a default used when the file, the section, the key or
+// its value is absent. A value that does not fit its key gives that key's default and a warning
+// event.
 //
 //   [LOG]  needLog   decimal integer; greater than 0 turns diagnostic logging on   (default 0)
 //   [TPM]  backend   auto | libtpms[:DIR] | swtpm:tcp:HOST:PORT | swtpm:unix:PATH |
