@@ -29,16 +29,16 @@ inline constexpr TCS_CONTEXT_HANDLE kInternalContextHandle = 0x30000000;
 struct ContextHooks {
   // Key cache: a context now references `keyHandle`. Its result is ctx_AddKeyReference's result.
   // Called with the context-list mutex held.
-  std::function<TSS_RESULT(TCS_KEY_HANDLE keyHandle)> addKeyReference;
+  std::function<TSS_RESULT(TCS_KEY_HANDLE keyHandle)> addKeyReference{};
   // Key cache: a closing context no longer references `keyHandle`. Called with the context-list
   // mutex held, once per key the context referenced, newest reference first.
-  std::function<void(TCS_KEY_HANDLE keyHandle)> dropKeyReference;
+  std::function<void(TCS_KEY_HANDLE keyHandle)> dropKeyReference{};
   // Key cache: release the keys that no context references any more. Called without the mutex.
-  std::function<void()> releaseUnreferencedKeys;
+  std::function<void()> releaseUnreferencedKeys{};
   // Session manager: release every authorisation session `hContext` owns. Called without the mutex.
-  std::function<void(TCS_CONTEXT_HANDLE hContext)> releaseContextSessions;
+  std::function<void(TCS_CONTEXT_HANDLE hContext)> releaseContextSessions{};
   // Transport: end the exclusive transport session if `hContext` owns it. Called without the mutex.
-  std::function<void(TCS_CONTEXT_HANDLE hContext)> endExclusiveTransport;
+  std::function<void(TCS_CONTEXT_HANDLE hContext)> endExclusiveTransport{};
 };
 
 // Creates the empty context list and memory table; the handle counter starts at 0xA0000000,
