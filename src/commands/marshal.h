@@ -264,7 +264,8 @@ BlobReader ResponseParams(std::span<const BYTE> blob, UINT32 paramSize) noexcept
 // TSS_PCR_EVENT: versionInfo (4), ulPcrIndex, eventType, ulPcrValueLength, rgbPcrValue,
 // ulEventLength, rgbEvent. LoadBlob_PCR_EVENT reads the two arrays through the record's pointers
 // (a null pointer with a nonzero length gives TCS_E_BAD_PARAMETER). UnloadBlob_PCR_EVENT allocates
-// the arrays with new[] (length 0: null); release them with free_PCR_EVENT.
+// the arrays with new[] (length 0: null) over whatever the record pointed to before, which is not
+// released; release them with free_PCR_EVENT.
 [[nodiscard]] TSS_RESULT LoadBlob_PCR_EVENT(BlobWriter& blob, const TSS_PCR_EVENT& in) noexcept;
 [[nodiscard]] TSS_RESULT UnloadBlob_PCR_EVENT(BlobReader& blob, TSS_PCR_EVENT* out) noexcept;
 // Deletes rgbPcrValue and rgbEvent, sets both to null and both lengths to 0.
