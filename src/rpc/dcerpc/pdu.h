@@ -8,6 +8,7 @@
 #pragma once
 
 #include <array>
+#include <compare>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -30,7 +31,7 @@ struct Uuid {
   static std::optional<Uuid> Parse(std::string_view text);
   std::string ToString() const;  // lower case, dashed
   bool IsNil() const { return *this == Uuid{}; }
-  friend bool operator==(const Uuid&, const Uuid&) = default;
+  friend auto operator<=>(const Uuid&, const Uuid&) = default;
 };
 
 // An interface or transfer syntax: UUID plus major.minor version.
@@ -38,7 +39,7 @@ struct SyntaxId {
   Uuid uuid;
   uint16_t major = 0;
   uint16_t minor = 0;
-  friend bool operator==(const SyntaxId&, const SyntaxId&) = default;
+  friend auto operator<=>(const SyntaxId&, const SyntaxId&) = default;
 };
 
 // NDR 2.0, the only transfer syntax this runtime speaks.
@@ -104,7 +105,8 @@ inline constexpr uint32_t kNcaOpRangeError = 0x1c010002;  // nca_s_op_rng_error
 inline constexpr uint32_t kNcaUnknownInterface = 0x1c010003;  // nca_s_unk_if
 inline constexpr uint32_t kNcaProtocolError = 0x1c01000b;  // nca_s_proto_error
 inline constexpr uint32_t kRpcBadStubData = 0x000006f7;  // rpc_x_bad_stub_data
-inline constexpr uint32_t kRpcServerTooBusy = 0x000006bb;  // rpc_s_server_too_busy
+inline constexpr uint32_t kNcaFaultUnspecified = 0x1c000012;  // nca_s_fault_unspec
+inline constexpr uint32_t kNcaFaultRemoteNoMemory = 0x1c00001b;  // nca_s_fault_remote_no_memory
 
 // The 16-byte common header.
 struct PduHeader {

@@ -1,0 +1,147 @@
+// The server side of one connection-oriented DCE/RPC association, without any I/O: bytes from the
+// client go in, PDUs to send and complete calls to dispatch come out. The server's event loop owns
+// one per connection; the fuzzer drives it directly.
+//
+// Rules this engine applies:
+// - A fragment longer than the negotiated receive size (kMaxFragmentSize before the bind), a header
+//   that does not parse, a PDU type a client never sends, or a body that runs past its fragment
+//   closes the connection (the engine reports kClose after queuing nothing further).
+// - bind: each presentation context is answered on its own. NDR 2.0 is accepted for a registered
+//   interface; NDR64 alone (or any other syntax) gets a provider rejection "proposed transfer
+//   syntaxes not supported"; an unregistered interface gets "abstract syntax not supported"; a
+//   bind-time feature negotiation context gets negotiate_ack with the features both sides
+//   support. When no context is accepted the bind is answered with bind_nak instead and the
+//   connection stays unbound, so the client may bind again. A bind that carries authentication is
+//   refused with bind_nak "authentication type not recognized".
+// - alter_context adds contexts to a bound association and is answered with alter_context_resp.
+// - request fragments are reassembled up to kMaxRequestStub bytes; a request on an unknown context
+//   gets fault nca_s_unk_if, one above the cap fault nca_s_fault_remote_no_memory, each after its
+//   last fragment arrived. A request before any bind gets fault nca_s_proto_error.
+// - orphaned drops a call still being reassembled; co_cancel, auth3 and shutdown are ignored (a
+//   running call cannot be cancelled).
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "rpc/dcerpc/ndr.h"
+#include "rpc/dcerpc/pdu.h"
+
+namespace kesttcs::dcerpc {
+
+// The largest request stub (all fragments together) the server accepts.
+inline constexpr size_t kMaxRequestStub = 1024 * 1024;
+
+enum class Transport : uint8_t { kUnixStream, kTcp };
+
+// Who is on the other end of a connection.
+struct PeerIdentity {
+  uint64_t connection_id = 0;  // unique for the server's lifetime, never 0
+  Transport transport = Transport::kUnixStream;
+  // Peer credentials taken when the connection was accepted (Unix socket only).
+  bool has_credentials = false;
+  pid_t pid = 0;
+  uid_t uid = 0;
+  gid_t gid = 0;
+};
+
+// Everything a handler learns about a call besides its stub data.
+struct CallInfo {
+  PeerIdentity peer;
+  uint32_t call_id = 0;
+  uint16_t context_id = 0;
+  std::optional<Uuid> object;
+  // Byte order of the request stub data (the response is always little-endian).
+  ByteOrder byte_order = ByteOrder::kLittle;
+};
+
+// Serves one interface. Reads `stub_in` (NDR 2.0 in info.byte_order) and appends the response
+// stub to `stub_out` (which starts empty; NdrWriter aligns relative to its start). Returns 0 for
+// success or the fault status to send instead of the response: kNcaOpRangeError for an opnum the
+// interface does not have, kRpcBadStubData for stub data that does not unmarshal. Runs on a
+// worker thread, possibly alongside other calls of the same interface.
+using InterfaceHandler = std::function<uint32_t(const CallInfo& info, uint16_t opnum,
+                                                std::span<const uint8_t> stub_in,
+                                                std::vector<uint8_t>& stub_out)>;
+
+// Registered interfaces by syntax (UUID and major.minor version). Read-only while serving.
+using InterfaceRegistry = std::map<SyntaxId, InterfaceHandler>;
+
+// A complete request ready for its handler.
+struct PendingCall {
+  CallInfo info;
+  uint16_t opnum = 0;
+  std::vector<uint8_t> stub;
+  const InterfaceHandler* handler = nullptr;  // points into the registry
+};
+
+class Association {
+ public:
+  enum class Step {
+    kNeedMore,  // no whole fragment left; feed more bytes
+    kCall,      // `call` holds a request to dispatch; complete it before asking for more
+    kClose,     // protocol error: send what is queued, then close the connection
+  };
+
+  // `registry` must outlive the association. `secondary_address` goes into bind_ack (the TCP port
+  // or socket path); `assoc_group_id` is offered to a client that asks for a new group.
+  Association(const InterfaceRegistry& registry, PeerIdentity peer, std::string secondary_address,
+              uint32_t assoc_group_id);
+
+  // Appends bytes read from the connection.
+  void Feed(std::span<const uint8_t> bytes) { input_.insert(input_.end(), bytes.begin(), bytes.end()); }
+
+  // Consumes whole fragments, appending any PDUs to send (bind_ack, faults, ...) to `output`,
+  // until a call is complete (kCall, `call` filled in), the input runs out (kNeedMore) or the
+  // connection must close (kClose; every later Next also returns kClose).
+  Step Next(std::vector<uint8_t>& output, PendingCall& call);
+
+  // Appends the response (fragmented to the negotiated transmit size) or, when status != 0, a
+  // fault for a call Next returned.
+  void Complete(const PendingCall& call, uint32_t status, std::span<const uint8_t> stub_out,
+                std::vector<uint8_t>& output) const;
+
+  // Bytes fed but not yet consumed.
+  size_t buffered() const { return input_.size() - input_pos_; }
+
+ private:
+  struct Context {
+    const InterfaceHandler* handler = nullptr;
+  };
+  // A request whose fragments are still arriving.
+  struct Assembly {
+    PendingCall call;
+    uint32_t fault = 0;  // non-zero: answer with this fault once the last fragment arrives
+  };
+
+  Step HandleBind(const PduHeader& header, std::span<const uint8_t> fragment,
+                  std::vector<uint8_t>& output);
+  Step HandleRequest(const PduHeader& header, std::span<const uint8_t> fragment,
+                     std::vector<uint8_t>& output, PendingCall& call);
+  // Answers every context of a bind or alter_context; accepted ones are added to contexts_.
+  std::vector<ContextResult> AnswerContexts(const BindPdu& bind);
+
+  const InterfaceRegistry& registry_;
+  PeerIdentity peer_;
+  std::string secondary_address_;
+  uint32_t assoc_group_id_;
+  std::vector<uint8_t> input_;
+  size_t input_pos_ = 0;
+  bool closed_ = false;
+  bool bound_ = false;
+  uint16_t max_xmit_ = kMaxFragmentSize;
+  uint16_t max_recv_ = kMaxFragmentSize;
+  std::map<uint16_t, Context> contexts_;
+  std::optional<Assembly> assembly_;
+  // The last call the client orphaned; its remaining fragments are dropped.
+  std::optional<uint32_t> orphaned_call_;
+};
+
+}  // namespace kesttcs::dcerpc

@@ -1,0 +1,79 @@
+// The DCE/RPC server: listens on a Unix stream socket and optionally on 127.0.0.1 TCP, runs the
+// connection-oriented protocol for every connection, and dispatches complete requests to the
+// registered interface handlers on a pool of worker threads.
+//
+// Threads: one event-loop thread does all socket I/O and protocol work (epoll); handlers and the
+// connection-closed callback run on worker threads, started on demand up to max_calls and kept
+// until Stop. A connection runs one call at a time (clients send the next request after the
+// response); while its call runs the loop neither reads from it nor blocks on it, so a slow call
+// holds up only its own connection. Calls beyond max_calls wait for a free worker.
+//
+// Limits: fragments up to kMaxFragmentSize (5840 bytes), request stubs up to kMaxRequestStub
+// (1 MiB, larger ones get a fault), max_connections open connections (further ones are accepted
+// and closed at once). A client that stops reading its responses stops being read.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "rpc/dcerpc/association.h"
+
+namespace kesttcs::dcerpc {
+
+// Where the service's socket lives by default: "$RUNTIME_DIRECTORY/KestTCS", else
+// "/run/kesttcs/KestTCS" when /run/kesttcs exists or can be created, else
+// "$XDG_RUNTIME_DIR/KestTCS". An empty result means none of them is usable.
+std::string DefaultSocketPath();
+
+struct ServerOptions {
+  // Unix stream socket path; empty for none. A stale socket at the path is replaced; the parent
+  // directory is created (0755) when missing. The socket gets mode 0660.
+  std::string unix_path;
+  // Group owning the socket; unset keeps the process's group.
+  std::optional<gid_t> socket_group;
+  // TCP port on 127.0.0.1; unset for no TCP listener, 0 for any free port (see tcp_port()).
+  std::optional<uint16_t> tcp_port;
+  // Calls served at once (worker threads at most).
+  size_t max_calls = 1000;
+  size_t max_connections = 4096;
+};
+
+// Called on a worker thread once a connection has closed and its call (if any) has finished.
+using ConnectionClosedCallback = std::function<void(const PeerIdentity& peer)>;
+
+class Server {
+ public:
+  Server();
+  ~Server();  // stops the server if it runs
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  // Registers an interface before Start. Returns false when it is already registered or the
+  // server runs.
+  [[nodiscard]] bool RegisterInterface(const SyntaxId& iface, InterfaceHandler handler);
+  // Sets the callback for closed connections before Start.
+  void SetConnectionClosedCallback(ConnectionClosedCallback callback);
+
+  // Opens the listeners and starts serving. Returns 0, or the errno of the socket call that
+  // failed (nothing is left open then). Fails with EALREADY when already started.
+  [[nodiscard]] int Start(const ServerOptions& options);
+  // The bound TCP port (useful with tcp_port = 0); 0 without a TCP listener.
+  uint16_t tcp_port() const;
+  // Stops listening (the Unix socket file is removed), stops reading requests, lets calls in
+  // flight finish, closes every connection (each one's closed callback runs), and joins all
+  // threads. Safe to call more than once and from any thread but a handler.
+  void Stop();
+  // Blocks until Stop has finished (returns at once when the server is not running).
+  void Wait();
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kesttcs::dcerpc
