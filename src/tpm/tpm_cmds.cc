@@ -1,0 +1,72 @@
+#include "tpm/tpm_cmds.h"
+
+#include <array>
+#include <atomic>
+
+#include "commands/marshal.h"
+#include "service/logging.h"
+#include "tpm/req_mgr.h"
+#include "tpm/tpm_backend.h"
+
+namespace kesttcs {
+
+namespace {
+
+std::atomic<bool> g_tpm_is_12{true};
+
+// Finishes the command in `writer` (header last), sends it and maps the answer.
+TSS_RESULT Exchange(BlobWriter& writer, UINT32 ordinal, UINT32 priority) {
+  std::span<BYTE> buffer = writer.blob();
+  if (TSS_RESULT rc = LoadBlob_Header(TPM_TAG_RQU_COMMAND, writer.offset(), ordinal, buffer)) {
+    return rc;
+  }
+  std::array<BYTE, kTpmBlobSize> response;
+  UINT32 length = 0;
+  TSS_RESULT result = transmit_timed(writer.written(), response, &length, priority);
+  if (result != TSS_SUCCESS) return result;
+  UINT32 paramSize = 0;
+  return UnloadBlob_Header(std::span<const BYTE>(response.data(), length), &paramSize);
+}
+
+}  // namespace
+
+void SetTpmIsVersion12(bool isVersion12) { g_tpm_is_12 = isVersion12; }
+bool TpmIsVersion12() { return g_tpm_is_12; }
+
+TSS_RESULT SendContinueSelfTest() {
+  std::array<BYTE, kTpmBlobSize> command;
+  BlobWriter writer(command, kTpmHeaderSize);
+  return Exchange(writer, TPM_ORD_ContinueSelfTest, kPriorityHigh);
+}
+
+TSS_RESULT SendStartup(UINT16 startupType) {
+  std::array<BYTE, kTpmBlobSize> command;
+  BlobWriter writer(command, kTpmHeaderSize);
+  if (TSS_RESULT rc = LoadBlob_UINT16(writer, startupType)) return rc;
+  return Exchange(writer, TPM_ORD_Startup, kPriorityHigh);
+}
+
+TSS_RESULT ReleaseTpmHandle(UINT32 handle, UINT32 resourceType) {
+  std::array<BYTE, kTpmBlobSize> command;
+  BlobWriter writer(command, kTpmHeaderSize);
+  if (TpmIsVersion12()) {
+    if (TSS_RESULT rc = LoadBlobs(writer, handle, resourceType)) return rc;
+    return Exchange(writer, TPM_ORD_FlushSpecific, kPriorityNormal);
+  }
+  if (TSS_RESULT rc = LoadBlob_UINT32(writer, handle)) return rc;
+  return Exchange(writer, TPM_ORD_Terminate_Handle, kPriorityNormal);
+}
+
+TSS_RESULT RunTpmStartupSequence() {
+  TSS_RESULT result = SendContinueSelfTest();
+  TcsTrace("ContinueSelfTest ", &result);
+  if ((result & 0xFFFF) != TPM_INVALID_POSTINIT) return result;
+  result = SendStartup(TPM_ST_CLEAR);
+  TcsTrace("StartupTPM", &result);
+  if (result != TSS_SUCCESS) return result;
+  result = SendContinueSelfTest();
+  TcsTrace("ContinueSelfTest ", &result);
+  return result;
+}
+
+}  // namespace kesttcs

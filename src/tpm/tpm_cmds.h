@@ -1,0 +1,38 @@
+// The few TPM commands the TPM access layer sends on its own: the start-up sequence, and the
+// release of a session left behind by a failed exchange. Each builds its command in a local
+// 4096-byte buffer and sends it with transmit_timed; the caller holds the TPM lock (LockTPM).
+#pragma once
+
+#include <kesttcs/tcs_types.h>
+
+#include "rpc/result_codes.h"
+
+namespace kesttcs {
+
+inline constexpr UINT32 TPM_ORD_ContinueSelfTest = 0x53;
+inline constexpr UINT32 TPM_ORD_Startup = 0x99;
+inline constexpr UINT32 TPM_ORD_FlushSpecific = 0xBA;
+inline constexpr UINT32 TPM_ORD_Terminate_Handle = 0x96;
+inline constexpr UINT16 TPM_ST_CLEAR = 1;
+inline constexpr UINT32 TPM_RT_AUTH = 2;
+inline constexpr UINT32 TPM_RT_TRANS = 4;
+
+// Whether the TPM reported version 1.2 (set by the metrics at start-up; true until then). Chooses
+// TPM_FlushSpecific over TPM_Terminate_Handle.
+void SetTpmIsVersion12(bool isVersion12);
+bool TpmIsVersion12();
+
+// TPM_ContinueSelfTest at high priority. The driver's result, else the mapped TPM result.
+[[nodiscard]] TSS_RESULT SendContinueSelfTest();
+// TPM_Startup(startupType) at high priority. The driver's result, else the mapped TPM result.
+[[nodiscard]] TSS_RESULT SendStartup(UINT16 startupType);
+// Drops a session or other resource from the TPM at normal priority: TPM_FlushSpecific(handle,
+// resourceType) on a TPM 1.2, TPM_Terminate_Handle(handle) otherwise. Result as above.
+TSS_RESULT ReleaseTpmHandle(UINT32 handle, UINT32 resourceType);
+
+// The TPM start-up sequence: ContinueSelfTest (traced "ContinueSelfTest "); when its result's low
+// 16 bits are TPM_INVALID_POSTINIT, Startup(ST_CLEAR) (traced "StartupTPM") and, when that worked,
+// ContinueSelfTest again. Returns the last command's result.
+TSS_RESULT RunTpmStartupSequence();
+
+}  // namespace kesttcs
