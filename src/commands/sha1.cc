@@ -26,33 +26,32 @@ void StoreBigEndian32(UINT32 value, BYTE* p) {
   p[3] = static_cast<BYTE>(value);
 }
 
+// One SHA-1 round with round function value `f`; rotates the five working words.
+inline void Round(std::array<UINT32, 5>& v, UINT32 f, UINT32 k, UINT32 w) {
+  const UINT32 temp = std::rotl(v[0], 5) + f + v[4] + w + k;
+  v[4] = v[3];
+  v[3] = v[2];
+  v[2] = std::rotl(v[1], 30);
+  v[1] = v[0];
+  v[0] = temp;
+}
+
 void ProcessBlock(std::array<UINT32, 5>& chain, const BYTE* block) {
   std::array<UINT32, 80> w;
   for (int t = 0; t < 16; ++t) w[t] = LoadBigEndian32(block + 4 * t);
   for (int t = 16; t < 80; ++t) w[t] = std::rotl(w[t - 3] ^ w[t - 8] ^ w[t - 14] ^ w[t - 16], 1);
 
-  UINT32 a = chain[0], b = chain[1], c = chain[2], d = chain[3], e = chain[4];
-  for (int t = 0; t < 80; ++t) {
-    UINT32 f;
-    if (t < 20) {
-      f = (b & c) | (~b & d);
-    } else if (t < 40 || t >= 60) {
-      f = b ^ c ^ d;
-    } else {
-      f = (b & c) | (b & d) | (c & d);
-    }
-    const UINT32 temp = std::rotl(a, 5) + f + e + w[t] + kRoundConstants[t / 20];
-    e = d;
-    d = c;
-    c = std::rotl(b, 30);
-    b = a;
-    a = temp;
+  // Four loops of twenty rounds, one per round function, so the loops carry no branch.
+  std::array<UINT32, 5> v = chain;
+  for (int t = 0; t < 20; ++t) {
+    Round(v, (v[1] & v[2]) | (~v[1] & v[3]), kRoundConstants[0], w[t]);
   }
-  chain[0] += a;
-  chain[1] += b;
-  chain[2] += c;
-  chain[3] += d;
-  chain[4] += e;
+  for (int t = 20; t < 40; ++t) Round(v, v[1] ^ v[2] ^ v[3], kRoundConstants[1], w[t]);
+  for (int t = 40; t < 60; ++t) {
+    Round(v, (v[1] & v[2]) | (v[1] & v[3]) | (v[2] & v[3]), kRoundConstants[2], w[t]);
+  }
+  for (int t = 60; t < 80; ++t) Round(v, v[1] ^ v[2] ^ v[3], kRoundConstants[3], w[t]);
+  for (std::size_t i = 0; i < chain.size(); ++i) chain[i] += v[i];
 }
 
 // The 64-byte HMAC key block: the key itself up to 64 bytes, its digest beyond, zero-filled.
