@@ -153,6 +153,7 @@ TSS_RESULT Tcsi_OpenContext_Internal(TCS_CONTEXT_HANDLE* hContext) {
 
 TSS_RESULT Tcsi_CloseContext_Internal(TCS_CONTEXT_HANDLE hContext) {
   if (ctx_ValidateContext(hContext) != TSS_SUCCESS) return TCS_E_INVALID_CONTEXT;
+  if (g_contexts == nullptr) return TSS_SUCCESS;  // the internal context, nothing to release yet
   ContextList& list = *g_contexts;
   const std::shared_ptr<const ContextHooks> hooks = Hooks(list);
   hooks->releaseContextSessions(hContext);

@@ -248,6 +248,8 @@ TEST(ContextsUninitialisedTest, EverythingRefusesQuietly) {
   EXPECT_EQ(h, 0u);
   EXPECT_EQ(ctx_ValidateContext(0xA0000001), TCS_E_INVALID_CONTEXT);
   EXPECT_EQ(ctx_ValidateContext(kInternalContextHandle), TSS_SUCCESS);
+  EXPECT_EQ(Tcsi_CloseContext_Internal(kInternalContextHandle), TSS_SUCCESS);
+  EXPECT_EQ(Tcsi_FreeMemory_Internal(kInternalContextHandle, nullptr), TSS_SUCCESS);
   EXPECT_EQ(ctx_AddKeyReference(0xA0000001, 1), TCS_E_FAIL);
   EXPECT_EQ(getSomeMemory(kInternalContextHandle, 1), nullptr);
   EXPECT_EQ(ctx_CountContexts(), 0u);
