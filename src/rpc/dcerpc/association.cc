@@ -123,8 +123,7 @@ Association::Step Association::HandleBind(const PduHeader& header,
       max_xmit_ = ClampFragment(bind->max_recv_frag);
       max_recv_ = ClampFragment(bind->max_xmit_frag);
       if (bind->assoc_group_id != 0) assoc_group_id_ = bind->assoc_group_id;
-      BindAckPdu ack{max_xmit_, max_recv_, assoc_group_id_, secondary_address_,
-                     std::move(results)};
+      BindAckPdu ack{max_xmit_, max_recv_, assoc_group_id_, secondary_address_, std::move(results)};
       pdu = EncodeBindAck(PduType::kBindAck, header.call_id, ack);
     }
   }

@@ -67,9 +67,9 @@ struct CallInfo {
 // success or the fault status to send instead of the response: kNcaOpRangeError for an opnum the
 // interface does not have, kRpcBadStubData for stub data that does not unmarshal. Runs on a
 // worker thread, possibly alongside other calls of the same interface.
-using InterfaceHandler = std::function<uint32_t(const CallInfo& info, uint16_t opnum,
-                                                std::span<const uint8_t> stub_in,
-                                                std::vector<uint8_t>& stub_out)>;
+using InterfaceHandler =
+    std::function<uint32_t(const CallInfo& info, uint16_t opnum, std::span<const uint8_t> stub_in,
+                           std::vector<uint8_t>& stub_out)>;
 
 // Registered interfaces by syntax (UUID and major.minor version). Read-only while serving.
 using InterfaceRegistry = std::map<SyntaxId, InterfaceHandler>;
@@ -96,7 +96,9 @@ class Association {
               uint32_t assoc_group_id);
 
   // Appends bytes read from the connection.
-  void Feed(std::span<const uint8_t> bytes) { input_.insert(input_.end(), bytes.begin(), bytes.end()); }
+  void Feed(std::span<const uint8_t> bytes) {
+    input_.insert(input_.end(), bytes.begin(), bytes.end());
+  }
 
   // Consumes whole fragments, appending any PDUs to send (bind_ack, faults, ...) to `output`,
   // until a call is complete (kCall, `call` filled in), the input runs out (kNeedMore) or the

@@ -20,11 +20,11 @@ namespace kesttcs::dcerpc {
 
 // Client statuses (the Windows RPC status numbers of the same meaning).
 inline constexpr uint32_t kRpcOk = 0;
-inline constexpr uint32_t kRpcUnknownInterface = 0x000006b5;     // bind refused
-inline constexpr uint32_t kRpcServerUnavailable = 0x000006ba;    // cannot connect
-inline constexpr uint32_t kRpcCallFailed = 0x000006be;           // connection lost mid-call
-inline constexpr uint32_t kRpcProtocolError = 0x000006c0;        // the server broke the protocol
-inline constexpr uint32_t kRpcNotBound = 0x000006e6;             // call before a successful bind
+inline constexpr uint32_t kRpcUnknownInterface = 0x000006b5;   // bind refused
+inline constexpr uint32_t kRpcServerUnavailable = 0x000006ba;  // cannot connect
+inline constexpr uint32_t kRpcCallFailed = 0x000006be;         // connection lost mid-call
+inline constexpr uint32_t kRpcProtocolError = 0x000006c0;      // the server broke the protocol
+inline constexpr uint32_t kRpcNotBound = 0x000006e6;           // call before a successful bind
 // The largest response stub the client accepts.
 inline constexpr size_t kMaxResponseStub = 16 * 1024 * 1024;
 

@@ -107,8 +107,8 @@ bool NdrReader::ReadVaryingCounts(uint32_t& max_count, uint32_t& offset, uint32_
     pos_ = saved;
     return false;
   }
-  bool fits = o <= m && a <= m - o &&
-              (min_element_size == 0 || a <= remaining() / min_element_size);
+  bool fits =
+      o <= m && a <= m - o && (min_element_size == 0 || a <= remaining() / min_element_size);
   if (!fits) {
     pos_ = saved;
     return Fail();

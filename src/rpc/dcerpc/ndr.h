@@ -12,13 +12,16 @@
 // fails as well. The reader accepts both integer representations (little- and big-endian
 // data representation); the writer always writes little-endian, as this runtime sends.
 //
-// Wire shapes used by the interface stubs (C = conformance, the max count, a 4-byte aligned uint32):
+// Wire shapes used by the interface stubs (C = conformance, the max count, a 4-byte aligned
+// uint32):
 //   [in] UINT32 n, [in, size_is(n)] BYTE* p      (top-level ref pointer)  C, then C bytes
 //   [in, unique] T* p                            referent id (0 = null), then T if non-null
 //   [out] UINT32* pn, [out, size_is(, *pn)] BYTE** pp
-//                                                 n, then referent id, then (if non-null) C, C bytes
+//                                                 n, then referent id, then (if non-null) C, C
+//                                                 bytes
 //   conformant varying array                     max count, offset, actual count, then elements
-//   fixed structure                              its members in order, aligned to its largest member
+//   fixed structure                              its members in order, aligned to its largest
+//   member
 // Embedded pointers of a structure are written as referent ids inside the structure and their
 // referents follow the structure (deferred), in member order; the stubs arrange that order.
 #pragma once

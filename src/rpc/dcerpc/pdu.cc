@@ -138,8 +138,7 @@ SyntaxId Ndr64Syntax() { return {*Uuid::Parse("71710533-beba-4937-8319-b5dbef9cc
 
 bool IsFeatureNegotiation(const SyntaxId& syntax, uint8_t& features) {
   if (syntax.uuid.time_low != kFeatureTimeLow || syntax.uuid.time_mid != kFeatureTimeMid ||
-      syntax.uuid.time_hi_and_version != kFeatureTimeHi || syntax.major != 1 ||
-      syntax.minor != 0) {
+      syntax.uuid.time_hi_and_version != kFeatureTimeHi || syntax.major != 1 || syntax.minor != 0) {
     return false;
   }
   features = syntax.uuid.clock_seq_and_node[0];
@@ -193,8 +192,7 @@ std::optional<BindPdu> ParseBind(const PduHeader& header, std::span<const uint8_
   return bind;
 }
 
-std::optional<BindAckPdu> ParseBindAck(const PduHeader& header,
-                                       std::span<const uint8_t> fragment) {
+std::optional<BindAckPdu> ParseBindAck(const PduHeader& header, std::span<const uint8_t> fragment) {
   NdrReader r = BodyReader(header, fragment);
   BindAckPdu ack;
   uint16_t address_length = 0;
@@ -229,8 +227,7 @@ std::optional<uint16_t> ParseBindNak(const PduHeader& header, std::span<const ui
   return reason;
 }
 
-std::optional<RequestPdu> ParseRequest(const PduHeader& header,
-                                       std::span<const uint8_t> fragment) {
+std::optional<RequestPdu> ParseRequest(const PduHeader& header, std::span<const uint8_t> fragment) {
   NdrReader r = BodyReader(header, fragment);
   RequestPdu request;
   if (!r.ReadUint32(request.alloc_hint) || !r.ReadUint16(request.context_id) ||
@@ -363,8 +360,8 @@ void EncodeRequestFragments(uint32_t call_id, uint16_t context_id, uint16_t opnu
                             const std::optional<Uuid>& object, std::span<const uint8_t> stub,
                             uint16_t max_frag, std::vector<uint8_t>& out) {
   size_t fixed = kRequestHeaderSize + (object ? 16 : 0);
-  EncodeFragments(PduType::kRequest, object ? kPfcObjectUuid : 0, call_id, fixed, stub, max_frag, out,
-                  [&](NdrWriter& w, uint32_t alloc_hint) {
+  EncodeFragments(PduType::kRequest, object ? kPfcObjectUuid : 0, call_id, fixed, stub, max_frag,
+                  out, [&](NdrWriter& w, uint32_t alloc_hint) {
                     w.WriteUint32(alloc_hint);
                     w.WriteUint16(context_id);
                     w.WriteUint16(opnum);

@@ -101,11 +101,11 @@ inline constexpr uint16_t kNakAuthenticationTypeNotRecognized = 8;
 inline constexpr uint8_t kFeatureKeepConnectionOnOrphan = 0x02;
 
 // Fault and reject status codes carried in fault PDUs.
-inline constexpr uint32_t kNcaOpRangeError = 0x1c010002;  // nca_s_op_rng_error
-inline constexpr uint32_t kNcaUnknownInterface = 0x1c010003;  // nca_s_unk_if
-inline constexpr uint32_t kNcaProtocolError = 0x1c01000b;  // nca_s_proto_error
-inline constexpr uint32_t kRpcBadStubData = 0x000006f7;  // rpc_x_bad_stub_data
-inline constexpr uint32_t kNcaFaultUnspecified = 0x1c000012;  // nca_s_fault_unspec
+inline constexpr uint32_t kNcaOpRangeError = 0x1c010002;         // nca_s_op_rng_error
+inline constexpr uint32_t kNcaUnknownInterface = 0x1c010003;     // nca_s_unk_if
+inline constexpr uint32_t kNcaProtocolError = 0x1c01000b;        // nca_s_proto_error
+inline constexpr uint32_t kRpcBadStubData = 0x000006f7;          // rpc_x_bad_stub_data
+inline constexpr uint32_t kNcaFaultUnspecified = 0x1c000012;     // nca_s_fault_unspec
 inline constexpr uint32_t kNcaFaultRemoteNoMemory = 0x1c00001b;  // nca_s_fault_remote_no_memory
 
 // The 16-byte common header.
@@ -119,7 +119,9 @@ struct PduHeader {
   uint16_t auth_length = 0;
   uint32_t call_id = 0;
 
-  ByteOrder byte_order() const { return (drep[0] >> 4) != 0 ? ByteOrder::kLittle : ByteOrder::kBig; }
+  ByteOrder byte_order() const {
+    return (drep[0] >> 4) != 0 ? ByteOrder::kLittle : ByteOrder::kBig;
+  }
 };
 
 // Reads the header at the start of `bytes`. nullopt when fewer than 16 bytes are present, the

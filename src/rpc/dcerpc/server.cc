@@ -479,16 +479,16 @@ bool Server::Impl::Pump(Connection& conn) {
 void Server::Impl::Dispatch(Connection& conn, PendingCall call) {
   conn.call_in_flight = true;
   ++calls_in_flight_;
-  pool_->Submit([this, fd = conn.fd, id = conn.peer.connection_id,
-                 call = std::move(call)]() mutable {
-    std::vector<uint8_t> stub_out;
-    uint32_t status = RunHandler(call, stub_out);
-    {
-      MutexLock lock(mu_);
-      completions_.push_back({fd, id, std::move(call), status, std::move(stub_out)});
-    }
-    Wake();
-  });
+  pool_->Submit(
+      [this, fd = conn.fd, id = conn.peer.connection_id, call = std::move(call)]() mutable {
+        std::vector<uint8_t> stub_out;
+        uint32_t status = RunHandler(call, stub_out);
+        {
+          MutexLock lock(mu_);
+          completions_.push_back({fd, id, std::move(call), status, std::move(stub_out)});
+        }
+        Wake();
+      });
 }
 
 void Server::Impl::ProcessCompletions() {
