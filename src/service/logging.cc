@@ -212,6 +212,12 @@ std::string TrafficLogFileName() {
 
 void LogTransDataWithTpm(UINT32 length, const BYTE* data, int direction) {
   if (!NeedLog()) return;
+  {
+    // Until the host has set the log directory there is nowhere to write: never the working
+    // directory of whoever runs the code.
+    MutexLock lock(g_mu);
+    if (g_traffic_directory.empty()) return;
+  }
   const std::string name = TrafficLogFileName();
   std::FILE* file = std::fopen(name.c_str(), "a+");
   if (file == nullptr) {

@@ -64,8 +64,8 @@ void FormatHourStamp(char* buffer, std::size_t size);
 // Minute stamp: "2007-05-14 09 05".
 void FormatMinuteStamp(char* buffer, std::size_t size);
 
-// Directory of the hourly TPM traffic files (the service's log directory). Set at start-up; while
-// empty the files are named relative to the working directory.
+// Directory of the hourly TPM traffic files (the service's log directory), set at start-up. While
+// it is empty no traffic file is written.
 void SetTrafficLogDirectory(std::string directory);
 // Full name of the traffic file for the current hour:
 // <directory>/LogTransDataWithTpm<hour stamp>.txt.
