@@ -1,0 +1,65 @@
+// The Linux host of the service: process entry commands, systemd status notification, the
+// service's main flow with its stop signals, and installation as a systemd unit.
+//
+// systemd takes the place of the Windows service manager:
+//   start-pending   STATUS=Starting (check point N) and EXTEND_TIMEOUT_USEC=<wait hint in µs>
+//   running         READY=1 and STATUS=Running
+//   stop-pending    STOPPING=1, STATUS=Stopping (check point N) and EXTEND_TIMEOUT_USEC
+//   stopped         STATUS=Stopped, with the exit code: a TCS result code as a service-specific
+//                   error in STATUS=, any other nonzero code also as ERRNO=
+// SIGTERM and SIGINT are the stop control; they are taken by a thread of their own (signalfd), so
+// ServiceStop never runs inside a signal handler.
+//
+// Environment (all optional):
+//   KESTTCS_HOME            home directory (default: the executable's directory)
+//   NOTIFY_SOCKET           set by systemd; without it status reports go nowhere
+//   KESTTCS_SYSTEMD_DIR     unit directory for -install/-remove (default /etc/systemd/system)
+//   KESTTCS_SYSTEMCTL       systemctl program for -install/-remove (default systemctl)
+//   KESTTCS_SYSTEMD_RUNTIME directory whose presence says systemd runs (default
+//   /run/systemd/system)
+#pragma once
+
+#include <string>
+
+#include "service/service_status.h"
+
+namespace kesttcs::host {
+
+// What the process entry does with its command line.
+enum class EntryCommand { kHelp, kInstall, kRemove, kDebug, kService };
+
+// The arguments after the program name joined with single blanks, compared exactly (case matters)
+// with "-install", "-remove" and "-debug"; "--help" and "-h" alone ask for the usage text; anything
+// else (an empty tail, extra words, other case) runs the service.
+EntryCommand ParseCommandLine(int argc, const char* const* argv);
+
+// The usage text printed for --help.
+std::string UsageText(const char* program);
+
+// The sd_notify message for one status report (see the table above).
+std::string SystemdNotifyText(const ServiceStatusRecord& status);
+
+// Sink that sends each report with sd_notify (nothing happens without NOTIFY_SOCKET).
+ServiceStatusSink SdNotifyStatusSink();
+
+// Runs the service as systemd starts it: reports start-pending, takes SIGTERM/SIGINT as the stop
+// control, runs ServiceStart, reports stopped with its result. Returns the process exit status
+// (ExitStatusFromServiceCode of the result). Must be called before any other thread exists, so
+// that every thread inherits the blocked stop signals.
+int ServiceMain();
+
+// -debug: serves in the foreground with status reports off; Ctrl-C (SIGINT) or SIGTERM prints
+// "Stopping <display name>.\n" and stops the service. Traces go to stderr while logging is on. A
+// start-up failure is also printed on stderr. Returns when the service has ended.
+void CmdDebugService();
+
+// -install and -remove: write/delete the unit KestTCS.service and drive systemctl, printing the
+// console texts of the service manager commands on stdout and tracing each failure.
+void CmdInstallService();
+void CmdRemoveService();
+
+// The text of a unit that runs `executable` with the given home (empty: the packaged default
+// /var/lib/kesttcs with a state directory).
+std::string SystemdUnitText(const std::string& executable, const std::string& home);
+
+}  // namespace kesttcs::host

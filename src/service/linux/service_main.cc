@@ -1,0 +1,168 @@
+// The service's main flow under systemd and in the foreground (-debug), with the stop signals taken
+// by a thread of their own.
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "rpc/result_codes.h"
+#include "service/linux/host.h"
+#include "service/logging.h"
+#include "service/service_status.h"
+#include "service/startup.h"
+
+namespace kesttcs::host {
+namespace {
+
+constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
+
+// Takes SIGTERM and SIGINT for the whole process and runs `onStop` for the first of them on its
+// own thread; later ones are ignored, as a service manager sends no second stop. The constructor
+// blocks both signals in the calling thread, so it must run before any other thread is created.
+// The destructor waits for a stop in progress to finish.
+class StopSignalThread {
+ public:
+  explicit StopSignalThread(std::function<void()> onStop) : on_stop_(std::move(onStop)) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    signal_fd_ = signalfd(-1, &set, SFD_CLOEXEC);
+    wake_fd_ = eventfd(0, EFD_CLOEXEC);
+    thread_ = std::thread([this] { Run(); });
+  }
+  ~StopSignalThread() {
+    const uint64_t one = 1;
+    if (write(wake_fd_, &one, sizeof(one)) < 0) {
+      // The thread cannot be woken; it still ends with the process.
+      thread_.detach();
+    } else {
+      thread_.join();
+    }
+    close(signal_fd_);
+    close(wake_fd_);
+  }
+  StopSignalThread(const StopSignalThread&) = delete;
+  StopSignalThread& operator=(const StopSignalThread&) = delete;
+
+ private:
+  void Run() {
+    bool stopped = false;
+    for (;;) {
+      pollfd fds[2] = {{signal_fd_, POLLIN, 0}, {wake_fd_, POLLIN, 0}};
+      if (poll(fds, 2, -1) < 0) {
+        if (errno == EINTR) continue;
+        return;
+      }
+      if (fds[1].revents != 0) return;
+      if (fds[0].revents == 0) continue;
+      signalfd_siginfo info;
+      if (read(signal_fd_, &info, sizeof(info)) != sizeof(info)) continue;
+      if (!stopped) {
+        stopped = true;
+        on_stop_();
+      }
+    }
+  }
+
+  std::function<void()> on_stop_;
+  int signal_fd_ = -1;
+  int wake_fd_ = -1;
+  std::thread thread_;
+};
+
+// Start-up failures are also told on stderr (the journal under systemd), with the reason the
+// layer below gave.
+void PrintStartupFailure(UINT32 code) {
+  if (code == 0) return;
+  const std::string where = StartupFailureText();
+  const char* prefix = where.empty() ? "" : where.c_str();
+  const char* separator = where.empty() ? "" : ": ";
+  if (IsTcsResultCode(code)) {
+    std::fprintf(stderr, "kesttcsd: %s%s0x%.8X (%s)\n", prefix, separator, code, ResultName(code));
+  } else {
+    std::fprintf(stderr, "kesttcsd: %s%serror %u (%s)\n", prefix, separator, code,
+                 std::strerror(static_cast<int>(code)));
+  }
+}
+
+bool UnderJournal() {
+  return std::getenv("INVOCATION_ID") != nullptr && access(kJournalSocket, F_OK) == 0;
+}
+
+}  // namespace
+
+EntryCommand ParseCommandLine(int argc, const char* const* argv) {
+  std::string tail;
+  for (int i = 1; i < argc; ++i) {
+    if (i > 1) tail += ' ';
+    tail += argv[i];
+  }
+  if (tail == "--help" || tail == "-h") return EntryCommand::kHelp;
+  if (tail == "-install") return EntryCommand::kInstall;
+  if (tail == "-remove") return EntryCommand::kRemove;
+  if (tail == "-debug") return EntryCommand::kDebug;
+  return EntryCommand::kService;
+}
+
+std::string UsageText(const char* program) {
+  std::string text = "Usage: ";
+  text += program;
+  text +=
+      " [-install | -remove | -debug]\n"
+      "\n"
+      "KestTCS, the TSS 1.2 core services daemon.\n"
+      "\n"
+      "  -install   write and enable the systemd unit KestTCS.service, then start it\n"
+      "  -remove    stop and disable the service, then delete its unit\n"
+      "  -debug     serve in the foreground; Ctrl-C stops; traces on stderr when\n"
+      "             [LOG] needLog is on in tcs_cfg.ini\n"
+      "  --help     this text\n"
+      "\n"
+      "The whole command line is compared exactly: anything else runs the service as\n"
+      "systemd starts it (status through NOTIFY_SOCKET, SIGTERM stops).\n"
+      "\n"
+      "Home directory: $KESTTCS_HOME, else the executable's directory; it holds\n"
+      "tcs_cfg.ini, data/, audit/, log/ and tpm/ (the embedded TPM's state).\n";
+  return text;
+}
+
+int ServiceMain() {
+  SetTraceSink(UnderJournal() ? JournalTraceSink() : StderrTraceSink());
+  WriteDebugLine("ServiceMain");
+  SetServiceStatusSink(SdNotifyStatusSink());
+  UINT32 serviceResult = 0;
+  {
+    StopSignalThread stopThread([] { ServiceControlHandler(kControlStop, 0, ServiceStop); });
+    SendServiceStatus();
+    ReportServiceStatus(kServiceStartPending, 0, 1000);
+    serviceResult = ServiceStart();
+    PrintStartupFailure(serviceResult);
+  }
+  ReportServiceStatus(kServiceStopped, serviceResult, 0);
+  return ExitStatusFromServiceCode(serviceResult);
+}
+
+void CmdDebugService() {
+  SetTraceSink(StderrTraceSink());
+  StopSignalThread stopThread([] {
+    std::printf("Stopping %s.\n", kServiceDisplayName);
+    std::fflush(stdout);
+    ServiceStop();
+  });
+  TcsTrace("CmdDebugService call serviceStart.", nullptr);
+  PrintStartupFailure(ServiceStart());
+}
+
+}  // namespace kesttcs::host

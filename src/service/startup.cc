@@ -1,0 +1,265 @@
+// The start-up and shut-down sequences, written as tables of steps so that a manager joins the
+// sequence with one line in its place.
+#include "service/startup.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <span>
+
+#include "rpc/contexts.h"
+#include "rpc/result_codes.h"
+#include "rpc/rpc_service.h"
+#include "service/logging.h"
+#include "service/service_status.h"
+#include "tpm/driver.h"
+#include "tpm/req_mgr.h"
+
+namespace kesttcs {
+namespace {
+
+// Wait hint of every start-pending report ServiceStart makes.
+constexpr UINT32 kStartWaitHintMs = 3000;
+// Calls served at once.
+constexpr unsigned kMaxConcurrentCalls = 1000;
+// Directories hold key material and audit records: owner only.
+constexpr mode_t kDirectoryMode = 0700;
+
+HostPaths g_paths;
+TcsConfig g_config;
+std::string g_failure_text;
+
+// ---- Start-up steps ----
+
+TSS_RESULT StepCreateLocks() { return ctx_init(); }
+
+TSS_RESULT StepSeedRandom() {
+  std::srand(static_cast<unsigned>(std::time(nullptr)));
+  return TSS_SUCCESS;
+}
+
+TSS_RESULT StepReadConfiguration() {
+  g_paths = BuildHostPaths(ResolveHomeDirectory());
+  g_config = ReadTcsConfig(g_paths.config);
+  SetNeedLog(g_config.needLog);
+  SetTrafficLogDirectory(g_paths.log);
+  // Every Linux backend is reached the TDDL way.
+  driver_set_tbs(false);
+  return TSS_SUCCESS;
+}
+
+// 0 when `path` exists as a directory afterwards; otherwise traces the failure and returns errno.
+TSS_RESULT CreateDirectory(const std::string& path) {
+  if (mkdir(path.c_str(), kDirectoryMode) == 0 || errno == EEXIST) return TSS_SUCCESS;
+  const int error = errno;
+  TcsTracef("KestTCSp:Create directory:%s Fail!", path.c_str());
+  return static_cast<TSS_RESULT>(error);
+}
+
+TSS_RESULT StepCreateDirectories() {
+  if (TSS_RESULT r = CreateDirectory(g_paths.data); r != TSS_SUCCESS) return r;
+  if (g_config.needLog) {
+    if (TSS_RESULT r = CreateDirectory(g_paths.log); r != TSS_SUCCESS) return r;
+  }
+  return CreateDirectory(g_paths.audit);
+}
+
+TSS_RESULT StepStartTpmAccess() {
+  driver_configure(g_config.backend, g_paths.home);
+  return req_mgr_init();
+}
+
+std::string DescribeTpmAccessFailure() { return driver_last_error(); }
+
+struct StartupStep {
+  const char* name;
+  TSS_RESULT (*run)();
+  // What this step's failure undoes of the steps before it; null for nothing.
+  void (*undoOnFailure)();
+  // Why it failed, from the layer below; null when the code says it all.
+  std::string (*describeFailure)();
+};
+
+// The start-up order. Persistent storage (with the owner-less backup and the checksum check),
+// the session table, the owner-held keys and the PCR event log join after TPM access as their
+// managers land.
+constexpr StartupStep kStartupSteps[] = {
+    {"locks", StepCreateLocks, nullptr, nullptr},
+    {"random seed", StepSeedRandom, nullptr, nullptr},
+    {"configuration", StepReadConfiguration, nullptr, nullptr},
+    {"directories", StepCreateDirectories, nullptr, nullptr},
+    {"TPM access", StepStartTpmAccess, nullptr, DescribeTpmAccessFailure},
+};
+
+// ---- Shut-down steps ----
+
+void ShutdownRequestManager() {
+  TSS_RESULT r = req_mgr_final();
+  if (r == TSS_SUCCESS) return;
+  ReportServiceEvent(r, 0, 0, nullptr);
+  TcsTrace("kesttcs_shutdown:req_mgr_final fail", &r);
+}
+
+// No call can still be inside a context: listening has stopped and every worker has finished.
+void ShutdownContexts() { ctx_final(); }
+
+struct ShutdownStep {
+  const char* trace;  // written before the step; null for none
+  void (*run)();
+};
+
+// The shut-down order. Closing persistent storage, releasing the owner-held keys and finishing the
+// session table come first, and the PCR event log after the request manager, as those managers
+// land.
+constexpr ShutdownStep kShutdownSteps[] = {
+    {"kesttcs_shutdown:req_mgr_final", ShutdownRequestManager},
+    {nullptr, ShutdownContexts},
+};
+
+// ---- RPC bring-up steps of ServiceStart ----
+
+struct RpcStep {
+  const char* start;    // traced before the call
+  const char* failure;  // traced when it fails
+  const char* success;  // traced when it succeeds
+  UINT32 (*run)();
+  bool reportPending;  // report start-pending after success
+};
+
+UINT32 UseEndpoint() {
+  RpcEndpointConfig endpoint;
+  endpoint.socket_path = g_config.socket;
+  endpoint.group = g_config.group;
+  endpoint.tcp_port = g_config.tcpPort;
+  return RpcServerUseProtseqEp(endpoint);
+}
+UINT32 RegisterInterface() { return RpcServerRegisterIf(); }
+UINT32 Listen() { return RpcServerListen(kMaxConcurrentCalls); }
+
+constexpr RpcStep kRpcSteps[] = {
+    {"TCS service Starting:call RpcServerUseProtseqEp ...",
+     "ServiceStart RpcServerUseProtseqEp:tells the RPC run-time library to use the specified "
+     "protocol sequence combined with the specified endpoint for receiving remote procedure calls "
+     "Fail!",
+     "TCS service Starting:call RpcServerUseProtseqEp ok.", UseEndpoint, true},
+    {"TCS service Starting:call RpcServerRegisterIf ...",
+     "ServiceStart RpcServerRegisterIf:registers an interface with the RPC run-time library Fail!",
+     "TCS service Starting:call RpcServerRegisterIf ok.", RegisterInterface, true},
+    {"TCS service Starting:call RpcServerListen ...",
+     "ServiceStart RpcServerListen:signals the RPC run-time library to listen for remote procedure "
+     "calls Fail!",
+     "TCS service Starting:call RpcServerListen ok.", Listen, false},
+};
+
+}  // namespace
+
+std::string ResolveHomeDirectory() {
+  std::string home;
+  if (const char* env = std::getenv("KESTTCS_HOME"); env != nullptr && *env != '\0') {
+    home = env;
+  } else {
+    char exe[4096];
+    const ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+    if (n > 0) {
+      home.assign(exe, static_cast<size_t>(n));
+      home.erase(home.find_last_of('/') + 1);
+    }
+    if (home.empty()) home = ".";
+  }
+  while (home.size() > 1 && home.back() == '/') home.pop_back();
+  return home;
+}
+
+HostPaths BuildHostPaths(const std::string& home) {
+  // "/" as home must not give "//data".
+  const std::string base = home == "/" ? std::string() : home;
+  HostPaths paths;
+  paths.home = home;
+  paths.config = base + "/" + kConfigFileName;
+  paths.data = base + "/data";
+  paths.storageFile = base + "/data/KestData.dat";
+  paths.audit = base + "/audit";
+  paths.log = base + "/log";
+  return paths;
+}
+
+const HostPaths& ServicePaths() { return g_paths; }
+const TcsConfig& ServiceConfig() { return g_config; }
+
+std::string StartupFailureText() { return g_failure_text; }
+
+TSS_RESULT KestTcs_startup() {
+  g_failure_text.clear();
+  for (const StartupStep& step : kStartupSteps) {
+    const TSS_RESULT r = step.run();
+    if (r == TSS_SUCCESS) continue;
+    g_failure_text = step.name;
+    if (step.describeFailure != nullptr) {
+      if (std::string detail = step.describeFailure(); !detail.empty()) {
+        g_failure_text += ": " + detail;
+      }
+    }
+    if (step.undoOnFailure != nullptr) step.undoOnFailure();
+    return r;
+  }
+  return TSS_SUCCESS;
+}
+
+void kesttcs_shutdown() {
+  for (const ShutdownStep& step : kShutdownSteps) {
+    if (step.trace != nullptr) TcsTrace(step.trace, nullptr);
+    step.run();
+  }
+}
+
+UINT32 ServiceStart() {
+  TcsTrace("TCS service Starting ...", nullptr);
+  ReportServiceStatus(kServiceStartPending, 0, kStartWaitHintMs);
+
+  TcsTrace("TCS service Starting:call startup tpm...", nullptr);
+  if (const TSS_RESULT r = KestTcs_startup(); r != TSS_SUCCESS) {
+    TcsTrace("KestTcs_startup Fail!", nullptr);
+    return r;
+  }
+  TcsTrace("TCS service Starting:startup tpm ok.", nullptr);
+  ReportServiceStatus(kServiceStartPending, 0, kStartWaitHintMs);
+
+  for (const RpcStep& step : kRpcSteps) {
+    TcsTrace(step.start, nullptr);
+    if (const UINT32 status = step.run(); status != 0) {
+      TcsTrace(step.failure, nullptr);
+      return status;
+    }
+    TcsTrace(step.success, nullptr);
+    if (step.reportPending) ReportServiceStatus(kServiceStartPending, 0, kStartWaitHintMs);
+  }
+
+  ReportServiceStatus(kServiceRunning, 0, 0);
+  TcsTrace("TCS service Starting:call RpcMgmtWaitServerListen ...", nullptr);
+  TcsTrace("TCS service start end.\n", nullptr);
+  return RpcMgmtWaitServerListen();
+}
+
+void ServiceStop() {
+  TcsTrace("TCS service Stoping ...", nullptr);
+  TcsTrace("TCS service Stoping:call RpcMgmtStopServerListening...", nullptr);
+  if (const UINT32 status = RpcMgmtStopServerListening(); status != 0) {
+    TcsTracef("%s returned: 0x%x\n", "RpcMgmtStopServerListening", status);
+    return;
+  }
+  TcsTrace("TCS service Stoping:call RpcMgmtStopServerListening ok.", nullptr);
+  TcsTrace("TCS service Stoping:call RpcServerUnregisterIf...", nullptr);
+  if (const UINT32 status = RpcServerUnregisterIf(); status != 0) {
+    TcsTracef("%s returned: 0x%x\n", "RpcServerUnregisterIf", status);
+    return;
+  }
+  TcsTrace("TCS service Stoping:call RpcServerUnregisterIf ok.", nullptr);
+  TcsTrace("TCS service Stoping:call shutdown tpm...", nullptr);
+  kesttcs_shutdown();
+  TcsTrace("TCS service Stoping:call shutdown tpm ok.", nullptr);
+}
+
+}  // namespace kesttcs
