@@ -348,49 +348,132 @@ inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TSS_PCR_EVENT* v) noexcept {
 }
 
 // The TPM structures, through their named routines.
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_KEY_PARMS& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_STORE_PUBKEY& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_PUBKEY& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_KEY& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_STORED_DATA& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_CERTIFY_INFO& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_MIGRATIONKEYAUTH& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_PCR_SELECTION& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_PCR_COMPOSITE& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_PCR_INFO& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_PCR_INFO_SHORT& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_KEY_HANDLE_LIST& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_CURRENT_TICKS& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_COUNTER_VALUE& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_NV_ATTRIBUTES& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_NV_DATA_PUBLIC& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_DELEGATIONS& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_DELEGATE_PUBLIC& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_DELEGATE_OWNER_BLOB& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_DELEGATE_KEY_BLOB& v) noexcept;
-TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_FAMILY_TABLE_ENTRY& v) noexcept;
-
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_KEY_PARMS* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_STORE_PUBKEY* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_PUBKEY* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_KEY* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_STORED_DATA* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_CERTIFY_INFO* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_MIGRATIONKEYAUTH* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_PCR_SELECTION* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_PCR_COMPOSITE* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_PCR_INFO* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_PCR_INFO_SHORT* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_KEY_HANDLE_LIST* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_CURRENT_TICKS* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_COUNTER_VALUE* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_NV_ATTRIBUTES* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_NV_DATA_PUBLIC* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_DELEGATIONS* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_DELEGATE_PUBLIC* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_DELEGATE_OWNER_BLOB* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_DELEGATE_KEY_BLOB* v) noexcept;
-TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_FAMILY_TABLE_ENTRY* v) noexcept;
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_KEY_PARMS& v) noexcept {
+  return LoadBlob_KEY_PARMS(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_STORE_PUBKEY& v) noexcept {
+  return LoadBlob_STORE_PUBKEY(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_PUBKEY& v) noexcept {
+  return LoadBlob_PUBKEY(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_KEY& v) noexcept {
+  return LoadBlob_KEY(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_STORED_DATA& v) noexcept {
+  return LoadBlob_STORED_DATA(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_CERTIFY_INFO& v) noexcept {
+  return LoadBlob_CERTIFY_INFO(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_MIGRATIONKEYAUTH& v) noexcept {
+  return LoadBlob_MIGRATIONKEYAUTH(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_PCR_SELECTION& v) noexcept {
+  return LoadBlob_PCR_SELECTION(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_PCR_COMPOSITE& v) noexcept {
+  return LoadBlob_PCR_COMPOSITE(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_PCR_INFO& v) noexcept {
+  return LoadBlob_PCR_INFO(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_PCR_INFO_SHORT& v) noexcept {
+  return LoadBlob_PCR_INFO_SHORT(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_KEY_HANDLE_LIST& v) noexcept {
+  return LoadBlob_KEY_HANDLE_LIST(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_CURRENT_TICKS& v) noexcept {
+  return LoadBlob_CURRENT_TICKS(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_COUNTER_VALUE& v) noexcept {
+  return LoadBlob_COUNTER_VALUE(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_NV_ATTRIBUTES& v) noexcept {
+  return LoadBlob_NV_ATTRIBUTES(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_NV_DATA_PUBLIC& v) noexcept {
+  return LoadBlob_NV_DATA_PUBLIC(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_DELEGATIONS& v) noexcept {
+  return LoadBlob_DELEGATIONS(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_DELEGATE_PUBLIC& v) noexcept {
+  return LoadBlob_DELEGATE_PUBLIC(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_DELEGATE_OWNER_BLOB& v) noexcept {
+  return LoadBlob_DELEGATE_OWNER_BLOB(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_DELEGATE_KEY_BLOB& v) noexcept {
+  return LoadBlob_DELEGATE_KEY_BLOB(b, v);
+}
+inline TSS_RESULT LoadBlob_Field(BlobWriter& b, const TPM_FAMILY_TABLE_ENTRY& v) noexcept {
+  return LoadBlob_FAMILY_TABLE_ENTRY(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_KEY_PARMS* v) noexcept {
+  return UnloadBlob_KEY_PARMS(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_STORE_PUBKEY* v) noexcept {
+  return UnloadBlob_STORE_PUBKEY(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_PUBKEY* v) noexcept {
+  return UnloadBlob_PUBKEY(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_KEY* v) noexcept {
+  return UnloadBlob_KEY(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_STORED_DATA* v) noexcept {
+  return UnloadBlob_STORED_DATA(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_CERTIFY_INFO* v) noexcept {
+  return UnloadBlob_CERTIFY_INFO(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_MIGRATIONKEYAUTH* v) noexcept {
+  return UnloadBlob_MIGRATIONKEYAUTH(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_PCR_SELECTION* v) noexcept {
+  return UnloadBlob_PCR_SELECTION(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_PCR_COMPOSITE* v) noexcept {
+  return UnloadBlob_PCR_COMPOSITE(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_PCR_INFO* v) noexcept {
+  return UnloadBlob_PCR_INFO(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_PCR_INFO_SHORT* v) noexcept {
+  return UnloadBlob_PCR_INFO_SHORT(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_KEY_HANDLE_LIST* v) noexcept {
+  return UnloadBlob_KEY_HANDLE_LIST(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_CURRENT_TICKS* v) noexcept {
+  return UnloadBlob_CURRENT_TICKS(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_COUNTER_VALUE* v) noexcept {
+  return UnloadBlob_COUNTER_VALUE(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_NV_ATTRIBUTES* v) noexcept {
+  return UnloadBlob_NV_ATTRIBUTES(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_NV_DATA_PUBLIC* v) noexcept {
+  return UnloadBlob_NV_DATA_PUBLIC(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_DELEGATIONS* v) noexcept {
+  return UnloadBlob_DELEGATIONS(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_DELEGATE_PUBLIC* v) noexcept {
+  return UnloadBlob_DELEGATE_PUBLIC(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_DELEGATE_OWNER_BLOB* v) noexcept {
+  return UnloadBlob_DELEGATE_OWNER_BLOB(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_DELEGATE_KEY_BLOB* v) noexcept {
+  return UnloadBlob_DELEGATE_KEY_BLOB(b, v);
+}
+inline TSS_RESULT UnloadBlob_Field(BlobReader& b, TPM_FAMILY_TABLE_ENTRY* v) noexcept {
+  return UnloadBlob_FAMILY_TABLE_ENTRY(b, v);
+}
 
 // Writes each field in order and stops at the first failure, returning its code (0 when all fit):
 //   BlobWriter w(buffer, kTpmHeaderSize);
