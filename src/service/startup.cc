@@ -156,36 +156,6 @@ constexpr RpcStep kRpcSteps[] = {
 
 }  // namespace
 
-std::string ResolveHomeDirectory() {
-  std::string home;
-  if (const char* env = std::getenv("KESTTCS_HOME"); env != nullptr && *env != '\0') {
-    home = env;
-  } else {
-    char exe[4096];
-    const ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-    if (n > 0) {
-      home.assign(exe, static_cast<size_t>(n));
-      home.erase(home.find_last_of('/') + 1);
-    }
-    if (home.empty()) home = ".";
-  }
-  while (home.size() > 1 && home.back() == '/') home.pop_back();
-  return home;
-}
-
-HostPaths BuildHostPaths(const std::string& home) {
-  // "/" as home must not give "//data".
-  const std::string base = home == "/" ? std::string() : home;
-  HostPaths paths;
-  paths.home = home;
-  paths.config = base + "/" + kConfigFileName;
-  paths.data = base + "/data";
-  paths.storageFile = base + "/data/KestData.dat";
-  paths.audit = base + "/audit";
-  paths.log = base + "/log";
-  return paths;
-}
-
 const HostPaths& ServicePaths() { return g_paths; }
 const TcsConfig& ServiceConfig() { return g_config; }
 

@@ -12,25 +12,9 @@
 #include <kesttcs/tcs_types.h>
 
 #include "service/config.h"
+#include "service/host_paths.h"
 
 namespace kesttcs {
-
-// Every file of the service lives below its home directory.
-struct HostPaths {
-  std::string home;         // the home directory itself, without a trailing '/'
-  std::string config;       // home + "/tcs_cfg.ini"
-  std::string data;         // home + "/data"
-  std::string storageFile;  // home + "/data/KestData.dat"
-  std::string audit;        // home + "/audit"
-  std::string log;          // home + "/log"
-};
-
-// The home directory: $KESTTCS_HOME when set and not empty, otherwise the directory of the running
-// executable. Trailing '/' are dropped (except for "/" itself).
-std::string ResolveHomeDirectory();
-
-// The paths below `home`.
-HostPaths BuildHostPaths(const std::string& home);
 
 // The paths and configuration start-up settled on; meaningful after KestTcs_startup reached its
 // configuration step.

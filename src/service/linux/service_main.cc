@@ -103,41 +103,6 @@ bool UnderJournal() {
 
 }  // namespace
 
-EntryCommand ParseCommandLine(int argc, const char* const* argv) {
-  std::string tail;
-  for (int i = 1; i < argc; ++i) {
-    if (i > 1) tail += ' ';
-    tail += argv[i];
-  }
-  if (tail == "--help" || tail == "-h") return EntryCommand::kHelp;
-  if (tail == "-install") return EntryCommand::kInstall;
-  if (tail == "-remove") return EntryCommand::kRemove;
-  if (tail == "-debug") return EntryCommand::kDebug;
-  return EntryCommand::kService;
-}
-
-std::string UsageText(const char* program) {
-  std::string text = "Usage: ";
-  text += program;
-  text +=
-      " [-install | -remove | -debug]\n"
-      "\n"
-      "KestTCS, the TSS 1.2 core services daemon.\n"
-      "\n"
-      "  -install   write and enable the systemd unit KestTCS.service, then start it\n"
-      "  -remove    stop and disable the service, then delete its unit\n"
-      "  -debug     serve in the foreground; Ctrl-C stops; traces on stderr when\n"
-      "             [LOG] needLog is on in tcs_cfg.ini\n"
-      "  --help     this text\n"
-      "\n"
-      "The whole command line is compared exactly: anything else runs the service as\n"
-      "systemd starts it (status through NOTIFY_SOCKET, SIGTERM stops).\n"
-      "\n"
-      "Home directory: $KESTTCS_HOME, else the executable's directory; it holds\n"
-      "tcs_cfg.ini, data/, audit/, log/ and tpm/ (the embedded TPM's state).\n";
-  return text;
-}
-
 int ServiceMain() {
   SetTraceSink(UnderJournal() ? JournalTraceSink() : StderrTraceSink());
   WriteDebugLine("ServiceMain");
