@@ -120,7 +120,10 @@ class Association {
   // A request whose fragments are still arriving.
   struct Assembly {
     PendingCall call;
-    uint32_t fault = 0;  // non-zero: answer with this fault once the last fragment arrives
+    // Non-zero: answer with this fault once the last fragment arrives. No default member
+    // initialiser, so that std::optional<Assembly> sees a default constructor inside the class;
+    // emplace() value-initialises it to 0.
+    uint32_t fault;
   };
 
   Step HandleBind(const PduHeader& header, std::span<const uint8_t> fragment,
