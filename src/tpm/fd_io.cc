@@ -31,8 +31,12 @@ void UniqueFd::Reset(int fd) {
 }
 
 bool WriteAll(int fd, std::span<const BYTE> data) {
+  // On a socket whose peer has gone, send() reports EPIPE where write() would raise SIGPIPE.
+  bool socket = true;
   while (!data.empty()) {
-    ssize_t n = ::write(fd, data.data(), data.size());
+    ssize_t n = socket ? ::send(fd, data.data(), data.size(), MSG_NOSIGNAL) : -1;
+    if (n < 0 && errno == ENOTSOCK) socket = false;
+    if (!socket) n = ::write(fd, data.data(), data.size());
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
     data = data.subspan(static_cast<size_t>(n));

@@ -110,8 +110,8 @@ constexpr std::array<BYTE, 12> kStartupClear = {0x00, 0xC1, 0, 0, 0, 12, 0, 0, 0
 constexpr std::array<BYTE, 10> kContinueSelfTest = {0x00, 0xC1, 0, 0, 0, 10, 0, 0, 0, 0x53};
 // TPM_CreateEndorsementKeyPair: antiReplay (20 bytes), TPM_KEY_PARMS for a 2048-bit RSA key with
 // OAEP encryption and no signature scheme (TPM_RSA_KEY_PARMS: keyLength, numPrimes, no exponent).
-constexpr std::array<BYTE, 66> kCreateEndorsementKeyPair = {
-    0x00, 0xC1, 0, 0,  0, 66, 0, 0, 0, 0x78,                                // header
+constexpr std::array<BYTE, 54> kCreateEndorsementKeyPair = {
+    0x00, 0xC1, 0, 0,  0, 54, 0, 0, 0, 0x78,                                // header
     0,    0,    0, 0,  0, 0,  0, 0, 0, 0,    0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // antiReplay
     0,    0,    0, 1,                                                       // TPM_ALG_RSA
     0,    3,            // TPM_ES_RSAESOAEP_SHA1_MGF1

@@ -63,7 +63,8 @@ class TpmBackend {
   // ignore it. See the state rules above.
   [[nodiscard]] virtual TSS_RESULT Transmit(std::span<const BYTE> in, std::span<BYTE> out,
                                             UINT32* outLen, UINT32 priority) = 0;
-  // Asks the TPM to abandon the command in flight. 0 on success.
+  // Asks the TPM to abandon the command in flight. 0 when the request was delivered (whether a
+  // command was running or not).
   virtual TSS_RESULT Cancel() = 0;
   // The configuration string this backend was made from ("swtpm:unix:/run/tpm.sock").
   virtual std::string Describe() const = 0;
