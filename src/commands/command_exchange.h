@@ -1,0 +1,114 @@
+// The steps that every TCS operation sending one TPM command shares: the context check, the size
+// bound, marshalling into a 4096-byte buffer, the exchange through the request manager, the mapping
+// of the TPM's return code, and the copy of outputs into memory owned by the client context. An
+// operation reads as prepare (Check, Run's fields), submit (Run) and complete (Unload*):
+//
+//   TpmCommand command(hContext, TPM_ORD_StirRandom);
+//   if (TSS_RESULT rc = command.Check(kStirRandomFixedBytes, inDataSize, inData)) return rc;
+//   return command.Run(TPM_TAG_RQU_COMMAND, inDataSize, std::span(inData, inDataSize));
+//
+// A TpmCommand lives on the calling thread's stack and is used by that thread only. Run takes the
+// TPM lock through req_mgr_submit; nothing here takes any other lock except the context list's and
+// the context memory table's (briefly, through ctx_ValidateContext and getSomeMemory).
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <span>
+
+#include <kesttcs/tcs_types.h>
+
+#include "commands/marshal.h"
+#include "rpc/result_codes.h"
+
+namespace kesttcs {
+
+// True when a command of `fixedBytes` (header, fixed parameters, authorisation trailers) plus
+// `variableBytes` of caller data fits the 4096-byte command buffer. Computed in 64 bits, so a size
+// near 2^32 cannot wrap into a small one.
+constexpr bool FitsCommandBuffer(UINT64 variableBytes, UINT32 fixedBytes) noexcept {
+  return variableBytes + fixedBytes <= kTpmBlobSize;
+}
+
+class TpmCommand {
+ public:
+  TpmCommand(TCS_CONTEXT_HANDLE hContext, TPM_COMMAND_CODE ordinal) noexcept
+      : hContext_(hContext), ordinal_(ordinal) {}
+  TpmCommand(const TpmCommand&) = delete;
+  TpmCommand& operator=(const TpmCommand&) = delete;
+
+  // First step of an operation: checks the context (its result on failure), then that `inData`
+  // is present when `inSize` is not 0 and that `inSize` caller bytes plus `fixedBytes` fit the
+  // command buffer (TCS_E_BAD_PARAMETER otherwise). Sends nothing.
+  [[nodiscard]] TSS_RESULT Check(UINT32 fixedBytes = kTpmHeaderSize, UINT32 inSize = 0,
+                                 const void* inData = nullptr) const noexcept;
+
+  // Marshals `fields` from offset 10, writes the header (tag, paramSize, ordinal), sends the
+  // command with req_mgr_submit and maps the answer. Returns TCS_E_BAD_PARAMETER when the fields
+  // do not fit (nothing sent), the request manager's failure, or the TPM's return code mapped by
+  // UnloadBlob_Header (0 when the TPM accepted the command). After 0 the Unload* members read the
+  // response parameters, limited to the response's paramSize. Does not check the context.
+  template <class... Fields>
+  [[nodiscard]] TSS_RESULT Run(TPM_TAG tag, const Fields&... fields) noexcept {
+    BlobWriter writer(blob_, kTpmHeaderSize);
+    if (TSS_RESULT rc = LoadBlobs(writer, fields...)) return rc;
+    if (TSS_RESULT rc = LoadBlob_Header(tag, writer.offset(), ordinal_, blob_)) return rc;
+    return Submit();
+  }
+
+  // Reads the next response fields into the pointed-to objects (TCS_E_BAD_PARAMETER when the
+  // response is too short; fields read before the failing one are written).
+  template <class... Out>
+  [[nodiscard]] TSS_RESULT Unload(Out... out) noexcept {
+    return UnloadBlobs(outputs_, out...);
+  }
+
+  // Reads a UINT32 size and that many bytes, and hands them to the client in a new block of the
+  // context's memory: *size and *data on success (a size of 0 gives a null *data and allocates
+  // nothing). TCS_E_BAD_PARAMETER when the response is short, TCS_E_OUTOFMEMORY when the block
+  // cannot be allocated; *size and *data are then unchanged.
+  [[nodiscard]] TSS_RESULT UnloadSized(UINT32* size, BYTE** data) noexcept;
+
+  // Reads one structure of type T, checking its internal sizes against the response, and sets
+  // *bytes to its raw bytes (still in the response buffer). Nothing is allocated.
+  template <class T>
+  [[nodiscard]] TSS_RESULT TakeStructure(std::span<const BYTE>* bytes) noexcept {
+    const UINT16 start = outputs_.offset();
+    if (TSS_RESULT rc = UnloadBlob_Field(outputs_, static_cast<T*>(nullptr))) return rc;
+    *bytes = outputs_.blob().subspan(start, outputs_.offset() - start);
+    return TSS_SUCCESS;
+  }
+
+  // TakeStructure, then hands the bytes to the client as UnloadSized does.
+  template <class T>
+  [[nodiscard]] TSS_RESULT UnloadStructure(UINT32* size, BYTE** data) noexcept {
+    std::span<const BYTE> bytes;
+    if (TSS_RESULT rc = TakeStructure<T>(&bytes)) return rc;
+    return HandOut(bytes, size, data);
+  }
+
+  // Hands every response parameter not read yet to the client, as UnloadSized does.
+  [[nodiscard]] TSS_RESULT UnloadRest(UINT32* size, BYTE** data) noexcept;
+
+  // The reader over the response parameters not read yet (valid after Run returned 0).
+  BlobReader& Outputs() noexcept { return outputs_; }
+
+  // Copies `bytes` into a new block of the context's memory (CopyToContextMemory).
+  [[nodiscard]] TSS_RESULT HandOut(std::span<const BYTE> bytes, UINT32* size, BYTE** data) noexcept;
+
+ private:
+  [[nodiscard]] TSS_RESULT Submit() noexcept;
+
+  TCS_CONTEXT_HANDLE hContext_;
+  TPM_COMMAND_CODE ordinal_;
+  std::array<BYTE, kTpmBlobSize> blob_{};
+  BlobReader outputs_{std::span<const BYTE>()};
+};
+
+// Copies `bytes` into a new block of hContext's memory: *size and *data on success (no block and a
+// null *data for 0 bytes). TCS_E_OUTOFMEMORY when the block cannot be allocated (nothing written).
+[[nodiscard]] TSS_RESULT CopyToContextMemory(TCS_CONTEXT_HANDLE hContext,
+                                             std::span<const BYTE> bytes, UINT32* size,
+                                             BYTE** data) noexcept;
+
+}  // namespace kesttcs
