@@ -112,8 +112,8 @@ class CallFrame {
   TPM_AUTH* auth(size_t index) {
     return args_[index].present ? &std::get<TPM_AUTH>(args_[index].value) : nullptr;
   }
-  // Sets a pointer output (kPtr, kArrayPtr) and marks it present; for an array also sets its
-  // size parameter to the element count.
+  // Sets argument `index` and marks it present; for an array (kArray, kArrayPtr, inputs and
+  // outputs alike) also sets its size parameter to the element count.
   void SetOutput(size_t index, Value v);
 
  private:
