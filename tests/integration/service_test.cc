@@ -1,0 +1,521 @@
+// The real kesttcsd binary as systemd would run it: a notify socket the test reads, a home
+// directory with its own tcs_cfg.ini, the embedded TPM, traces on stderr. Also the entry commands
+// (-install/-remove against a stand-in systemctl, "not under systemd") and start-up failures.
+#include <fcntl.h>
+#include <poll.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsSupersetOf;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+const std::string kDaemon = std::string(KESTTCS_BINARY_DIR) + "/src/service/kesttcsd";
+const std::string kCli = std::string(KESTTCS_BINARY_DIR) + "/src/tools/kesttcs-cli";
+constexpr char kDisplayName[] = "Trusted Platform Core Service (KESTRON)";
+
+// Generous upper bounds that only keep a broken daemon from hanging the suite.
+constexpr auto kPatience = std::chrono::seconds(120);
+
+std::string ReadFile(const fs::path& path) {
+  std::ifstream in(path);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+void WriteFile(const fs::path& path, const std::string& text, fs::perms perms = fs::perms(0644)) {
+  std::ofstream(path) << text;
+  fs::permissions(path, perms);
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::stringstream s(text);
+  for (std::string line; std::getline(s, line);) lines.push_back(line);
+  return lines;
+}
+
+// Trace lines ("TCS:...") in the order they were written.
+std::vector<std::string> TraceLines(const std::string& text) {
+  std::vector<std::string> traces;
+  for (const std::string& line : Lines(text)) {
+    if (line.rfind("TCS:", 0) == 0) traces.push_back(line);
+  }
+  return traces;
+}
+
+// Position of `line` in `lines`, or -1.
+long IndexOf(const std::vector<std::string>& lines, const std::string& line) {
+  for (size_t i = 0; i < lines.size(); ++i) {
+    if (lines[i] == line) return static_cast<long>(i);
+  }
+  return -1;
+}
+
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (fs::temp_directory_path() / "kesttcs-service-XXXXXX").string();
+    path_ = mkdtemp(pattern.data());
+  }
+  ~TempDir() {
+    std::error_code ec;
+    fs::permissions(path_, fs::perms::owner_all, fs::perm_options::add, ec);
+    fs::remove_all(path_, ec);
+  }
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+// The datagram socket systemd would listen on.
+class NotifySocket {
+ public:
+  explicit NotifySocket(const fs::path& path) : path_(path) {
+    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0) << strerror(errno);
+    // The daemon may run as another user in the failure cases.
+    chmod(path.c_str(), 0777);
+  }
+  ~NotifySocket() { close(fd_); }
+  const fs::path& path() const { return path_; }
+
+  // The next message, or nothing when none came in time.
+  std::optional<std::string> Next() {
+    pollfd p{fd_, POLLIN, 0};
+    if (poll(&p, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) <= 0) {
+      return std::nullopt;
+    }
+    char buffer[4096];
+    const ssize_t n = recv(fd_, buffer, sizeof(buffer), 0);
+    if (n < 0) return std::nullopt;
+    return std::string(buffer, static_cast<size_t>(n));
+  }
+  // Messages up to and including the first that contains `marker` (all that came, if none did).
+  std::vector<std::string> Until(const std::string& marker) {
+    std::vector<std::string> messages;
+    while (std::optional<std::string> m = Next()) {
+      messages.push_back(*m);
+      if (m->find(marker) != std::string::npos) break;
+    }
+    return messages;
+  }
+  // Messages still queued, without waiting.
+  std::vector<std::string> Drain() {
+    std::vector<std::string> messages;
+    char buffer[4096];
+    for (;;) {
+      const ssize_t n = recv(fd_, buffer, sizeof(buffer), MSG_DONTWAIT);
+      if (n < 0) break;
+      messages.emplace_back(buffer, static_cast<size_t>(n));
+    }
+    return messages;
+  }
+
+ private:
+  fs::path path_;
+  int fd_ = -1;
+};
+
+struct RunResult {
+  int exitStatus = -1;  // -1 when killed by a signal or not finished
+  std::string out;
+  std::string err;
+};
+
+// A child process with its own environment; stdout and stderr go to files in `dir`.
+class Process {
+ public:
+  Process(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+          const fs::path& dir, std::optional<std::pair<uid_t, gid_t>> runAs = std::nullopt)
+      : out_(dir / "stdout.txt"), err_(dir / "stderr.txt") {
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    std::vector<std::string> environment = env;
+    environment.push_back("PATH=/usr/bin:/bin");
+    std::vector<char*> envp;
+    for (const std::string& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
+    envp.push_back(nullptr);
+    const int outFd = open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    const int errFd = open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(outFd, STDOUT_FILENO);
+      dup2(errFd, STDERR_FILENO);
+      if (runAs && (setgid(runAs->second) != 0 || setuid(runAs->first) != 0)) _exit(126);
+      execve(args[0], args.data(), envp.data());
+      _exit(127);
+    }
+    close(outFd);
+    close(errFd);
+  }
+  ~Process() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  void Signal(int sig) { kill(pid_, sig); }
+
+  // Waits for the end (killing the process when it takes beyond all patience).
+  RunResult Wait() {
+    RunResult result;
+    int status = 0;
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    pid_t done = 0;
+    while ((done = waitpid(pid_, &status, WNOHANG)) == 0 &&
+           std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    if (done == 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, &status, 0);
+    }
+    pid_ = -1;
+    if (done > 0 && WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
+    result.out = ReadFile(out_);
+    result.err = ReadFile(err_);
+    return result;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  fs::path out_;
+  fs::path err_;
+};
+
+RunResult Run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+              const fs::path& dir) {
+  Process p(argv, env, dir);
+  return p.Wait();
+}
+
+std::string Config(const std::string& backend, const fs::path& socket, int needLog = 1) {
+  return "[LOG]\nneedLog=" + std::to_string(needLog) + "\n[TPM]\nbackend=" + backend +
+         "\n[RPC]\nsocket=" + socket.string() + "\n";
+}
+
+// One service home with its own notify socket and configuration.
+class ServiceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    home_ = dir_.path() / "home";
+    fs::create_directory(home_);
+    socket_ = dir_.path() / "KestTCS";
+  }
+  std::vector<std::string> ServiceEnv(const NotifySocket& notify) const {
+    return {"KESTTCS_HOME=" + home_.string(), "NOTIFY_SOCKET=" + notify.path().string(),
+            "RUNTIME_DIRECTORY=" + dir_.path().string()};
+  }
+  RunResult Cli(const std::vector<std::string>& args) {
+    std::vector<std::string> argv = {kCli, "--endpoint", socket_.string()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const fs::path runDir = dir_.path() / "cli";
+    fs::create_directories(runDir);
+    return Run(argv, {}, runDir);
+  }
+
+  TempDir dir_;
+  fs::path home_;
+  fs::path socket_;
+};
+
+TEST_F(ServiceTest, ServesUntilSigtermThenShutsDownInOrder) {
+  WriteFile(home_ / "tcs_cfg.ini", Config("libtpms", socket_));
+  NotifySocket notify(dir_.path() / "notify");
+  Process daemon({kDaemon}, ServiceEnv(notify), dir_.path());
+
+  std::vector<std::string> startup = notify.Until("READY=1");
+  EXPECT_THAT(startup, ElementsAre("STATUS=Starting (check point 1)\nEXTEND_TIMEOUT_USEC=30000000",
+                                   "STATUS=Starting (check point 1)\nEXTEND_TIMEOUT_USEC=1000000",
+                                   "STATUS=Starting (check point 2)\nEXTEND_TIMEOUT_USEC=3000000",
+                                   "STATUS=Starting (check point 3)\nEXTEND_TIMEOUT_USEC=3000000",
+                                   "STATUS=Starting (check point 4)\nEXTEND_TIMEOUT_USEC=3000000",
+                                   "STATUS=Starting (check point 5)\nEXTEND_TIMEOUT_USEC=3000000",
+                                   "READY=1\nSTATUS=Running"));
+  ASSERT_TRUE(fs::exists(socket_));
+  EXPECT_TRUE(fs::is_directory(home_ / "data"));
+  EXPECT_TRUE(fs::is_directory(home_ / "audit"));
+  EXPECT_TRUE(fs::is_directory(home_ / "log"));
+  EXPECT_TRUE(fs::is_directory(home_ / "tpm"));
+
+  if (fs::exists(kCli)) {
+    RunResult status = Cli({"status"});
+    EXPECT_EQ(status.exitStatus, 0) << status.out << status.err;
+    EXPECT_THAT(status.out, HasSubstr("TPM version"));
+    RunResult random = Cli({"--json", "random", "16"});
+    EXPECT_EQ(random.exitStatus, 0) << random.out << random.err;
+    EXPECT_THAT(random.out, HasSubstr("\"random\""));
+  }
+
+  daemon.Signal(SIGTERM);
+  RunResult result = daemon.Wait();
+  EXPECT_EQ(result.exitStatus, 0) << result.err;
+  EXPECT_THAT(
+      notify.Drain(),
+      ElementsAre("STOPPING=1\nSTATUS=Stopping (check point 6)\nEXTEND_TIMEOUT_USEC=30000000",
+                  "STATUS=Stopped", "STATUS=Stopped"));
+  EXPECT_FALSE(fs::exists(socket_));
+
+  const std::vector<std::string> traces = TraceLines(result.err);
+  const std::vector<std::string> expectedOrder = {
+      "TCS:TCS service Starting ...",
+      "TCS:TCS service Starting:call startup tpm...",
+      "TCS:TCS service Starting:startup tpm ok.",
+      "TCS:TCS service Starting:call RpcServerUseProtseqEp ...",
+      "TCS:TCS service Starting:call RpcServerUseProtseqEp ok.",
+      "TCS:TCS service Starting:call RpcServerRegisterIf ...",
+      "TCS:TCS service Starting:call RpcServerRegisterIf ok.",
+      "TCS:TCS service Starting:call RpcServerListen ...",
+      "TCS:TCS service Starting:call RpcServerListen ok.",
+      "TCS:TCS service Starting:call RpcMgmtWaitServerListen ...",
+      "TCS:TCS service start end.",
+      "TCS:TCS service Stoping ...",
+      "TCS:TCS service Stoping:call RpcMgmtStopServerListening...",
+      "TCS:TCS service Stoping:call RpcMgmtStopServerListening ok.",
+      "TCS:TCS service Stoping:call RpcServerUnregisterIf...",
+      "TCS:TCS service Stoping:call RpcServerUnregisterIf ok.",
+      "TCS:TCS service Stoping:call shutdown tpm...",
+      "TCS:kesttcs_shutdown:req_mgr_final",
+      "TCS:TCS service Stoping:call shutdown tpm ok.",
+      "TCS:ServiceStop:Ok!",
+  };
+  long previous = -1;
+  for (const std::string& line : expectedOrder) {
+    const long at = IndexOf(traces, line);
+    EXPECT_GT(at, previous) << "missing or out of order: " << line << "\n" << result.err;
+    previous = std::max(previous, at);
+  }
+  EXPECT_THAT(Lines(result.err), testing::Contains("ServiceMain"));
+}
+
+TEST_F(ServiceTest, WithoutConfigurationLoggingIsOffAndNoLogDirectoryIsMade) {
+  NotifySocket notify(dir_.path() / "notify");
+  // The entry commands are compared exactly: these run the service as well.
+  for (const std::vector<std::string>& argv :
+       {std::vector<std::string>{kDaemon, "-INSTALL"}, {kDaemon, "-install", "extra"}}) {
+    SCOPED_TRACE(argv.back());
+    Process daemon(argv, ServiceEnv(notify), dir_.path());
+    std::vector<std::string> startup = notify.Until("READY=1");
+    ASSERT_FALSE(startup.empty());
+    EXPECT_EQ(startup.back(), "READY=1\nSTATUS=Running");
+    // Without a configured socket the service listens in its runtime directory.
+    EXPECT_TRUE(fs::exists(socket_));
+    daemon.Signal(SIGTERM);
+    RunResult result = daemon.Wait();
+    EXPECT_EQ(result.exitStatus, 0);
+    notify.Drain();
+    EXPECT_THAT(TraceLines(result.err), testing::IsEmpty()) << result.err;
+    EXPECT_FALSE(fs::exists(home_ / "log"));
+    EXPECT_TRUE(fs::is_directory(home_ / "data"));
+    EXPECT_TRUE(fs::is_directory(home_ / "audit"));
+    EXPECT_TRUE(fs::is_directory(home_ / "tpm"));
+  }
+}
+
+TEST_F(ServiceTest, UnwritableHomeEndsWithTheSystemError) {
+  WriteFile(home_ / "tcs_cfg.ini", Config("libtpms", socket_));
+  fs::permissions(dir_.path(), fs::perms(0755));
+  fs::permissions(home_, fs::perms(0555));
+  // Root writes anywhere; the daemon then runs as nobody.
+  std::optional<std::pair<uid_t, gid_t>> runAs;
+  if (geteuid() == 0) {
+    const passwd* nobody = getpwnam("nobody");
+    ASSERT_NE(nobody, nullptr);
+    runAs = std::make_pair(nobody->pw_uid, nobody->pw_gid);
+  }
+  NotifySocket notify(dir_.path() / "notify");
+  Process daemon({kDaemon}, ServiceEnv(notify), dir_.path(), runAs);
+  RunResult result = daemon.Wait();
+  EXPECT_EQ(result.exitStatus, EACCES) << result.err;
+  const std::vector<std::string> traces = TraceLines(result.err);
+  EXPECT_THAT(traces,
+              IsSupersetOf({"TCS:KestTCSp:Create directory:" + (home_ / "data").string() + " Fail!",
+                            std::string("TCS:KestTcs_startup Fail!")}));
+  std::vector<std::string> messages = notify.Drain();
+  ASSERT_FALSE(messages.empty());
+  EXPECT_EQ(messages.back(), "STATUS=Stopped: error 13 (Permission denied)\nERRNO=13");
+  EXPECT_THAT(messages, Not(testing::Contains("READY=1\nSTATUS=Running")));
+}
+
+TEST_F(ServiceTest, UnreachableTpmEndsWithItsTcsCode) {
+  WriteFile(home_ / "tcs_cfg.ini", Config("swtpm:unix:/nonexistent/kesttcs-swtpm", socket_));
+  NotifySocket notify(dir_.path() / "notify");
+  Process daemon({kDaemon}, ServiceEnv(notify), dir_.path());
+  RunResult result = daemon.Wait();
+  EXPECT_EQ(result.exitStatus, 3) << result.err;
+  EXPECT_THAT(TraceLines(result.err), testing::Contains("TCS:KestTcs_startup Fail!"));
+  std::vector<std::string> messages = notify.Drain();
+  ASSERT_FALSE(messages.empty());
+  EXPECT_THAT(messages.back(), StartsWith("STATUS=Stopped: service-specific error 0xE028"));
+  // The reason is on stderr for the journal.
+  EXPECT_THAT(result.err, HasSubstr("kesttcsd: TPM access"));
+  EXPECT_FALSE(fs::exists(socket_));
+}
+
+TEST_F(ServiceTest, DebugModeStopsOnCtrlCWithoutStatusReports) {
+  WriteFile(home_ / "tcs_cfg.ini", Config("libtpms", socket_));
+  NotifySocket notify(dir_.path() / "notify");
+  Process daemon({kDaemon, "-debug"}, ServiceEnv(notify), dir_.path());
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (!fs::exists(socket_) && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  ASSERT_TRUE(fs::exists(socket_));
+  daemon.Signal(SIGINT);
+  RunResult result = daemon.Wait();
+  EXPECT_EQ(result.exitStatus, 0);
+  EXPECT_EQ(result.out, std::string("Stopping ") + kDisplayName + ".\n");
+  EXPECT_THAT(TraceLines(result.err),
+              IsSupersetOf({"TCS:CmdDebugService call serviceStart.",
+                            "TCS:TCS service Stoping:call shutdown tpm ok."}));
+  EXPECT_THAT(notify.Drain(), testing::IsEmpty());
+}
+
+// A stand-in systemctl: records each call and plays a unit that stops after one poll.
+class InstallTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    units_ = dir_.path() / "units";
+    fs::create_directory(units_);
+    runtime_ = dir_.path() / "systemd-runtime";
+    fs::create_directory(runtime_);
+    calls_ = dir_.path() / "calls";
+    state_ = dir_.path() / "state";
+    WriteFile(state_, "inactive\n");
+    systemctl_ = dir_.path() / "systemctl";
+    WriteFile(systemctl_,
+              "#!/bin/sh\n"
+              "echo \"$*\" >> '" +
+                  calls_.string() +
+                  "'\n"
+                  "state='" +
+                  state_.string() +
+                  "'\n"
+                  "case \"$1\" in\n"
+                  "  is-active) s=$(cat \"$state\"); echo \"$s\";\n"
+                  "             [ \"$s\" = deactivating ] && echo inactive > \"$state\";\n"
+                  "             [ \"$s\" = active ];;\n"
+                  "  stop) echo deactivating > \"$state\";;\n"
+                  "  enable) [ -z \"$FAIL_ENABLE\" ];;\n"
+                  "esac\n",
+              fs::perms(0755));
+  }
+  std::vector<std::string> Env(const std::string& runtime) const {
+    return {"KESTTCS_SYSTEMD_DIR=" + units_.string(), "KESTTCS_SYSTEMCTL=" + systemctl_.string(),
+            "KESTTCS_SYSTEMD_RUNTIME=" + runtime, "KESTTCS_HOME=/srv/kest"};
+  }
+  RunResult Daemon(const std::string& command, std::vector<std::string> env) {
+    return Run({kDaemon, command}, env, dir_.path());
+  }
+  std::vector<std::string> TakeCalls() {
+    std::vector<std::string> calls = Lines(ReadFile(calls_));
+    fs::remove(calls_);
+    return calls;
+  }
+
+  TempDir dir_;
+  fs::path units_, runtime_, calls_, state_, systemctl_;
+};
+
+TEST_F(InstallTest, InstallWritesEnablesAndStartsRemoveStopsDisablesAndDeletes) {
+  RunResult install = Daemon("-install", Env(runtime_));
+  EXPECT_EQ(install.exitStatus, 0);
+  EXPECT_EQ(install.out, std::string(kDisplayName) + " installed.\n");
+  EXPECT_THAT(TakeCalls(),
+              ElementsAre("daemon-reload", "enable KestTCS.service", "start KestTCS.service"));
+  const std::string unit = ReadFile(units_ / "KestTCS.service");
+  EXPECT_THAT(unit, HasSubstr("ExecStart=\"" + fs::canonical(kDaemon).string() + "\"\n"));
+  EXPECT_THAT(unit, HasSubstr("Environment=\"KESTTCS_HOME=/srv/kest\"\n"));
+  EXPECT_THAT(unit, HasSubstr("Type=notify\n"));
+
+  RunResult again = Daemon("-install", Env(runtime_));
+  EXPECT_EQ(again.out, "CreateService failed - " + (units_ / "KestTCS.service").string() +
+                           ": File exists (0x11)\n");
+  EXPECT_THAT(TakeCalls(), testing::IsEmpty());
+
+  WriteFile(state_, "active\n");
+  RunResult remove = Daemon("-remove", Env(runtime_));
+  EXPECT_EQ(remove.exitStatus, 0);
+  EXPECT_EQ(remove.out, std::string("Stopping ") + kDisplayName + "..\n" + kDisplayName +
+                            " stopped.\n" + kDisplayName + " removed.\n");
+  EXPECT_THAT(TakeCalls(),
+              ElementsAre("is-active KestTCS.service", "stop --no-block KestTCS.service",
+                          "is-active KestTCS.service", "is-active KestTCS.service",
+                          "disable KestTCS.service", "daemon-reload"));
+  EXPECT_FALSE(fs::exists(units_ / "KestTCS.service"));
+
+  RunResult missing = Daemon("-remove", Env(runtime_));
+  EXPECT_EQ(missing.out, "OpenService failed - " + (units_ / "KestTCS.service").string() +
+                             ": No such file or directory (0x2)\n");
+}
+
+TEST_F(InstallTest, StoppedServiceIsRemovedWithoutStoppingAndFailedEnableLeavesNoUnit) {
+  ASSERT_EQ(Daemon("-install", Env(runtime_)).exitStatus, 0);
+  TakeCalls();
+  RunResult remove = Daemon("-remove", Env(runtime_));
+  EXPECT_EQ(remove.out, std::string(kDisplayName) + " removed.\n");
+  EXPECT_THAT(TakeCalls(),
+              ElementsAre("is-active KestTCS.service", "disable KestTCS.service", "daemon-reload"));
+
+  std::vector<std::string> env = Env(runtime_);
+  env.push_back("FAIL_ENABLE=1");
+  RunResult install = Daemon("-install", env);
+  EXPECT_EQ(install.out,
+            "CreateService failed - systemctl enable KestTCS.service failed with status 1 (0x1)\n");
+  EXPECT_FALSE(fs::exists(units_ / "KestTCS.service"));
+  EXPECT_THAT(TakeCalls(), ElementsAre("daemon-reload", "enable KestTCS.service", "daemon-reload"));
+}
+
+TEST_F(InstallTest, WithoutSystemdBothCommandsFailCleanly) {
+  const std::string absent = (dir_.path() / "no-systemd").string();
+  for (const char* command : {"-install", "-remove"}) {
+    RunResult r = Daemon(command, Env(absent));
+    EXPECT_EQ(r.exitStatus, 0);
+    EXPECT_EQ(r.out,
+              "OpenSCManager failed - systemd is not running (" + absent + " is missing) (0x2)\n");
+  }
+  EXPECT_FALSE(fs::exists(calls_));
+  EXPECT_TRUE(fs::is_empty(units_));
+}
+
+TEST(KesttcsdHelpTest, HelpPrintsUsage) {
+  TempDir dir;
+  RunResult r = Run({kDaemon, "--help"}, {}, dir.path());
+  EXPECT_EQ(r.exitStatus, 0);
+  EXPECT_THAT(r.out, HasSubstr("[-install | -remove | -debug]"));
+}
+
+}  // namespace
