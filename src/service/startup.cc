@@ -10,6 +10,7 @@
 #include <ctime>
 #include <span>
 
+#include "commands/tpm_metrics.h"
 #include "rpc/contexts.h"
 #include "rpc/result_codes.h"
 #include "rpc/rpc_service.h"
@@ -74,6 +75,18 @@ TSS_RESULT StepStartTpmAccess() {
 
 std::string DescribeTpmAccessFailure() { return driver_last_error(); }
 
+TSS_RESULT StepReadTpmMetrics() {
+  tpm_metrics_init();
+  SetOwnVendorId(g_config.vendor);
+  tpm_metrics metrics;
+  const TSS_RESULT r = get_tpm_metrics(&metrics);
+  if (r != TSS_SUCCESS) TcsTrace("KestTcs_startup:get_tpm_metrics Fail!", nullptr);
+  return r;
+}
+
+// Undo after the TPM is up: the driver is closed again.
+void UndoTpmAccess() { static_cast<void>(req_mgr_final()); }
+
 struct StartupStep {
   const char* name;
   TSS_RESULT (*run)();
@@ -83,15 +96,16 @@ struct StartupStep {
   std::string (*describeFailure)();
 };
 
-// The start-up order. Persistent storage (with the owner-less backup and the checksum check),
-// the session table, the owner-held keys and the PCR event log join after TPM access as their
-// managers land.
+// The start-up order. Persistent storage (with the owner-less backup and the checksum check; its
+// close joins the metrics step's undo), the session table, the owner-held keys and the PCR event
+// log join after the metrics as their managers land.
 constexpr StartupStep kStartupSteps[] = {
     {"locks", StepCreateLocks, nullptr, nullptr},
     {"random seed", StepSeedRandom, nullptr, nullptr},
     {"configuration", StepReadConfiguration, nullptr, nullptr},
     {"directories", StepCreateDirectories, nullptr, nullptr},
     {"TPM access", StepStartTpmAccess, nullptr, DescribeTpmAccessFailure},
+    {"TPM metrics", StepReadTpmMetrics, UndoTpmAccess, nullptr},
 };
 
 // ---- Shut-down steps ----
