@@ -1,0 +1,152 @@
+#include "rpc/context_owners.h"
+
+#include <map>
+#include <set>
+#include <tuple>
+#include <unordered_map>
+#include <vector>
+
+#include "base/mutex.h"
+#include "rpc/api_frame.h"
+#include "rpc/contexts.h"
+
+namespace kesttcs {
+namespace {
+
+struct OwnerKey {
+  bool is_process;
+  pid_t pid;
+  uid_t uid;
+  uint64_t connection_id;
+
+  friend bool operator<(const OwnerKey& a, const OwnerKey& b) {
+    return std::tie(a.is_process, a.pid, a.uid, a.connection_id) <
+           std::tie(b.is_process, b.pid, b.uid, b.connection_id);
+  }
+};
+
+OwnerKey KeyOf(const ContextOwner& o) {
+  return OwnerKey{o.is_process, o.is_process ? o.pid : 0, o.is_process ? o.uid : 0,
+                  o.is_process ? 0 : o.connection_id};
+}
+
+struct OwnerRecord {
+  std::set<uint64_t> connections;
+  std::set<TCS_CONTEXT_HANDLE> contexts;
+};
+
+struct State {
+  Mutex mu;
+  std::map<OwnerKey, OwnerRecord> owners GUARDED_BY(mu);
+  std::unordered_map<TCS_CONTEXT_HANDLE, OwnerKey> context_owner GUARDED_BY(mu);
+  size_t abandoned_closed GUARDED_BY(mu) = 0;
+};
+
+State& S() {
+  static State* state = new State;
+  return *state;
+}
+
+}  // namespace
+
+ContextOwner OwnerOf(const dcerpc::PeerIdentity& peer) {
+  ContextOwner o;
+  o.is_process = peer.transport == dcerpc::Transport::kUnixStream && peer.has_credentials;
+  o.pid = peer.pid;
+  o.uid = peer.uid;
+  o.connection_id = peer.connection_id;
+  return o;
+}
+
+void owners_NoteConnection(const dcerpc::PeerIdentity& peer) {
+  State& s = S();
+  MutexLock lock(s.mu);
+  s.owners[KeyOf(OwnerOf(peer))].connections.insert(peer.connection_id);
+}
+
+bool owners_MayUse(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext) {
+  if (hContext == kInternalContextHandle) return false;
+  State& s = S();
+  MutexLock lock(s.mu);
+  const auto it = s.context_owner.find(hContext);
+  if (it == s.context_owner.end()) return false;
+  const OwnerKey key = KeyOf(owner);
+  return !(it->second < key) && !(key < it->second);
+}
+
+void owners_Add(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext) {
+  State& s = S();
+  MutexLock lock(s.mu);
+  const OwnerKey key = KeyOf(owner);
+  s.owners[key].contexts.insert(hContext);
+  s.context_owner[hContext] = key;
+}
+
+void owners_Remove(TCS_CONTEXT_HANDLE hContext) {
+  State& s = S();
+  MutexLock lock(s.mu);
+  const auto it = s.context_owner.find(hContext);
+  if (it == s.context_owner.end()) return;
+  const auto owner = s.owners.find(it->second);
+  if (owner != s.owners.end()) owner->second.contexts.erase(hContext);
+  s.context_owner.erase(it);
+}
+
+void owners_ConnectionClosed(const dcerpc::PeerIdentity& peer) {
+  State& s = S();
+  std::set<TCS_CONTEXT_HANDLE> abandoned;
+  {
+    MutexLock lock(s.mu);
+    const auto it = s.owners.find(KeyOf(OwnerOf(peer)));
+    if (it == s.owners.end()) return;
+    it->second.connections.erase(peer.connection_id);
+    if (!it->second.connections.empty()) return;
+    abandoned.swap(it->second.contexts);
+    for (TCS_CONTEXT_HANDLE h : abandoned) s.context_owner.erase(h);
+    s.owners.erase(it);
+    s.abandoned_closed += abandoned.size();
+  }
+  for (TCS_CONTEXT_HANDLE h : abandoned) {
+    MutexLock api(ApiSerialisationLock());
+    // A context the client closed meanwhile is simply unknown now; nothing else can fail here.
+    (void)Tcsi_CloseContext_Internal(h);
+  }
+}
+
+size_t owners_CountContexts() {
+  State& s = S();
+  MutexLock lock(s.mu);
+  return s.context_owner.size();
+}
+
+size_t owners_CountContextsOfProcess(pid_t pid) {
+  State& s = S();
+  MutexLock lock(s.mu);
+  size_t n = 0;
+  for (const auto& [key, record] : s.owners) {
+    if (key.is_process && key.pid == pid) n += record.contexts.size();
+  }
+  return n;
+}
+
+size_t owners_CountOwners() {
+  State& s = S();
+  MutexLock lock(s.mu);
+  return s.owners.size();
+}
+
+size_t owners_CountAbandonedClosed() {
+  State& s = S();
+  MutexLock lock(s.mu);
+  return s.abandoned_closed;
+}
+
+void owners_Reset() {
+  State& s = S();
+  MutexLock lock(s.mu);
+  s.owners.clear();
+  s.context_owner.clear();
+  s.abandoned_closed = 0;
+}
+
+}  // namespace kesttcs

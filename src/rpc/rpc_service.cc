@@ -1,0 +1,180 @@
+#include "rpc/rpc_service.h"
+
+#include <grp.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+#include "base/mutex.h"
+#include "rpc/api_frame.h"
+#include "rpc/context_owners.h"
+#include "rpc/dcerpc/server.h"
+#include "rpc/internal_calls.h"
+#include "rpc/operations.h"
+#include "rpc/result_codes.h"
+#include "rpc/rpc_dispatch.h"
+#include "rpc/stubs.h"
+
+namespace kesttcs {
+namespace {
+
+using rpc::Operation;
+
+constexpr uint16_t kOpenContext = 3;
+constexpr uint16_t kCloseContext = 4;
+
+// Runs the operation's frame; the internal call is refused when the caller does not own the
+// context it presents. Successful opens and closes update the owner map.
+TSS_RESULT RunOperation(const Operation& op, rpc::CallFrame& frame, const ContextOwner& owner) {
+  const bool takes_context = op.params[0].is_input();
+  const TSS_RESULT result = RunApiFrame(op, frame, [&]() -> TSS_RESULT {
+    if (takes_context && !owners_MayUse(owner, frame.u32(0))) return TCS_E_INVALID_CONTEXT;
+    return CallInternalFunction(op.opnum, frame);
+  });
+  if (result == TSS_SUCCESS && op.opnum == kOpenContext) {
+    owners_Add(owner, frame.u32(0));
+  } else if (result == TSS_SUCCESS && op.opnum == kCloseContext) {
+    owners_Remove(frame.u32(0));
+  }
+  return result;
+}
+
+// The running server and where it listens.
+struct ServiceState {
+  Mutex mu;
+  std::optional<dcerpc::ServerOptions> options GUARDED_BY(mu);
+  std::unique_ptr<dcerpc::Server> server GUARDED_BY(mu);
+  bool listening GUARDED_BY(mu) = false;
+};
+
+ServiceState& Service() {
+  static ServiceState* state = new ServiceState;
+  return *state;
+}
+
+}  // namespace
+
+dcerpc::SyntaxId TcsInterfaceSyntax() {
+  dcerpc::SyntaxId id;
+  id.uuid = *dcerpc::Uuid::Parse("fbcd9c02-72cb-47bb-99dd-aedb551491de");
+  id.major = 1;
+  id.minor = 0;
+  return id;
+}
+
+uint32_t DispatchTcsCall(const dcerpc::CallInfo& info, uint16_t opnum,
+                         std::span<const uint8_t> stub_in, std::vector<uint8_t>& stub_out) {
+  const Operation* op = rpc::FindOperation(opnum);
+  if (op == nullptr) return dcerpc::kNcaOpRangeError;
+  dcerpc::NdrWriter writer(stub_out);
+  if (op->frame == rpc::Frame::kReserved) {
+    writer.WriteUint32(TCS_E_NOTIMPL);
+    return 0;
+  }
+  rpc::CallFrame frame(*op);
+  dcerpc::NdrReader reader(stub_in, info.byte_order);
+  if (!rpc::UnmarshalRequest(reader, frame)) return dcerpc::kRpcBadStubData;
+
+  owners_NoteConnection(info.peer);
+  const TSS_RESULT result = RunOperation(*op, frame, OwnerOf(info.peer));
+  if (!rpc::MarshalResponse(frame, result, writer)) {
+    // An internal function left its outputs inconsistent; the client gets a fault, not bad data.
+    stub_out.clear();
+    return dcerpc::kNcaFaultUnspecified;
+  }
+  return 0;
+}
+
+uint16_t RpcServerTcpPort() {
+  ServiceState& s = Service();
+  MutexLock lock(s.mu);
+  return s.server && s.listening ? s.server->tcp_port() : 0;
+}
+
+UINT32 RpcServerUseProtseqEp(const RpcEndpointConfig& config) {
+  dcerpc::ServerOptions options;
+  options.unix_path = config.socket_path.empty() ? dcerpc::DefaultSocketPath() : config.socket_path;
+  if (options.unix_path.empty()) return ENOENT;
+  if (options.unix_path.size() >= sizeof(sockaddr_un{}.sun_path)) return ENAMETOOLONG;
+  if (!config.group.empty()) {
+    if (const group* g = getgrnam(config.group.c_str())) options.socket_group = g->gr_gid;
+  }
+  if (config.tcp_port != 0) options.tcp_port = config.tcp_port;
+  ServiceState& s = Service();
+  MutexLock lock(s.mu);
+  if (s.listening) return EALREADY;
+  s.options = options;
+  return 0;
+}
+
+UINT32 RpcServerRegisterIf() {
+  ServiceState& s = Service();
+  MutexLock lock(s.mu);
+  if (s.server) return EALREADY;
+  auto server = std::make_unique<dcerpc::Server>();
+  if (!server->RegisterInterface(TcsInterfaceSyntax(), DispatchTcsCall)) return EINVAL;
+  server->SetConnectionClosedCallback(owners_ConnectionClosed);
+  s.server = std::move(server);
+  return 0;
+}
+
+UINT32 RpcServerListen(unsigned maxCalls) {
+  ServiceState& s = Service();
+  MutexLock lock(s.mu);
+  if (!s.server || !s.options) return EINVAL;
+  if (s.listening) return EALREADY;
+  dcerpc::ServerOptions options = *s.options;
+  options.max_calls = maxCalls == 0 ? 1 : maxCalls;
+  const int err = s.server->Start(options);
+  if (err != 0) return static_cast<UINT32>(err);
+  s.listening = true;
+  return 0;
+}
+
+UINT32 RpcMgmtWaitServerListen() {
+  dcerpc::Server* server = nullptr;
+  {
+    ServiceState& s = Service();
+    MutexLock lock(s.mu);
+    server = s.server.get();
+  }
+  // The server object lives until RpcServerUnregisterIf, which the host calls after this returns.
+  if (server != nullptr) server->Wait();
+  return 0;
+}
+
+UINT32 RpcMgmtStopServerListening() {
+  dcerpc::Server* server = nullptr;
+  {
+    ServiceState& s = Service();
+    MutexLock lock(s.mu);
+    if (!s.server || !s.listening) return EINVAL;
+    server = s.server.get();
+  }
+  // Stop runs the closed-connection callbacks, which must not find this module's lock taken.
+  server->Stop();
+  ServiceState& s = Service();
+  MutexLock lock(s.mu);
+  s.listening = false;
+  return 0;
+}
+
+UINT32 RpcServerUnregisterIf() {
+  std::unique_ptr<dcerpc::Server> server;
+  {
+    ServiceState& s = Service();
+    MutexLock lock(s.mu);
+    if (!s.server) return EINVAL;
+    server = std::move(s.server);
+    s.listening = false;
+    s.options.reset();
+  }
+  server.reset();
+  owners_Reset();
+  return 0;
+}
+
+}  // namespace kesttcs
