@@ -1,0 +1,94 @@
+// Answer decoding and argument checks of kesttcs-cli.
+#include "tools/cli_format.h"
+
+#include <charconv>
+#include <cstdio>
+
+namespace kesttcs::cli {
+
+std::string HexString(std::span<const BYTE> bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (BYTE b : bytes) {
+    text += kDigits[b >> 4];
+    text += kDigits[b & 0xF];
+  }
+  return text;
+}
+
+std::optional<TPM_DIGEST> ParseDigest(const std::string& hex) {
+  TPM_DIGEST digest{};
+  if (hex.size() != 2 * sizeof(digest.digest)) return std::nullopt;
+  for (size_t i = 0; i < sizeof(digest.digest); ++i) {
+    unsigned value = 0;
+    const char* begin = hex.data() + 2 * i;
+    auto [end, ec] = std::from_chars(begin, begin + 2, value, 16);
+    if (ec != std::errc() || end != begin + 2) return std::nullopt;
+    digest.digest[i] = static_cast<BYTE>(value);
+  }
+  return digest;
+}
+
+std::optional<UINT32> ParseNumber(const std::string& text, UINT32 min, UINT32 max) {
+  if (text.empty() || text[0] < '0' || text[0] > '9') return std::nullopt;
+  UINT32 value = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value, 10);
+  if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  if (value < min || value > max) return std::nullopt;
+  return value;
+}
+
+std::optional<UINT32> BigEndianNumber(std::span<const BYTE> answer) {
+  if (answer.empty() || answer.size() > 4) return std::nullopt;
+  UINT32 value = 0;
+  for (BYTE b : answer) value = (value << 8) | b;
+  return value;
+}
+
+namespace {
+std::string VersionText(std::span<const BYTE> v) {
+  char text[24];
+  std::snprintf(text, sizeof(text), "%u.%u.%u.%u", v[0], v[1], v[2], v[3]);
+  return text;
+}
+}  // namespace
+
+std::optional<std::string> VersionFromVersionInfo(std::span<const BYTE> answer) {
+  if (answer.size() < 6) return std::nullopt;
+  return VersionText(answer.subspan(2, 4));
+}
+
+std::optional<std::string> VersionFromVersion(std::span<const BYTE> answer) {
+  if (answer.size() < 4) return std::nullopt;
+  return VersionText(answer.first(4));
+}
+
+std::string ManufacturerText(std::span<const BYTE> answer) {
+  std::string text;
+  size_t n = answer.size();
+  while (n > 0 && answer[n - 1] == 0) --n;
+  for (size_t i = 0; i < n; ++i) {
+    const BYTE c = answer[i];
+    if (c >= 0x20 && c < 0x7F) {
+      text += static_cast<char>(c);
+    } else {
+      char escaped[8];
+      std::snprintf(escaped, sizeof(escaped), "\\x%02x", c);
+      text += escaped;
+    }
+  }
+  return text;
+}
+
+std::string Utf16LeText(std::span<const BYTE> answer) {
+  std::string text;
+  for (size_t i = 0; i + 1 < answer.size(); i += 2) {
+    const unsigned unit = answer[i] | (answer[i + 1] << 8);
+    if (unit == 0) break;
+    text += (unit >= 0x20 && unit < 0x7F) ? static_cast<char>(unit) : '?';
+  }
+  return text;
+}
+
+}  // namespace kesttcs::cli

@@ -1,0 +1,39 @@
+// Decoding of the answers kesttcs-cli shows, and its argument checks; kept apart from the
+// connection so that tests reach them without a service.
+#pragma once
+
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <kesttcs/tcs_types.h>
+
+namespace kesttcs::cli {
+
+// Lower-case hex of `bytes`, no separators.
+std::string HexString(std::span<const BYTE> bytes);
+
+// A 20-byte digest from exactly 40 hex digits (either case); nothing for anything else.
+std::optional<TPM_DIGEST> ParseDigest(const std::string& hex);
+
+// A decimal number in [min, max]; nothing for anything else (signs, blanks, other digits).
+std::optional<UINT32> ParseNumber(const std::string& text, UINT32 min, UINT32 max);
+
+// Big-endian UINT32 from an answer of 1 to 4 bytes; nothing for another length.
+std::optional<UINT32> BigEndianNumber(std::span<const BYTE> answer);
+
+// "major.minor.revMajor.revMinor" from a TPM_CAP_VERSION_VAL answer (TPM_CAP_VERSION_INFO: tag,
+// then the version at offset 2) or a TPM_CAP_VERSION answer (the 4-byte version); nothing when
+// the answer is too short.
+std::optional<std::string> VersionFromVersionInfo(std::span<const BYTE> answer);
+std::optional<std::string> VersionFromVersion(std::span<const BYTE> answer);
+
+// A 4-byte manufacturer identifier as text: printable characters kept, a trailing zero dropped,
+// anything else as \xNN.
+std::string ManufacturerText(std::span<const BYTE> answer);
+
+// Text of a UTF-16LE string (ASCII characters kept, others as '?').
+std::string Utf16LeText(std::span<const BYTE> answer);
+
+}  // namespace kesttcs::cli

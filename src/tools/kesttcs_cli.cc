@@ -1,0 +1,332 @@
+// kesttcs-cli: status and facts of the TPM behind KestTCS, capabilities, random bytes, PCR read and
+// extend, over the client library. Human output by default, one JSON object with --json.
+//
+// Exit status: 0 success; 1 the service cannot be reached or answered with an error; 2 a bad
+// argument.
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "rpc/result_codes.h"
+#include "tools/cli_format.h"
+#include "tools/tcs_connection.h"
+
+namespace kesttcs::cli {
+namespace {
+
+using nlohmann::ordered_json;
+
+constexpr int kExitFailure = 1;
+constexpr int kExitBadArgument = 2;
+constexpr UINT32 kMaxRandomBytes = 4096;
+constexpr UINT32 kMaxPcrIndex = 0xFFFF;
+
+// TPM capability areas and properties the commands read.
+constexpr UINT32 kTpmCapProperty = 5;
+constexpr UINT32 kTpmCapVersion = 6;
+constexpr UINT32 kTpmCapVersionVal = 0x1A;
+constexpr UINT32 kPropPcr = 0x101;
+constexpr UINT32 kPropManufacturer = 0x103;
+constexpr UINT32 kPropKeys = 0x104;
+constexpr UINT32 kPropMaxAuthSessions = 0x10D;
+constexpr UINT32 kPropOwner = 0x111;
+
+// TCS capability areas.
+constexpr UINT32 kTcsCapAlg = 1;
+constexpr UINT32 kTcsCapVersion = 2;
+constexpr UINT32 kTcsCapCaching = 3;
+constexpr UINT32 kTcsCapPersStorage = 4;
+constexpr UINT32 kTcsCapManufacturer = 5;
+constexpr UINT32 kTcsCapPlatformClass = 6;
+
+std::vector<BYTE> SubCap(UINT32 value) {
+  return {static_cast<BYTE>(value >> 24), static_cast<BYTE>(value >> 16),
+          static_cast<BYTE>(value >> 8), static_cast<BYTE>(value)};
+}
+
+// A result the service gave (0xE028xxxx), as opposed to an RPC status of a failed call.
+bool IsTcsAnswer(TSS_RESULT r) { return (r >> 16) == 0xE028; }
+
+std::string CodeText(TSS_RESULT code) {
+  char text[16];
+  std::snprintf(text, sizeof(text), "0x%.8X", code);
+  return text;
+}
+
+// A failed step of a command: what was called and what came back.
+struct Failure {
+  std::string operation;
+  TSS_RESULT code;
+};
+
+class Output {
+ public:
+  explicit Output(bool json) : json_(json) {}
+  bool json() const { return json_; }
+  ordered_json& object() { return object_; }
+
+  int Finish() {
+    if (json_) std::printf("%s\n", object_.dump(2).c_str());
+    return 0;
+  }
+  int BadArgument(const std::string& message) {
+    std::fprintf(stderr, "kesttcs-cli: bad argument: %s\n", message.c_str());
+    if (json_)
+      std::printf("%s\n", ordered_json{{"error", "bad argument: " + message}}.dump(2).c_str());
+    return kExitBadArgument;
+  }
+  int Unreachable(const std::string& endpoint, const std::string& reason) {
+    const std::string message = "cannot reach KestTCS at " + endpoint + ": " + reason;
+    std::fprintf(stderr, "kesttcs-cli: %s\n", message.c_str());
+    if (json_) std::printf("%s\n", ordered_json{{"error", message}}.dump(2).c_str());
+    return kExitFailure;
+  }
+  int TcsError(const Failure& failure) {
+    std::fprintf(stderr, "kesttcs-cli: %s failed: %s (%s)\n", failure.operation.c_str(),
+                 CodeText(failure.code).c_str(), ResultName(failure.code));
+    if (json_) {
+      ordered_json error = {{"error", failure.operation + " failed"},
+                            {"code", CodeText(failure.code)},
+                            {"name", ResultName(failure.code)}};
+      std::printf("%s\n", error.dump(2).c_str());
+    }
+    return kExitFailure;
+  }
+
+ private:
+  bool json_;
+  ordered_json object_ = ordered_json::object();
+};
+
+// One TPM property as a number.
+std::optional<Failure> TpmProperty(TcsConnection& tcs, UINT32 property, UINT32* value) {
+  std::vector<BYTE> answer;
+  if (TSS_RESULT r = tcs.TpmCapability(kTpmCapProperty, SubCap(property), &answer); r != 0) {
+    return Failure{"Tcsip_GetCapability", r};
+  }
+  std::optional<UINT32> number = BigEndianNumber(answer);
+  if (!number) return Failure{"Tcsip_GetCapability", TCS_E_BAD_PARAMETER};
+  *value = *number;
+  return std::nullopt;
+}
+
+std::optional<Failure> TpmVersion(TcsConnection& tcs, std::string* version) {
+  std::vector<BYTE> answer;
+  std::optional<std::string> text;
+  if (tcs.TpmCapability(kTpmCapVersionVal, {}, &answer) == 0) {
+    text = VersionFromVersionInfo(answer);
+  } else if (TSS_RESULT r = tcs.TpmCapability(kTpmCapVersion, {}, &answer); r != 0) {
+    return Failure{"Tcsip_GetCapability", r};
+  } else {
+    text = VersionFromVersion(answer);
+  }
+  if (!text) return Failure{"Tcsip_GetCapability", TCS_E_BAD_PARAMETER};
+  *version = *text;
+  return std::nullopt;
+}
+
+std::optional<Failure> Status(TcsConnection& tcs, const std::string& endpoint, Output& out) {
+  std::string version;
+  if (auto f = TpmVersion(tcs, &version)) return f;
+  std::vector<BYTE> manufacturer;
+  if (TSS_RESULT r = tcs.TpmCapability(kTpmCapProperty, SubCap(kPropManufacturer), &manufacturer);
+      r != 0) {
+    return Failure{"Tcsip_GetCapability", r};
+  }
+  UINT32 keySlots = 0, sessions = 0, pcrs = 0, owner = 0;
+  if (auto f = TpmProperty(tcs, kPropKeys, &keySlots)) return f;
+  if (auto f = TpmProperty(tcs, kPropMaxAuthSessions, &sessions)) return f;
+  if (auto f = TpmProperty(tcs, kPropPcr, &pcrs)) return f;
+  if (auto f = TpmProperty(tcs, kPropOwner, &owner)) return f;
+
+  ordered_json& o = out.object();
+  o["endpoint"] = endpoint;
+  o["reachable"] = true;
+  o["tpm_version"] = version;
+  o["manufacturer"] = ManufacturerText(manufacturer);
+  o["key_slots"] = keySlots;
+  o["auth_sessions"] = sessions;
+  o["pcr_count"] = pcrs;
+  o["owner"] = owner != 0;
+  if (!out.json()) {
+    std::printf("KestTCS at %s: reachable\n", endpoint.c_str());
+    std::printf("TPM version:   %s\n", version.c_str());
+    std::printf("Manufacturer:  %s\n", ManufacturerText(manufacturer).c_str());
+    std::printf("Key slots:     %u\n", keySlots);
+    std::printf("Auth sessions: %u\n", sessions);
+    std::printf("PCRs:          %u\n", pcrs);
+    std::printf("Owner:         %s\n", owner != 0 ? "yes" : "no");
+  }
+  return std::nullopt;
+}
+
+// The TCS capability areas; an area the service does not answer is shown with its result.
+std::optional<Failure> Caps(TcsConnection& tcs, Output& out) {
+  struct Query {
+    const char* name;
+    UINT32 area;
+    UINT32 subCap;
+    std::function<ordered_json(const std::vector<BYTE>&)> decode;
+  };
+  auto flag = [](const std::vector<BYTE>& a) { return ordered_json(!a.empty() && a[0] != 0); };
+  auto version = [](const std::vector<BYTE>& a) {
+    return ordered_json(VersionFromVersion(a).value_or(HexString(a)));
+  };
+  const std::vector<Query> queries = {
+      {"tcs_version", kTcsCapVersion, 0, version},
+      {"alg_sha1", kTcsCapAlg, 0x23, flag},
+      {"alg_hmac", kTcsCapAlg, 0x24, flag},
+      {"alg_mgf1", kTcsCapAlg, 0x26, flag},
+      {"alg_rsa", kTcsCapAlg, 0x20, flag},
+      {"alg_des", kTcsCapAlg, 0x21, flag},
+      {"alg_3des", kTcsCapAlg, 0x22, flag},
+      {"alg_aes128", kTcsCapAlg, 0x25, flag},
+      {"alg_aes192", kTcsCapAlg, 0x27, flag},
+      {"alg_aes256", kTcsCapAlg, 0x28, flag},
+      {"key_cache", kTcsCapCaching, 0x100, flag},
+      {"auth_cache", kTcsCapCaching, 0x101, flag},
+      {"persistent_storage", kTcsCapPersStorage, 0, flag},
+      {"manufacturer_id", kTcsCapManufacturer, 0x102,
+       [](const std::vector<BYTE>& a) { return ordered_json(ManufacturerText(a)); }},
+      {"manufacturer", kTcsCapManufacturer, 0x103,
+       [](const std::vector<BYTE>& a) { return ordered_json(Utf16LeText(a)); }},
+      {"platform_class", kTcsCapPlatformClass, 0,
+       [](const std::vector<BYTE>& a) { return ordered_json(HexString(a)); }},
+  };
+  ordered_json& o = out.object();
+  for (const Query& q : queries) {
+    std::vector<BYTE> answer;
+    const TSS_RESULT r = tcs.TcsCapability(q.area, SubCap(q.subCap), &answer);
+    // A lost connection is a failure of the command, not an unanswered area.
+    if (r != 0 && !IsTcsAnswer(r)) return Failure{"Tcsi_GetCapability", r};
+    o[q.name] =
+        r == 0 ? q.decode(answer) : ordered_json{{"error", CodeText(r)}, {"name", ResultName(r)}};
+    if (!out.json()) {
+      const std::string value =
+          r == 0 ? (o[q.name].is_string() ? o[q.name].get<std::string>() : o[q.name].dump())
+                 : "not answered: " + CodeText(r) + " (" + ResultName(r) + ")";
+      std::printf("%-20s %s\n", q.name, value.c_str());
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<Failure> Random(TcsConnection& tcs, UINT32 count, Output& out) {
+  std::vector<BYTE> bytes;
+  if (TSS_RESULT r = tcs.Random(count, &bytes); r != 0) return Failure{"Tcsip_GetRandom", r};
+  out.object()["count"] = bytes.size();
+  out.object()["random"] = HexString(bytes);
+  if (!out.json()) std::printf("%s\n", HexString(bytes).c_str());
+  return std::nullopt;
+}
+
+std::optional<Failure> PcrRead(TcsConnection& tcs, std::optional<UINT32> index, Output& out) {
+  UINT32 first = 0, count = 1;
+  if (index) {
+    first = *index;
+  } else if (auto f = TpmProperty(tcs, kPropPcr, &count)) {
+    return f;
+  }
+  ordered_json pcrs = ordered_json::array();
+  for (UINT32 i = first; i < first + count; ++i) {
+    TPM_DIGEST value{};
+    if (TSS_RESULT r = tcs.PcrRead(i, &value); r != 0) return Failure{"Tcsip_PcrRead", r};
+    const std::string hex = HexString(value.digest);
+    pcrs.push_back({{"index", i}, {"value", hex}});
+    if (!out.json()) std::printf("PCR %2u: %s\n", i, hex.c_str());
+  }
+  out.object()["pcrs"] = pcrs;
+  return std::nullopt;
+}
+
+std::optional<Failure> PcrExtend(TcsConnection& tcs, UINT32 index, const TPM_DIGEST& digest,
+                                 Output& out) {
+  TPM_DIGEST value{};
+  if (TSS_RESULT r = tcs.Extend(index, digest, &value); r != 0) return Failure{"Tcsip_Extend", r};
+  const std::string hex = HexString(value.digest);
+  out.object()["index"] = index;
+  out.object()["value"] = hex;
+  if (!out.json()) std::printf("PCR %2u: %s\n", index, hex.c_str());
+  return std::nullopt;
+}
+
+int Main(int argc, char** argv) {
+  CLI::App app{"kesttcs-cli: administration and diagnostics for the KestTCS service"};
+  app.set_help_all_flag("--help-all", "Help for every command");
+  std::string endpoint = kDefaultEndpoint;
+  bool json = false;
+  app.add_option("--endpoint", endpoint, "The service's Unix socket")->capture_default_str();
+  app.add_flag("--json", json, "One JSON object on stdout");
+  app.require_subcommand(1);
+  app.fallthrough();
+
+  CLI::App* status = app.add_subcommand("status", "Service reachable and facts about the TPM");
+  CLI::App* caps = app.add_subcommand("caps", "The service's capability areas");
+  CLI::App* random = app.add_subcommand("random", "N random bytes from the TPM");
+  std::string randomCount;
+  random->add_option("N", randomCount, "Number of bytes (1 to 4096)")->required();
+  CLI::App* pcr = app.add_subcommand("pcr", "Read or extend PCRs");
+  pcr->require_subcommand(1);
+  pcr->fallthrough();
+  CLI::App* pcrRead = pcr->add_subcommand("read", "The value of PCR N, or of every PCR");
+  std::string readIndex;
+  pcrRead->add_option("N", readIndex, "PCR index");
+  CLI::App* pcrExtend = pcr->add_subcommand("extend", "Extend PCR N with a 20-byte digest");
+  std::string extendIndex, extendDigest;
+  pcrExtend->add_option("N", extendIndex, "PCR index")->required();
+  pcrExtend->add_option("HEX", extendDigest, "Digest, 40 hex digits")->required();
+  for (CLI::App* sub : {status, caps, random, pcrRead, pcrExtend}) sub->fallthrough();
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? 0 : kExitBadArgument;
+  }
+
+  Output out(json);
+  // Arguments are checked before the service is asked anything.
+  std::optional<UINT32> count, index;
+  std::optional<TPM_DIGEST> digest;
+  if (random->parsed()) {
+    count = ParseNumber(randomCount, 1, kMaxRandomBytes);
+    if (!count) return out.BadArgument("random N must be a number from 1 to 4096");
+  }
+  if (pcrRead->parsed() && !readIndex.empty()) {
+    index = ParseNumber(readIndex, 0, kMaxPcrIndex);
+    if (!index) return out.BadArgument("pcr read N must be a PCR number");
+  }
+  if (pcrExtend->parsed()) {
+    index = ParseNumber(extendIndex, 0, kMaxPcrIndex);
+    if (!index) return out.BadArgument("pcr extend N must be a PCR number");
+    digest = ParseDigest(extendDigest);
+    if (!digest) return out.BadArgument("pcr extend HEX must be 40 hex digits");
+  }
+
+  std::string reason;
+  TSS_RESULT openResult = 0;
+  std::unique_ptr<TcsConnection> tcs = TcsConnection::Open(endpoint, &reason, &openResult);
+  if (!tcs) {
+    if (!reason.empty()) return out.Unreachable(endpoint, reason);
+    return out.TcsError({"Tcsi_OpenContext", openResult});
+  }
+
+  std::optional<Failure> failure;
+  if (status->parsed()) failure = Status(*tcs, endpoint, out);
+  if (caps->parsed()) failure = Caps(*tcs, out);
+  if (random->parsed()) failure = Random(*tcs, *count, out);
+  if (pcrRead->parsed()) failure = PcrRead(*tcs, index, out);
+  if (pcrExtend->parsed()) failure = PcrExtend(*tcs, *index, *digest, out);
+  if (failure) return out.TcsError(*failure);
+  return out.Finish();
+}
+
+}  // namespace
+}  // namespace kesttcs::cli
+
+int main(int argc, char** argv) { return kesttcs::cli::Main(argc, argv); }

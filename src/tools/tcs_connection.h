@@ -1,0 +1,45 @@
+// kesttcs-cli's one door to the service: a context opened through the client library, and the few
+// operations the commands use, with the outputs copied into owned buffers (the library's output
+// blocks are freed again at once).
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <kesttcs/tcs_types.h>
+
+namespace kesttcs::cli {
+
+// The socket the service listens on when nothing else is said.
+inline constexpr char kDefaultEndpoint[] = "/run/kesttcs/KestTCS";
+
+class TcsConnection {
+ public:
+  ~TcsConnection();  // closes the context
+  TcsConnection(const TcsConnection&) = delete;
+  TcsConnection& operator=(const TcsConnection&) = delete;
+
+  // Connects to the service at `endpoint` and opens a context. On failure returns null and writes
+  // why: *reason for a socket that does not answer (a system error text), else *result (the
+  // service's result code or the RPC status of the call).
+  static std::unique_ptr<TcsConnection> Open(const std::string& endpoint, std::string* reason,
+                                             TSS_RESULT* result);
+
+  // Tcsi_GetCapability / Tcsip_GetCapability with the given sub-capability bytes.
+  [[nodiscard]] TSS_RESULT TcsCapability(UINT32 area, const std::vector<BYTE>& subCap,
+                                         std::vector<BYTE>* answer);
+  [[nodiscard]] TSS_RESULT TpmCapability(UINT32 area, const std::vector<BYTE>& subCap,
+                                         std::vector<BYTE>* answer);
+  // Tcsip_GetRandom: *bytes gets what the TPM gave (possibly fewer than asked).
+  [[nodiscard]] TSS_RESULT Random(UINT32 count, std::vector<BYTE>* bytes);
+  // Tcsip_PcrRead and Tcsip_Extend.
+  [[nodiscard]] TSS_RESULT PcrRead(UINT32 index, TPM_DIGEST* value);
+  [[nodiscard]] TSS_RESULT Extend(UINT32 index, const TPM_DIGEST& digest, TPM_DIGEST* newValue);
+
+ private:
+  explicit TcsConnection(TCS_CONTEXT_HANDLE hContext) : hContext_(hContext) {}
+  TCS_CONTEXT_HANDLE hContext_;
+};
+
+}  // namespace kesttcs::cli
