@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -20,6 +22,7 @@ namespace kesttcs {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using Blob = std::array<BYTE, kTpmBlobSize>;
 
 constexpr UINT32 TPM_ORD_GetRandom = 0x46;
@@ -357,24 +360,42 @@ TEST_F(ReqMgrTest, AuditHookSeesAuditedCommandsAndResponses) {
             FakeTpmBackend::Response(TPM_SUCCESS, std::vector<BYTE>{0, 0, 0, 0}));
 }
 
-TEST_F(ReqMgrTest, TrafficLogRecordsExchangeAndTiming) {
+TEST_F(ReqMgrTest, TrafficLogAndTraceRecordEachExchange) {
   Init();
-  // With logging on and no log directory the records go nowhere, but the trace lines show the
-  // lock taken and released around the exchange.
+  std::string dir = (std::filesystem::temp_directory_path() / "kesttcs-traffic-XXXXXX").string();
+  ASSERT_NE(::mkdtemp(dir.data()), nullptr);
+  SetTrafficLogDirectory(dir);
   std::vector<std::string> lines;
   SetTraceSink([&](std::string_view line) { lines.emplace_back(line); });
   SetNeedLog(true);
   tpm_->Respond(TPM_SUCCESS, {0, 0, 0, 0});
   Blob blob = GetRandom(16);
-  TSS_RESULT result = req_mgr_submit(blob);
+  TSS_RESULT ok = req_mgr_submit(blob);
+  tpm_->Fail(kDriverIoError);
+  blob = GetRandom(16);
+  TSS_RESULT failed = req_mgr_submit(blob);
   SetNeedLog(false);
   SetTraceSink(nullptr);
-  ASSERT_EQ(result, TSS_SUCCESS);
+  EXPECT_EQ(ok, TSS_SUCCESS);
+  EXPECT_EQ(failed, kDriverIoError);
+
   ASSERT_GE(lines.size(), 2u);
   EXPECT_THAT(lines.front(),
               ::testing::MatchesRegex("TCS:LockTPM queue_lock=0x[0-9A-F]{8},s3_lock=0x[0-9a-f]{8},"
                                       "curCmdOrdinal=0x00000046\n"));
   EXPECT_EQ(lines.back(), "TCS: ++++++++++++ UnlockTPM ++++++++++++\n");
+
+  std::string traffic;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    std::ifstream file(entry.path());
+    traffic.append(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  }
+  std::filesystem::remove_all(dir);
+  EXPECT_THAT(traffic, HasSubstr("Send Data To TPM"));
+  EXPECT_THAT(traffic, HasSubstr("00 C1 00 00 00 0E 00 00 00 46 00 00 00 10 "));
+  EXPECT_THAT(traffic, HasSubstr("Recv Data From TPM"));
+  EXPECT_THAT(traffic, ::testing::ContainsRegex("req_mgr:Consume +[0-9]+\\.[0-9]{5} seconds\n"));
+  EXPECT_THAT(traffic, HasSubstr("Tddli_TransmitData:0xE0281087"));
 }
 
 TEST_F(ReqMgrTest, LockPairIsRecursiveAndForgivesStrayReleases) {
@@ -420,7 +441,7 @@ TEST_F(ReqMgrTest, UnboundDriverAnswersOneAndDriverNotAvailable) {
   driver_unbind();
   driver_configure("nonsense", "/tmp");
   EXPECT_EQ(bind_driver(), 1);
-  EXPECT_THAT(driver_last_error(), ::testing::HasSubstr("bad TPM backend \"nonsense\""));
+  EXPECT_THAT(driver_last_error(), HasSubstr("bad TPM backend \"nonsense\""));
   EXPECT_EQ(driver_open(), 1u);
   EXPECT_EQ(driver_close(), 1u);
   EXPECT_EQ(driver_cancel(), 1u);
