@@ -1,0 +1,90 @@
+// The TCS command layer against a TPM that answers anything: the start-up sequence, every keyless
+// operation, the vendor commands and sequence, the metrics (every path the answers lead to), the
+// vendor classifier and key eviction parse whatever comes back without crashing or reading past
+// the response.
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <utility>  // before fake_tpm_backend.h, which uses std::exchange
+
+#include "commands/capability.h"
+#include "commands/key_eviction.h"
+#include "commands/tcsip_keyless.h"
+#include "commands/tpm_metrics.h"
+#include "commands/vendor_commands.h"
+#include "rpc/contexts.h"
+#include "service/logging.h"
+#include "tpm/driver.h"
+#include "tpm/fake_tpm_backend.h"
+#include "tpm/req_mgr.h"
+#include "tpm/tpm_cmds.h"
+
+namespace kesttcs {
+namespace {
+
+void RunEveryCommand(TCS_CONTEXT_HANDLE h) {
+  std::array<BYTE, 300> input{};
+  UINT32 size = 16;
+  BYTE* out = nullptr;
+  TPM_DIGEST digest{};
+  TPM_NONCE nonce{};
+  TPM_COUNTER_VALUE counter;
+  TPM_AUTH auth{};
+  tpm_metrics metrics;
+  static_cast<void>(get_tpm_metrics(&metrics));
+  static_cast<void>(getTpmVendorClass());
+  static_cast<void>(Tcsip_GetRandom_Internal(h, &size, &out));
+  static_cast<void>(Tcsip_StirRandom_Internal(h, 8, input.data()));
+  static_cast<void>(Tcsip_PcrRead_Internal(h, 1, &digest));
+  static_cast<void>(Tcsip_Extend_Internal(h, 1, digest, &digest));
+  static_cast<void>(Tcsip_PcrReset_Internal(h, 5, input.data()));
+  static_cast<void>(
+      Tcsip_GetCapability_Internal(h, TPM_CAP_PROPERTY, 4, input.data(), &size, &out));
+  static_cast<void>(Tcsip_SelfTestFull_Internal(h));
+  static_cast<void>(Tcsip_ContinueSelfTest_Internal(h));
+  static_cast<void>(Tcsip_GetTestResult_Internal(h, &size, &out));
+  static_cast<void>(Tcsip_ReadPubek_Internal(h, nonce, &size, &out, &digest));
+  static_cast<void>(Tcsip_TPM_ReadCurrentTicks_Internal(h, &size, &out));
+  static_cast<void>(Tcsip_ReadCounter_Internal(h, 1, &counter));
+  static_cast<void>(Tcsip_DirRead_Internal(h, 0, &digest));
+  static_cast<void>(Tcsip_PhysicalPresence_Internal(h, 0x20));
+  static_cast<void>(Tcsip_PhysicalEnable_Internal(h));
+  static_cast<void>(Tcsip_PhysicalDisable_Internal(h));
+  static_cast<void>(Tcsip_PhysicalSetDeactivated_Internal(h, 1));
+  static_cast<void>(Tcsip_SetTempDeactivated_Internal(h));
+  static_cast<void>(
+      Tcsip_CreateEndorsementKeyPair_Internal(h, nonce, 24, input.data(), &size, &out, &digest));
+  static_cast<void>(Tcsip_ForceClear_Internal(h));
+  static_cast<void>(Tcsip_DisableForceClear_Internal(h));
+  static_cast<void>(Tcsip_SetOwnerInstall_Internal(h, 1));
+  static_cast<void>(Tcsip_VendorCommand1_Internal(h, 1, 4, input.data()));
+  static_cast<void>(Tcsip_VendorCommand2_Internal(h, 2, 4, input.data(), &auth));
+  static_cast<void>(Tcsip_VendorCommand3_Internal(h, 3, 4, input.data(), &size, &out));
+  static_cast<void>(vendor_seq_open(h, 1, 0, nullptr, &auth));
+  static_cast<void>(vendor_seq_continue(h, 1, 0, nullptr));
+  static_cast<void>(vendor_seq_end(h, 1, 0, nullptr));
+  static_cast<void>(EvictTpmKey(0x01000000));
+}
+
+}  // namespace
+}  // namespace kesttcs
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  using namespace kesttcs;
+  if (ctx_init() != TSS_SUCCESS) return 0;
+  tpm_metrics_init();
+  driver_use_backend(std::make_unique<FuzzTpmBackend>(std::span<const BYTE>(data, size)));
+  if (req_mgr_init() == TSS_SUCCESS) {
+    TCS_CONTEXT_HANDLE hContext = 0;
+    if (Tcsi_OpenContext_Internal(&hContext) == TSS_SUCCESS) RunEveryCommand(hContext);
+  }
+  static_cast<void>(req_mgr_final());
+  driver_unbind();
+  SetVendorExclusiveMode(false);
+  SetTpmIsVersion12(true);
+  tpm_metrics_final();
+  ctx_final();
+  return 0;
+}
