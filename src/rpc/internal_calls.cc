@@ -10,6 +10,7 @@
 
 #include "commands/capability.h"
 #include "commands/tcsip_keyless.h"
+#include "commands/vendor_commands.h"
 #include "rpc/c_layout.h"
 #include "rpc/context_memory.h"
 #include "rpc/contexts.h"
@@ -181,6 +182,9 @@ constexpr Binding Bind() {
 
 // Every internal function the service has, by opnum.
 constexpr Binding kBindings[] = {
+    Bind<0, &Tcsip_VendorCommand3_Internal>(),
+    Bind<1, &Tcsip_VendorCommand2_Internal>(),
+    Bind<2, &Tcsip_VendorCommand1_Internal>(),
     Bind<3, &Tcsi_OpenContext_Internal>(),
     Bind<4, &Tcsi_CloseContext_Internal>(),
     Bind<5, &Tcsi_FreeMemory_Internal>(),
