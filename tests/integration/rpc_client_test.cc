@@ -478,3 +478,69 @@ TEST_F(RpcClientTest, FaultsAndServiceGone) {
 
 }  // namespace
 }  // namespace kesttcs::testing
+
+namespace kesttcs::testing {
+namespace {
+
+// Debian's python3-impacket as an independent DCE/RPC client of the TCS interface over
+// ncacn_ip_tcp, with hand-built NDR stubs.
+TEST_F(RpcClientTest, ImpacketClientCallsTheInterface) {
+  if (std::system("/usr/bin/python3 -c 'import impacket.dcerpc.v5.rpcrt' >/dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "python3-impacket is not installed";
+  }
+  const std::string script = dir_.path() + "/tcs_client.py";
+  std::ofstream(script) << R"(import struct, sys
+from impacket.dcerpc.v5 import transport, rpcrt
+from impacket.uuid import uuidtup_to_bin
+port = int(sys.argv[1])
+def connect():
+    t = transport.DCERPCTransportFactory('ncacn_ip_tcp:127.0.0.1[%d]' % port)
+    dce = t.get_dce_rpc()
+    dce.connect()
+    return dce
+dce = connect()
+dce.bind(uuidtup_to_bin(('fbcd9c02-72cb-47bb-99dd-aedb551491de', '1.0')))
+dce.call(3, b'')
+h, r = struct.unpack('<II', dce.recv())
+print('open', hex(h >> 28), hex(r))
+dce.call(6, struct.pack('<IIII', h, 2, 4, 4) + b'\0\0\0\0')
+size, ref, count = struct.unpack('<III', dce.recv()[:12])
+print('capability', size, ref != 0, count)
+dce.call(56, struct.pack('<II', h, 16))
+out = dce.recv()
+n, ref, count = struct.unpack('<III', out[:12])
+print('random', n, count, len(out[12:12 + count]), hex(struct.unpack('<I', out[-4:])[0]))
+dce.call(4, struct.pack('<I', h))
+print('close', hex(struct.unpack('<I', dce.recv())[0]))
+try:
+    dce.call(126, b'')
+    dce.recv()
+    print('no fault')
+except rpcrt.DCERPCException as e:
+    print('fault', str(e))
+dce = connect()
+try:
+    dce.bind(uuidtup_to_bin(('fbcd9c02-72cb-47bb-99dd-aedb551491df', '1.0')))
+    print('bound')
+except rpcrt.DCERPCException as e:
+    print('bind refused')
+)";
+  const std::string command = "/usr/bin/python3 " + script + " " + std::to_string(port_) + " 2>&1";
+  FILE* p = popen(command.c_str(), "r");
+  ASSERT_NE(p, nullptr);
+  std::string output;
+  char buffer[256];
+  while (std::fgets(buffer, sizeof(buffer), p)) output += buffer;
+  pclose(p);
+  EXPECT_EQ(output,
+            "open 0xa 0x0\n"
+            "capability 4 True 4\n"
+            "random 16 16 16 0x0\n"
+            "close 0x0\n"
+            "fault nca_s_op_rng_error\n"
+            "bind refused\n");
+  EXPECT_EQ(ctx_CountContexts(), 0u);
+}
+
+}  // namespace
+}  // namespace kesttcs::testing
