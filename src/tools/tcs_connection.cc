@@ -1,0 +1,108 @@
+// The CLI's context over the client library.
+#include "tools/tcs_connection.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <kesttcs/tcs_client.h>
+
+namespace kesttcs::cli {
+namespace {
+
+// Moves a library output buffer into `out` and frees it.
+void TakeBuffer(BYTE* buffer, UINT32 size, std::vector<BYTE>* out) {
+  if (buffer != nullptr) out->assign(buffer, buffer + size);
+  Tcs_FreeBuffer(buffer);
+}
+
+// Why a Unix socket path does not answer, or empty when it accepts a connection.
+std::string SocketProblem(const std::string& endpoint) {
+  std::string path = endpoint;
+  if (path.rfind("unix:", 0) == 0) path = path.substr(5);
+  if (path.rfind("tcp:", 0) == 0) return {};  // left to the library
+  sockaddr_un addr{};
+  if (path.size() >= sizeof(addr.sun_path)) return "socket path too long";
+  addr.sun_family = AF_UNIX;
+  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return std::strerror(errno);
+  std::string problem;
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {
+    problem = std::strerror(errno);
+  }
+  close(fd);
+  return problem;
+}
+
+}  // namespace
+
+TcsConnection::~TcsConnection() {
+  static_cast<void>(Tcsi_CloseContext(hContext_));
+  Tcs_Disconnect();
+}
+
+std::unique_ptr<TcsConnection> TcsConnection::Open(const std::string& endpoint, std::string* reason,
+                                                   TSS_RESULT* result) {
+  if (std::string problem = SocketProblem(endpoint); !problem.empty()) {
+    *reason = problem;
+    return nullptr;
+  }
+  if (Tcs_Connect(endpoint.c_str()) != 0) {
+    char text[64];
+    std::snprintf(text, sizeof(text), "no DCE/RPC answer (RPC status 0x%.8X)", Tcs_LastRpcStatus());
+    *reason = text;
+    return nullptr;
+  }
+  TCS_CONTEXT_HANDLE hContext = 0;
+  if (TSS_RESULT r = Tcsi_OpenContext(&hContext); r != 0) {
+    *result = r;
+    Tcs_Disconnect();
+    return nullptr;
+  }
+  return std::unique_ptr<TcsConnection>(new TcsConnection(hContext));
+}
+
+TSS_RESULT TcsConnection::TcsCapability(UINT32 area, const std::vector<BYTE>& subCap,
+                                        std::vector<BYTE>* answer) {
+  UINT32 size = 0;
+  BYTE* buffer = nullptr;
+  const TSS_RESULT r = Tcsi_GetCapability(
+      hContext_, area, static_cast<UINT32>(subCap.size()),
+      const_cast<BYTE*>(subCap.empty() ? nullptr : subCap.data()), &size, &buffer);
+  TakeBuffer(buffer, size, answer);
+  return r;
+}
+
+TSS_RESULT TcsConnection::TpmCapability(UINT32 area, const std::vector<BYTE>& subCap,
+                                        std::vector<BYTE>* answer) {
+  UINT32 size = 0;
+  BYTE* buffer = nullptr;
+  const TSS_RESULT r = Tcsip_GetCapability(
+      hContext_, area, static_cast<UINT32>(subCap.size()),
+      const_cast<BYTE*>(subCap.empty() ? nullptr : subCap.data()), &size, &buffer);
+  TakeBuffer(buffer, size, answer);
+  return r;
+}
+
+TSS_RESULT TcsConnection::Random(UINT32 count, std::vector<BYTE>* bytes) {
+  UINT32 size = count;
+  BYTE* buffer = nullptr;
+  const TSS_RESULT r = Tcsip_GetRandom(hContext_, &size, &buffer);
+  TakeBuffer(buffer, size, bytes);
+  return r;
+}
+
+TSS_RESULT TcsConnection::PcrRead(UINT32 index, TPM_DIGEST* value) {
+  return Tcsip_PcrRead(hContext_, index, value);
+}
+
+TSS_RESULT TcsConnection::Extend(UINT32 index, const TPM_DIGEST& digest, TPM_DIGEST* newValue) {
+  return Tcsip_Extend(hContext_, index, digest, newValue);
+}
+
+}  // namespace kesttcs::cli
