@@ -26,6 +26,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <kesttcs/tcs_client.h>
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -271,14 +273,43 @@ TEST_F(ServiceTest, ServesUntilSigtermThenShutsDownInOrder) {
   EXPECT_TRUE(fs::is_directory(home_ / "log"));
   EXPECT_TRUE(fs::is_directory(home_ / "tpm"));
 
-  if (fs::exists(kCli)) {
-    RunResult status = Cli({"status"});
-    EXPECT_EQ(status.exitStatus, 0) << status.out << status.err;
-    EXPECT_THAT(status.out, HasSubstr("TPM version"));
-    RunResult random = Cli({"--json", "random", "16"});
-    EXPECT_EQ(random.exitStatus, 0) << random.out << random.err;
-    EXPECT_THAT(random.out, HasSubstr("\"random\""));
-  }
+  // Through the CLI.
+  RunResult status = Cli({"status"});
+  EXPECT_EQ(status.exitStatus, 0) << status.out << status.err;
+  EXPECT_THAT(status.out, HasSubstr("reachable"));
+  EXPECT_THAT(status.out, HasSubstr("TPM version:   1.2."));
+  EXPECT_THAT(status.out, HasSubstr("PCRs:          24"));
+  EXPECT_THAT(status.out, HasSubstr("Owner:         no"));
+  RunResult random = Cli({"--json", "random", "16"});
+  EXPECT_EQ(random.exitStatus, 0) << random.out << random.err;
+  EXPECT_THAT(random.out, testing::ContainsRegex("\"random\": \"[0-9a-f]{32}\""));
+  RunResult extend = Cli({"pcr", "extend", "16", std::string(40, '0')});
+  // SHA-1 of 40 zero bytes: the first extend of a zero PCR.
+  EXPECT_EQ(extend.out, "PCR 16: b80de5d138758541c5f05265ad144ab9fa86d1db\n") << extend.err;
+  RunResult badIndex = Cli({"pcr", "read", "99"});
+  EXPECT_EQ(badIndex.exitStatus, 1);
+  EXPECT_THAT(badIndex.err, HasSubstr("Tcsip_PcrRead failed: 0xE0280002 (TPM_E_BADINDEX)"));
+  RunResult badArgument = Cli({"random", "many"});
+  EXPECT_EQ(badArgument.exitStatus, 2);
+  EXPECT_THAT(badArgument.err, HasSubstr("bad argument"));
+  RunResult badDigest = Cli({"pcr", "extend", "1", "abc"});
+  EXPECT_EQ(badDigest.exitStatus, 2);
+
+  // Through the client library, as an application would.
+  ASSERT_EQ(Tcs_Connect(socket_.c_str()), 0u);
+  TCS_CONTEXT_HANDLE hContext = 0;
+  ASSERT_EQ(Tcsi_OpenContext(&hContext), 0u);
+  UINT32 count = 20;
+  BYTE* bytes = nullptr;
+  EXPECT_EQ(Tcsip_GetRandom(hContext, &count, &bytes), 0u);
+  EXPECT_EQ(count, 20u);
+  EXPECT_NE(bytes, nullptr);
+  Tcs_FreeBuffer(bytes);
+  TPM_PCRVALUE pcr{};
+  EXPECT_EQ(Tcsip_PcrRead(hContext, 16, &pcr), 0u);
+  EXPECT_EQ(pcr.digest[0], 0xb8);
+  EXPECT_EQ(Tcsi_CloseContext(hContext), 0u);
+  Tcs_Disconnect();
 
   daemon.Signal(SIGTERM);
   RunResult result = daemon.Wait();
@@ -392,6 +423,16 @@ TEST_F(ServiceTest, UnreachableTpmEndsWithItsTcsCode) {
   // The reason is on stderr for the journal.
   EXPECT_THAT(result.err, HasSubstr("kesttcsd: TPM access"));
   EXPECT_FALSE(fs::exists(socket_));
+}
+
+TEST_F(ServiceTest, CliReportsAnUnreachableService) {
+  RunResult r = Cli({"status"});
+  EXPECT_EQ(r.exitStatus, 1);
+  EXPECT_EQ(r.err, "kesttcs-cli: cannot reach KestTCS at " + socket_.string() +
+                       ": No such file or directory\n");
+  RunResult json = Cli({"--json", "random", "8"});
+  EXPECT_EQ(json.exitStatus, 1);
+  EXPECT_THAT(json.out, HasSubstr("\"error\": \"cannot reach KestTCS at"));
 }
 
 TEST_F(ServiceTest, DebugModeStopsOnCtrlCWithoutStatusReports) {
