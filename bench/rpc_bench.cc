@@ -1,0 +1,157 @@
+// Calls through the client library to the service (RPC server, API frame, contexts, commands on
+// the embedded libtpms TPM in a temporary home, all in this process) against a bare Unix-socket
+// echo of the same message size: Tcsi_GetCapability (no TPM command) and Tcsip_GetRandom(16), with
+// 1 and 8 client threads, each thread on its own connection. Compare each RPC row with its echo
+// row for the per-call overhead of the RPC path.
+#include <benchmark/benchmark.h>
+#include <kesttcs/tcs_client.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "commands/tpm_metrics.h"
+#include "rpc/contexts.h"
+#include "rpc/rpc_service.h"
+#include "tpm/driver.h"
+#include "tpm/req_mgr.h"
+
+namespace {
+
+// Sizes of the two calls' request and response PDUs (header and stub), which the echo mirrors.
+constexpr size_t kCapabilityMessage = 44;
+constexpr size_t kRandomMessage = 64;
+
+struct Environment {
+  std::string home;
+  std::string socket;
+  std::string echo_socket;
+};
+
+bool ReadFull(int fd, char* p, size_t n) {
+  while (n > 0) {
+    const ssize_t got = ::read(fd, p, n);
+    if (got <= 0) return false;
+    p += got;
+    n -= static_cast<size_t>(got);
+  }
+  return true;
+}
+
+void EchoServer(int listener) {
+  for (;;) {
+    const int fd = ::accept(listener, nullptr, nullptr);
+    if (fd < 0) return;
+    std::thread([fd] {
+      char size = 0;
+      std::vector<char> buffer;
+      // Each message is announced by its one-byte length.
+      while (ReadFull(fd, &size, 1)) {
+        buffer.resize(static_cast<unsigned char>(size));
+        if (!ReadFull(fd, buffer.data(), buffer.size())) break;
+        if (::write(fd, buffer.data(), buffer.size()) != static_cast<ssize_t>(buffer.size())) break;
+      }
+      ::close(fd);
+    }).detach();
+  }
+}
+
+const Environment& Env() {
+  static Environment* env = [] {
+    auto* e = new Environment;
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "kesttcs-bench-XXXXXX").string();
+    e->home = ::mkdtemp(pattern.data()) != nullptr ? pattern : "/tmp";
+    e->socket = e->home + "/KestTCS";
+    e->echo_socket = e->home + "/echo";
+    if (kesttcs::ctx_init() != 0) std::abort();
+    kesttcs::tpm_metrics_init();
+    kesttcs::driver_configure("libtpms:" + e->home + "/tpm", e->home);
+    if (kesttcs::req_mgr_init() != 0 || kesttcs::RpcServerUseProtseqEp({e->socket, "", 0}) != 0 ||
+        kesttcs::RpcServerRegisterIf() != 0 || kesttcs::RpcServerListen(1000) != 0) {
+      std::abort();
+    }
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", e->echo_socket.c_str());
+    if (::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
+        ::listen(listener, 64) != 0) {
+      std::abort();
+    }
+    std::thread(EchoServer, listener).detach();
+    return e;
+  }();
+  return *env;
+}
+
+void RpcGetCapability(benchmark::State& state) {
+  const Environment& env = Env();
+  if (Tcs_ConnectThread(env.socket.c_str()) != 0) state.SkipWithError("connect");
+  TCS_CONTEXT_HANDLE h = 0;
+  if (Tcsi_OpenContext(&h) != 0) state.SkipWithError("open");
+  BYTE sub[4] = {};
+  for (auto _ : state) {
+    UINT32 size = 0;
+    BYTE* resp = nullptr;
+    if (Tcsi_GetCapability(h, 2, 4, sub, &size, &resp) != 0) state.SkipWithError("call");
+    Tcs_FreeBuffer(resp);
+  }
+  static_cast<void>(Tcsi_CloseContext(h));
+  Tcs_DisconnectThread();
+  state.SetItemsProcessed(state.iterations());
+}
+
+void RpcGetRandom16(benchmark::State& state) {
+  const Environment& env = Env();
+  if (Tcs_ConnectThread(env.socket.c_str()) != 0) state.SkipWithError("connect");
+  TCS_CONTEXT_HANDLE h = 0;
+  if (Tcsi_OpenContext(&h) != 0) state.SkipWithError("open");
+  for (auto _ : state) {
+    UINT32 n = 16;
+    BYTE* random = nullptr;
+    if (Tcsip_GetRandom(h, &n, &random) != 0) state.SkipWithError("call");
+    Tcs_FreeBuffer(random);
+  }
+  static_cast<void>(Tcsi_CloseContext(h));
+  Tcs_DisconnectThread();
+  state.SetItemsProcessed(state.iterations());
+}
+
+void Echo(benchmark::State& state, size_t message) {
+  const Environment& env = Env();
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", env.echo_socket.c_str());
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    state.SkipWithError("connect");
+  }
+  std::vector<char> out(message + 1, 'x');
+  out[0] = static_cast<char>(message);
+  std::vector<char> in(message);
+  for (auto _ : state) {
+    if (::write(fd, out.data(), out.size()) != static_cast<ssize_t>(out.size()) ||
+        !ReadFull(fd, in.data(), in.size())) {
+      state.SkipWithError("echo");
+    }
+  }
+  ::close(fd);
+  state.SetItemsProcessed(state.iterations());
+}
+
+void EchoCapabilitySize(benchmark::State& state) { Echo(state, kCapabilityMessage); }
+void EchoRandomSize(benchmark::State& state) { Echo(state, kRandomMessage); }
+
+BENCHMARK(RpcGetCapability)->Threads(1)->Threads(8)->UseRealTime();
+BENCHMARK(EchoCapabilitySize)->Threads(1)->Threads(8)->UseRealTime();
+BENCHMARK(RpcGetRandom16)->Threads(1)->Threads(8)->UseRealTime();
+BENCHMARK(EchoRandomSize)->Threads(1)->Threads(8)->UseRealTime();
+
+}  // namespace
