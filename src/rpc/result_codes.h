@@ -29,7 +29,12 @@ inline constexpr TSS_RESULT kTcsLayerService = 0x2000;
   X(TCS_E_MEMORY_NOT_OWNED, 0xE0282126, "memory not owned by context")                         \
   X(TCS_E_ORDINAL_NOT_PERMITTED, 0xE0282401, "ordinal not permitted")                          \
   X(TCS_E_FEATURE_NOT_ENABLED, 0xE0282402, "feature not enabled")                              \
-  X(TCS_E_DRIVER_NOT_AVAILABLE, 0xE0281087, "TPM driver not available")
+  X(TCS_E_DRIVER_NOT_AVAILABLE, 0xE0281087, "TPM driver not available or I/O error")        \
+  X(TDDL_E_FAIL, 0xE0281002, "TPM driver failure")                                             \
+  X(TDDL_E_ALREADY_OPENED, 0xE0281081, "TPM driver already open")                              \
+  X(TDDL_E_ALREADY_CLOSED, 0xE0281082, "TPM driver not open")                                  \
+  X(TDDL_E_INSUFFICIENT_BUFFER, 0xE0281083, "TPM response larger than the buffer")             \
+  X(TDDL_E_COMMAND_ABORTED, 0xE0281085, "TPM command cancelled")
 
 // TPM 1.2 return codes (the value a TPM puts in a response header).
 #define KESTTCS_TPM_RESULTS(X)             \

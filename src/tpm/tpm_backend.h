@@ -32,12 +32,12 @@
 namespace kesttcs {
 
 // Results of the service's own backends, in the driver layer (0xE0281xxx) of the result family.
-inline constexpr TSS_RESULT kDriverFail = kTcsErrorBase | kTcsLayerDriver | 0x002;
-inline constexpr TSS_RESULT kDriverAlreadyOpened = kTcsErrorBase | kTcsLayerDriver | 0x081;
-inline constexpr TSS_RESULT kDriverAlreadyClosed = kTcsErrorBase | kTcsLayerDriver | 0x082;
-inline constexpr TSS_RESULT kDriverInsufficientBuffer = kTcsErrorBase | kTcsLayerDriver | 0x083;
-inline constexpr TSS_RESULT kDriverCommandAborted = kTcsErrorBase | kTcsLayerDriver | 0x085;
-inline constexpr TSS_RESULT kDriverIoError = kTcsErrorBase | kTcsLayerDriver | 0x087;
+inline constexpr TSS_RESULT kDriverFail = TDDL_E_FAIL;
+inline constexpr TSS_RESULT kDriverAlreadyOpened = TDDL_E_ALREADY_OPENED;
+inline constexpr TSS_RESULT kDriverAlreadyClosed = TDDL_E_ALREADY_CLOSED;
+inline constexpr TSS_RESULT kDriverInsufficientBuffer = TDDL_E_INSUFFICIENT_BUFFER;
+inline constexpr TSS_RESULT kDriverCommandAborted = TDDL_E_COMMAND_ABORTED;
+inline constexpr TSS_RESULT kDriverIoError = TCS_E_DRIVER_NOT_AVAILABLE;
 inline constexpr TSS_RESULT kDriverNotOpen = kDriverAlreadyClosed;
 
 // TBS-style priorities: normal traffic and the start-up commands.
