@@ -41,17 +41,10 @@ constexpr UINT32 kCreateEkFixedBytes = kTpmHeaderSize + TPM_SHA1_160_HASH_LEN;  
 
 std::span<const BYTE> Bytes(const BYTE* data, UINT32 size) { return {data, size}; }
 
-// An operation that sends no parameters and returns none.
-TSS_RESULT RunBare(TCS_CONTEXT_HANDLE hContext, TPM_COMMAND_CODE ordinal) {
-  TpmCommand command(hContext, ordinal);
-  if (TSS_RESULT rc = command.Check()) return rc;
-  return command.Run(TPM_TAG_RQU_COMMAND);
-}
-
-// An operation whose parameters are `fields` and that returns none.
+// An operation whose parameters (if any) are `fields` and that returns nothing.
 template <class... Fields>
-TSS_RESULT RunWithFields(TCS_CONTEXT_HANDLE hContext, TPM_COMMAND_CODE ordinal,
-                         const Fields&... fields) {
+TSS_RESULT RunWithoutOutputs(TCS_CONTEXT_HANDLE hContext, TPM_COMMAND_CODE ordinal,
+                             const Fields&... fields) {
   TpmCommand command(hContext, ordinal);
   if (TSS_RESULT rc = command.Check()) return rc;
   return command.Run(TPM_TAG_RQU_COMMAND, fields...);
@@ -133,11 +126,11 @@ TSS_RESULT Tcsip_GetCapability_Internal(TCS_CONTEXT_HANDLE hContext, TPM_CAPABIL
 }
 
 TSS_RESULT Tcsip_SelfTestFull_Internal(TCS_CONTEXT_HANDLE hContext) {
-  return RunBare(hContext, TPM_ORD_SelfTestFull);
+  return RunWithoutOutputs(hContext, TPM_ORD_SelfTestFull);
 }
 
 TSS_RESULT Tcsip_ContinueSelfTest_Internal(TCS_CONTEXT_HANDLE hContext) {
-  return RunBare(hContext, TPM_ORD_ContinueSelfTest);
+  return RunWithoutOutputs(hContext, TPM_ORD_ContinueSelfTest);
 }
 
 TSS_RESULT Tcsip_GetTestResult_Internal(TCS_CONTEXT_HANDLE hContext, UINT32* outDataSize,
@@ -188,35 +181,35 @@ TSS_RESULT Tcsip_DirRead_Internal(TCS_CONTEXT_HANDLE hContext, TPM_DIRINDEX dirI
 }
 
 TSS_RESULT Tcsip_PhysicalPresence_Internal(TCS_CONTEXT_HANDLE hContext, UINT16 fPhysicalPresence) {
-  return RunWithFields(hContext, TSC_ORD_PhysicalPresence, fPhysicalPresence);
+  return RunWithoutOutputs(hContext, TSC_ORD_PhysicalPresence, fPhysicalPresence);
 }
 
 TSS_RESULT Tcsip_PhysicalEnable_Internal(TCS_CONTEXT_HANDLE hContext) {
-  return RunBare(hContext, TPM_ORD_PhysicalEnable);
+  return RunWithoutOutputs(hContext, TPM_ORD_PhysicalEnable);
 }
 
 TSS_RESULT Tcsip_PhysicalDisable_Internal(TCS_CONTEXT_HANDLE hContext) {
-  return RunBare(hContext, TPM_ORD_PhysicalDisable);
+  return RunWithoutOutputs(hContext, TPM_ORD_PhysicalDisable);
 }
 
 TSS_RESULT Tcsip_SetTempDeactivated_Internal(TCS_CONTEXT_HANDLE hContext) {
-  return RunBare(hContext, TPM_ORD_SetTempDeactivated);
+  return RunWithoutOutputs(hContext, TPM_ORD_SetTempDeactivated);
 }
 
 TSS_RESULT Tcsip_ForceClear_Internal(TCS_CONTEXT_HANDLE hContext) {
-  return RunBare(hContext, TPM_ORD_ForceClear);
+  return RunWithoutOutputs(hContext, TPM_ORD_ForceClear);
 }
 
 TSS_RESULT Tcsip_DisableForceClear_Internal(TCS_CONTEXT_HANDLE hContext) {
-  return RunBare(hContext, TPM_ORD_DisableForceClear);
+  return RunWithoutOutputs(hContext, TPM_ORD_DisableForceClear);
 }
 
 TSS_RESULT Tcsip_PhysicalSetDeactivated_Internal(TCS_CONTEXT_HANDLE hContext, TSS_BOOL state) {
-  return RunWithFields(hContext, TPM_ORD_PhysicalSetDeactivated, BYTE{state});
+  return RunWithoutOutputs(hContext, TPM_ORD_PhysicalSetDeactivated, BYTE{state});
 }
 
 TSS_RESULT Tcsip_SetOwnerInstall_Internal(TCS_CONTEXT_HANDLE hContext, TSS_BOOL state) {
-  return RunWithFields(hContext, TPM_ORD_SetOwnerInstall, BYTE{state});
+  return RunWithoutOutputs(hContext, TPM_ORD_SetOwnerInstall, BYTE{state});
 }
 
 TSS_RESULT Tcsip_CreateEndorsementKeyPair_Internal(TCS_CONTEXT_HANDLE hContext,
