@@ -68,10 +68,10 @@ echo "kesttcsd exited with status $status"
 cat <<EOF_NEXT
 
 Where to look next:
-  $home/kesttcsd.log        trace lines of this run (needLog=1)
-  $home/log/                hourly TPM traffic files
-  $home/tpm/                the embedded TPM's state (kept between runs with this home)
-  $cli --help               more commands: caps, pcr read, pcr extend, --json
-  man docs/man/kesttcsd.8   the daemon, its configuration and systemd use (kesttcsd -install)
+  trace lines of this run (needLog=1)   $home/kesttcsd.log
+  hourly TPM traffic files              $home/log/
+  the embedded TPM's state              $home/tpm/
+  more commands (caps, pcr read, pcr extend, --json)   $cli --help
+  the daemon, its configuration, systemd use           man docs/man/kesttcsd.8
 EOF_NEXT
 exit "$status"
