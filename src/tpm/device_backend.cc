@@ -4,12 +4,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 
 #include "tpm/backends.h"
-#include "tpm/fd_io.h"
+#include "tpm/fd_backend.h"
 
 namespace kesttcs {
 
@@ -25,37 +24,10 @@ std::string CancelPathFor(const std::string& devicePath) {
   return "/sys/class/tpm/" + name + "/device/cancel";
 }
 
-class DeviceBackend final : public TpmBackend {
+class DeviceBackend final : public FdTpmBackend {
  public:
   explicit DeviceBackend(std::string path)
       : path_(std::move(path)), cancel_path_(CancelPathFor(path_)) {}
-
-  TSS_RESULT Open() override {
-    if (open_) return kDriverAlreadyOpened;
-    fd_.Reset(::open(path_.c_str(), O_RDWR | O_CLOEXEC));
-    if (!fd_.valid()) {
-      SetLastError("cannot open TPM device " + path_ + ": " + std::strerror(errno));
-      return kDriverIoError;
-    }
-    open_ = true;
-    std::string error;
-    TSS_RESULT result = CheckAnswersAsTpm12(*this, &error);
-    if (result != TSS_SUCCESS) {
-      open_ = false;
-      fd_.Reset();
-      SetLastError("TPM device " + path_ + ": " + error);
-      return result;
-    }
-    SetLastError("");
-    return TSS_SUCCESS;
-  }
-
-  TSS_RESULT Close() override {
-    if (!open_) return kDriverAlreadyClosed;
-    open_ = false;
-    fd_.Reset();
-    return TSS_SUCCESS;
-  }
 
   TSS_RESULT Transmit(std::span<const BYTE> in, std::span<BYTE> out, UINT32* outLen,
                       UINT32 /*priority*/) override {
@@ -82,11 +54,15 @@ class DeviceBackend final : public TpmBackend {
   std::string Describe() const override { return "device:" + path_; }
 
  private:
+  UniqueFd Connect(std::string* error) override {
+    UniqueFd fd(::open(path_.c_str(), O_RDWR | O_CLOEXEC));
+    if (!fd.valid()) *error = std::string("cannot open: ") + std::strerror(errno);
+    return fd;
+  }
+  std::string Subject() const override { return "TPM device " + path_; }
+
   const std::string path_;
   const std::string cancel_path_;
-  UniqueFd fd_;
-  // Read by Cancel() from other threads.
-  std::atomic<bool> open_{false};
 };
 
 }  // namespace

@@ -2,10 +2,9 @@
 // response bytes, the control socket carries swtpm's control commands (here only the cancel).
 
 #include <array>
-#include <atomic>
 
 #include "tpm/backends.h"
-#include "tpm/fd_io.h"
+#include "tpm/fd_backend.h"
 #include "tpm/tpm_bytes.h"
 
 namespace kesttcs {
@@ -21,37 +20,10 @@ struct Endpoint {
   int port;
 };
 
-class SwtpmBackend final : public TpmBackend {
+class SwtpmBackend final : public FdTpmBackend {
  public:
   SwtpmBackend(Endpoint data, Endpoint ctrl, std::string description)
       : data_(std::move(data)), ctrl_(std::move(ctrl)), description_(std::move(description)) {}
-
-  TSS_RESULT Open() override {
-    if (open_) return kDriverAlreadyOpened;
-    std::string error;
-    fd_ = Connect(data_, &error);
-    if (!fd_.valid()) {
-      SetLastError("swtpm data channel: " + error);
-      return kDriverIoError;
-    }
-    open_ = true;
-    TSS_RESULT result = CheckAnswersAsTpm12(*this, &error);
-    if (result != TSS_SUCCESS) {
-      open_ = false;
-      fd_.Reset();
-      SetLastError(description_ + ": " + error);
-      return result;
-    }
-    SetLastError("");
-    return TSS_SUCCESS;
-  }
-
-  TSS_RESULT Close() override {
-    if (!open_) return kDriverAlreadyClosed;
-    open_ = false;
-    fd_.Reset();
-    return TSS_SUCCESS;
-  }
 
   TSS_RESULT Transmit(std::span<const BYTE> in, std::span<BYTE> out, UINT32* outLen,
                       UINT32 /*priority*/) override {
@@ -59,7 +31,7 @@ class SwtpmBackend final : public TpmBackend {
     if (!open_) return kDriverNotOpen;
     if (!fd_.valid()) {
       std::string error;
-      fd_ = Connect(data_, &error);
+      fd_ = ConnectTo(data_, &error);
       if (!fd_.valid()) return kDriverIoError;
     }
     TSS_RESULT result =
@@ -73,7 +45,7 @@ class SwtpmBackend final : public TpmBackend {
   TSS_RESULT Cancel() override {
     if (!open_) return kDriverNotOpen;
     std::string error;
-    UniqueFd ctrl = Connect(ctrl_, &error);
+    UniqueFd ctrl = ConnectTo(ctrl_, &error);
     if (!ctrl.valid()) return kDriverIoError;
     std::array<BYTE, 4> request;
     UINT32ToArray(kSwtpmCmdCancelTpmCmd, request);
@@ -86,17 +58,16 @@ class SwtpmBackend final : public TpmBackend {
   std::string Describe() const override { return description_; }
 
  private:
-  static UniqueFd Connect(const Endpoint& endpoint, std::string* error) {
+  static UniqueFd ConnectTo(const Endpoint& endpoint, std::string* error) {
     return endpoint.unix ? ConnectUnix(endpoint.pathOrHost, error)
                          : ConnectTcp(endpoint.pathOrHost, endpoint.port, error);
   }
+  UniqueFd Connect(std::string* error) override { return ConnectTo(data_, error); }
+  std::string Subject() const override { return "swtpm data channel " + description_; }
 
   const Endpoint data_;
   const Endpoint ctrl_;
   const std::string description_;
-  UniqueFd fd_;
-  // Read by Cancel() from other threads.
-  std::atomic<bool> open_{false};
 };
 
 }  // namespace
