@@ -107,9 +107,10 @@ bool Client::SendAll(std::span<const uint8_t> bytes) {
 }
 
 uint32_t Client::ReadFragment(std::vector<uint8_t>& fragment, PduHeader& header) {
-  auto read_exact = [this](uint8_t* into, size_t n) {
+  const int fd = fd_;  // the lambda runs under mu_ too, which the analysis cannot see through
+  auto read_exact = [fd](uint8_t* into, size_t n) {
     while (n > 0) {
-      ssize_t got = recv(fd_, into, n, 0);
+      ssize_t got = recv(fd, into, n, 0);
       if (got < 0 && errno == EINTR) continue;
       if (got <= 0) return false;
       into += got;
