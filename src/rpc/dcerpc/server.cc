@@ -11,12 +11,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdlib>
-#include <deque>
 #include <filesystem>
 #include <new>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -31,7 +32,6 @@ namespace {
 constexpr size_t kReadChunk = 64 * 1024;
 // A connection is not read while more than this many response bytes wait to be sent.
 constexpr size_t kOutputHighWater = 64 * 1024;
-constexpr int kMaxEvents = 256;
 
 // Waits once on `cv`; the caller holds `mu` through a MutexLock.
 void WaitOnce(std::condition_variable& cv, Mutex& mu) REQUIRES(mu) {
@@ -40,62 +40,8 @@ void WaitOnce(std::condition_variable& cv, Mutex& mu) REQUIRES(mu) {
   lock.release();
 }
 
-// Runs tasks on threads started on demand, at most `max_threads` of them, kept until Shutdown.
-class WorkerPool {
- public:
-  explicit WorkerPool(size_t max_threads) : max_threads_(max_threads) {}
-  ~WorkerPool() { Shutdown(); }
-
-  void Submit(std::function<void()> task) EXCLUDES(mu_) {
-    MutexLock lock(mu_);
-    tasks_.push_back(std::move(task));
-    if (idle_ < tasks_.size() && threads_.size() < max_threads_) {
-      threads_.emplace_back([this] { Run(); });
-    }
-    cv_.notify_one();
-  }
-
-  // Runs the tasks still queued, then joins every thread.
-  void Shutdown() EXCLUDES(mu_) {
-    std::vector<std::thread> threads;
-    {
-      MutexLock lock(mu_);
-      stopping_ = true;
-      threads.swap(threads_);
-      cv_.notify_all();
-    }
-    for (std::thread& t : threads) t.join();
-  }
-
- private:
-  void Run() EXCLUDES(mu_) {
-    MutexLock lock(mu_);
-    for (;;) {
-      if (!tasks_.empty()) {
-        std::function<void()> task = std::move(tasks_.front());
-        tasks_.pop_front();
-        mu_.Unlock();
-        task();
-        mu_.Lock();
-        continue;
-      }
-      if (stopping_) return;
-      ++idle_;
-      WaitOnce(cv_, mu_);
-      --idle_;
-    }
-  }
-
-  const size_t max_threads_;
-  Mutex mu_;
-  std::condition_variable cv_;
-  std::deque<std::function<void()>> tasks_ GUARDED_BY(mu_);
-  std::vector<std::thread> threads_ GUARDED_BY(mu_);
-  size_t idle_ GUARDED_BY(mu_) = 0;
-  bool stopping_ GUARDED_BY(mu_) = false;
-};
-
-// One accepted connection; touched only by the event-loop thread.
+// One accepted connection. Registered in epoll with EPOLLONESHOT, so at most one worker holds it
+// at a time: the one that took its last event, until it re-arms or closes it.
 struct Connection {
   Connection(int fd_in, const InterfaceRegistry& registry, PeerIdentity peer_in,
              std::string secondary_address)
@@ -106,24 +52,19 @@ struct Connection {
 
   size_t pending_output() const { return output.size() - output_pos; }
 
+  // Called by the worker that re-arms the connection, before it does, and by the worker that
+  // takes the next event. The epoll hand-over already orders the two; this release/acquire pair
+  // states that order in terms the memory model (and thread sanitizers) see.
+  void Release() { handoff.fetch_add(1, std::memory_order_release); }
+  void Acquire() const { static_cast<void>(handoff.load(std::memory_order_acquire)); }
+
   int fd;
   PeerIdentity peer;
   Association association;
   std::vector<uint8_t> output;
   size_t output_pos = 0;
-  bool call_in_flight = false;
-  bool peer_gone = false;  // removed from epoll; closed once its call finishes
-  bool closing = false;    // protocol error: close once the output is sent
-  uint32_t events = 0;     // the epoll interest set now registered
-};
-
-// A handler's result, handed from a worker back to the loop.
-struct Completion {
-  int fd;
-  uint64_t connection_id;
-  PendingCall call;
-  uint32_t status;
-  std::vector<uint8_t> stub_out;
+  bool closing = false;  // protocol error: close once the output is sent
+  std::atomic<uint32_t> handoff{0};
 };
 
 uint32_t RunHandler(const PendingCall& call, std::vector<uint8_t>& stub_out) {
@@ -232,79 +173,87 @@ class Server::Impl {
     if (state_ == State::kIdle) closed_callback_ = std::move(callback);
   }
 
-  int Start(const ServerOptions& options) EXCLUDES(state_mu_);
+  int Start(const ServerOptions& options) EXCLUDES(state_mu_, mu_);
   uint16_t tcp_port() const { return tcp_port_; }
-  void Stop() EXCLUDES(state_mu_);
+  void Stop() EXCLUDES(state_mu_, mu_);
   void Wait() EXCLUDES(state_mu_);
 
  private:
   enum class State { kIdle, kRunning, kStopping, kStopped };
 
-  void Loop();
-  void Wake();
-  void Accept(int listen_fd, Transport transport);
-  void OnConnectionEvent(int fd, uint32_t events);
-  // The functions below may close the connection. They return false when it is gone or waits
-  // only for its call to finish; the caller must not touch it further then.
-  bool ReadFrom(Connection& conn);
-  bool Pump(Connection& conn);
-  bool Flush(Connection& conn);
-  bool PeerGone(Connection& conn);
-  void UpdateEvents(Connection& conn);
-  void CloseConnection(Connection& conn);
-  void Dispatch(Connection& conn, PendingCall call);
-  void ProcessCompletions() EXCLUDES(mu_);
-  void BeginStop();
+  // A worker's life: wait in epoll for one event, handle it, repeat until Stop.
+  void Work() EXCLUDES(mu_);
+  // Adds a worker unless the server stops or max_calls workers exist. False when none was added.
+  bool AddWorker() EXCLUDES(mu_);
+  // Called before anything that may block (a handler, the closed callback): makes sure some
+  // worker still waits for events, so that a slow call holds up only its own connection.
+  void KeepOneWaiting() EXCLUDES(mu_);
+  void Accept(int listen_fd, Transport transport, void* tag) EXCLUDES(mu_);
+  // Handles an event of a connection this worker now holds: reads, runs the complete calls,
+  // sends the answers, then re-arms or closes the connection.
+  void Serve(Connection& conn, uint32_t events) EXCLUDES(mu_);
+  // Sends queued output without blocking. False when the connection was closed (a send failed,
+  // or it was closing and everything is sent); the caller must not touch it then.
+  bool Flush(Connection& conn) EXCLUDES(mu_);
+  void Rearm(Connection& conn) EXCLUDES(mu_);
+  // Closes the connection and runs the closed callback on this thread.
+  void CloseConnection(Connection& conn) EXCLUDES(mu_);
 
   // Set before Start, read-only while running.
   InterfaceRegistry registry_;
   ConnectionClosedCallback closed_callback_;
   ServerOptions options_;
+  size_t max_workers_ = 1;
   uint16_t tcp_port_ = 0;
   int epoll_fd_ = -1;
-  int wake_fd_ = -1;
+  int stop_fd_ = -1;  // an eventfd, level-triggered in epoll: once written, every worker sees it
   int unix_fd_ = -1;
   int tcp_fd_ = -1;
-  std::thread loop_;
-  std::unique_ptr<WorkerPool> pool_;
+  // What epoll reports for the stop eventfd and the listeners; connections report themselves.
+  char stop_tag_ = 0;
+  char unix_tag_ = 0;
+  char tcp_tag_ = 0;
 
   // Start/Stop/Wait state. Taken before mu_ when both are needed.
   Mutex state_mu_;
   std::condition_variable state_cv_;
   State state_ GUARDED_BY(state_mu_) = State::kIdle;
 
-  // Hand-over from workers and Stop to the loop thread.
   Mutex mu_ ACQUIRED_AFTER(state_mu_);
-  std::vector<Completion> completions_ GUARDED_BY(mu_);
-  bool stop_requested_ GUARDED_BY(mu_) = false;
-
-  // Event-loop thread only.
-  std::unordered_map<int, std::unique_ptr<Connection>> connections_;
-  uint64_t next_connection_id_ = 1;
-  size_t calls_in_flight_ = 0;
-  bool stopping_ = false;
+  std::vector<std::thread> workers_ GUARDED_BY(mu_);
+  std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_ GUARDED_BY(mu_);
+  // Set under mu_, so that no worker is added once Stop has taken the list to join.
+  std::atomic<bool> stopping_{false};
+  std::atomic<size_t> waiting_{0};  // workers in (or about to enter) epoll_wait
+  std::atomic<uint64_t> next_connection_id_{1};
 };
 
 int Server::Impl::Start(const ServerOptions& options) {
   MutexLock lock(state_mu_);
   if (state_ != State::kIdle) return EALREADY;
   options_ = options;
+  max_workers_ = options.max_calls == 0 ? 1 : options.max_calls;
   int error = 0;
   epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
-  wake_fd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  if (epoll_fd_ < 0 || wake_fd_ < 0) error = errno;
+  stop_fd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  if (epoll_fd_ < 0 || stop_fd_ < 0) error = errno;
   if (error == 0 && !options.unix_path.empty()) {
     unix_fd_ = ListenUnix(options.unix_path, options.socket_group, error);
   }
   if (error == 0 && options.tcp_port) tcp_fd_ = ListenTcp(*options.tcp_port, tcp_port_, error);
-  for (int fd : {wake_fd_, unix_fd_, tcp_fd_}) {
+  const std::pair<int, void*> sources[] = {
+      {stop_fd_, &stop_tag_}, {unix_fd_, &unix_tag_}, {tcp_fd_, &tcp_tag_}};
+  for (auto [fd, tag] : sources) {
     epoll_event ev{};
-    ev.events = EPOLLIN;
-    ev.data.fd = fd;
+    // A listener is handled by one worker at a time, which accepts what is pending and re-arms.
+    ev.events = tag == &stop_tag_ ? EPOLLIN : EPOLLIN | EPOLLONESHOT;
+    ev.data.ptr = tag;
     if (error == 0 && fd >= 0 && epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &ev) != 0) error = errno;
   }
+  stopping_ = false;
+  if (error == 0 && !AddWorker()) error = EAGAIN;
   if (error != 0) {
-    for (int* fd : {&epoll_fd_, &wake_fd_, &unix_fd_, &tcp_fd_}) {
+    for (int* fd : {&epoll_fd_, &stop_fd_, &unix_fd_, &tcp_fd_}) {
       if (*fd >= 0) close(*fd);
       *fd = -1;
     }
@@ -312,14 +261,7 @@ int Server::Impl::Start(const ServerOptions& options) {
     tcp_port_ = 0;
     return error;
   }
-  pool_ = std::make_unique<WorkerPool>(options.max_calls == 0 ? 1 : options.max_calls);
-  stopping_ = false;
-  {
-    MutexLock hand_over(mu_);
-    stop_requested_ = false;
-  }
   state_ = State::kRunning;
-  loop_ = std::thread([this] { Loop(); });
   return 0;
 }
 
@@ -334,16 +276,38 @@ void Server::Impl::Stop() {
     state_ = State::kStopping;
   }
   {
-    MutexLock hand_over(mu_);
-    stop_requested_ = true;
+    MutexLock lock(mu_);
+    stopping_ = true;
   }
-  Wake();
-  loop_.join();
-  pool_->Shutdown();
-  pool_.reset();
-  close(epoll_fd_);
-  close(wake_fd_);
-  epoll_fd_ = wake_fd_ = -1;
+  // Refuse new connections at once; the descriptors stay valid for a worker still accepting.
+  for (int fd : {unix_fd_, tcp_fd_}) {
+    if (fd >= 0) shutdown(fd, SHUT_RDWR);
+  }
+  if (!options_.unix_path.empty()) unlink(options_.unix_path.c_str());
+  uint64_t one = 1;
+  ssize_t written = write(stop_fd_, &one, sizeof(one));
+  static_cast<void>(written);  // a non-zero counter is all it takes
+  // Workers finish the calls they run, close those connections and leave.
+  std::vector<std::thread> workers;
+  {
+    MutexLock lock(mu_);
+    workers.swap(workers_);
+  }
+  for (std::thread& worker : workers) worker.join();
+  // What is left waited idle in epoll: send what is queued (best effort) and close it.
+  for (;;) {
+    Connection* conn = nullptr;
+    {
+      MutexLock lock(mu_);
+      if (connections_.empty()) break;
+      conn = connections_.begin()->first;
+    }
+    if (Flush(*conn)) CloseConnection(*conn);
+  }
+  for (int* fd : {&epoll_fd_, &stop_fd_, &unix_fd_, &tcp_fd_}) {
+    if (*fd >= 0) close(*fd);
+    *fd = -1;
+  }
   MutexLock lock(state_mu_);
   state_ = State::kStopped;
   state_cv_.notify_all();
@@ -354,65 +318,52 @@ void Server::Impl::Wait() {
   while (state_ == State::kRunning || state_ == State::kStopping) WaitOnce(state_cv_, state_mu_);
 }
 
-void Server::Impl::Wake() {
-  uint64_t one = 1;
-  ssize_t written = write(wake_fd_, &one, sizeof(one));
-  (void)written;  // a full counter already wakes the loop
+bool Server::Impl::AddWorker() {
+  MutexLock lock(mu_);
+  if (stopping_ || workers_.size() >= max_workers_) return false;
+  try {
+    workers_.emplace_back([this] { Work(); });
+  } catch (const std::system_error&) {
+    return false;  // out of threads: the workers there are serve everything, only later
+  }
+  return true;
 }
 
-void Server::Impl::Loop() {
-  epoll_event events[kMaxEvents];
-  while (!stopping_ || calls_in_flight_ > 0) {
-    int n = epoll_wait(epoll_fd_, events, kMaxEvents, -1);
-    if (n < 0 && errno != EINTR) break;
-    for (int i = 0; i < n; ++i) {
-      int fd = events[i].data.fd;
-      if (fd == wake_fd_) {
-        uint64_t count = 0;
-        ssize_t got = read(wake_fd_, &count, sizeof(count));
-        (void)got;
-        ProcessCompletions();
-      } else if (fd == unix_fd_ && unix_fd_ >= 0) {
-        Accept(fd, Transport::kUnixStream);
-      } else if (fd == tcp_fd_ && tcp_fd_ >= 0) {
-        Accept(fd, Transport::kTcp);
-      } else {
-        OnConnectionEvent(fd, events[i].events);
-      }
+void Server::Impl::KeepOneWaiting() {
+  if (waiting_.load(std::memory_order_relaxed) == 0) static_cast<void>(AddWorker());
+}
+
+void Server::Impl::Work() {
+  for (;;) {
+    epoll_event event{};
+    waiting_.fetch_add(1, std::memory_order_relaxed);
+    int n = epoll_wait(epoll_fd_, &event, 1, -1);
+    waiting_.fetch_sub(1, std::memory_order_relaxed);
+    if (n < 0 && errno != EINTR) return;
+    if (n <= 0) continue;
+    void* tag = event.data.ptr;
+    if (tag == &stop_tag_) return;
+    if (tag == &unix_tag_) {
+      Accept(unix_fd_, Transport::kUnixStream, tag);
+    } else if (tag == &tcp_tag_) {
+      Accept(tcp_fd_, Transport::kTcp, tag);
+    } else {
+      Serve(*static_cast<Connection*>(tag), event.events);
     }
   }
-  // Every call has finished: close what is left.
-  while (!connections_.empty()) CloseConnection(*connections_.begin()->second);
 }
 
-void Server::Impl::BeginStop() {
-  stopping_ = true;
-  for (int* fd : {&unix_fd_, &tcp_fd_}) {
-    if (*fd < 0) continue;
-    epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, *fd, nullptr);
-    close(*fd);
-    *fd = -1;
-  }
-  if (!options_.unix_path.empty()) unlink(options_.unix_path.c_str());
-  std::vector<Connection*> idle;
-  for (auto& [fd, conn] : connections_) {
-    if (!conn->call_in_flight) idle.push_back(conn.get());
-  }
-  for (Connection* conn : idle) {
-    if (Flush(*conn)) CloseConnection(*conn);  // best effort: answers already queued
-  }
-}
-
-void Server::Impl::Accept(int listen_fd, Transport transport) {
+void Server::Impl::Accept(int listen_fd, Transport transport, void* tag) {
   for (;;) {
     int fd = accept4(listen_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0) return;  // EAGAIN, or a transient error such as EMFILE
-    if (connections_.size() >= options_.max_connections) {
+    if (fd < 0 && errno == EINTR) continue;
+    if (fd < 0) break;  // EAGAIN, or a transient error such as EMFILE
+    if (stopping_) {
       close(fd);
       continue;
     }
     PeerIdentity peer;
-    peer.connection_id = next_connection_id_++;
+    peer.connection_id = next_connection_id_.fetch_add(1, std::memory_order_relaxed);
     peer.transport = transport;
     std::string secondary = options_.unix_path;
     if (transport == Transport::kUnixStream) {
@@ -429,154 +380,113 @@ void Server::Impl::Accept(int listen_fd, Transport transport) {
       setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
       secondary = std::to_string(tcp_port_);
     }
-    auto conn = std::make_unique<Connection>(fd, registry_, peer, std::move(secondary));
+    auto owned = std::make_unique<Connection>(fd, registry_, peer, std::move(secondary));
+    Connection* conn = owned.get();
+    {
+      MutexLock lock(mu_);
+      if (connections_.size() >= options_.max_connections) {
+        close(fd);
+        continue;
+      }
+      connections_.emplace(conn, std::move(owned));
+    }
     epoll_event ev{};
-    ev.events = conn->events = EPOLLIN | EPOLLRDHUP;
-    ev.data.fd = fd;
+    ev.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
+    ev.data.ptr = conn;
+    conn->Release();
     if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &ev) != 0) {
       close(fd);
-      continue;
+      MutexLock lock(mu_);
+      connections_.erase(conn);
     }
-    connections_.emplace(fd, std::move(conn));
   }
+  if (stopping_) return;
+  epoll_event ev{};
+  ev.events = EPOLLIN | EPOLLONESHOT;
+  ev.data.ptr = tag;
+  epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, listen_fd, &ev);
 }
 
-void Server::Impl::OnConnectionEvent(int fd, uint32_t events) {
-  auto it = connections_.find(fd);
-  if (it == connections_.end()) return;
-  Connection& conn = *it->second;
-  if ((events & EPOLLIN) && (conn.events & EPOLLIN) && !ReadFrom(conn)) return;
-  // Input held back while the output was full may hold whole requests.
-  if ((events & EPOLLOUT) && (!Flush(conn) || !Pump(conn))) return;
-  if (events & (EPOLLHUP | EPOLLERR | EPOLLRDHUP)) PeerGone(conn);
-}
-
-bool Server::Impl::ReadFrom(Connection& conn) {
-  uint8_t buffer[kReadChunk];
-  ssize_t n = recv(conn.fd, buffer, sizeof(buffer), 0);
-  if (n == 0) return PeerGone(conn);
-  if (n < 0) {
-    return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? true : PeerGone(conn);
+void Server::Impl::Serve(Connection& conn, uint32_t events) {
+  conn.Acquire();
+  if (events & (EPOLLHUP | EPOLLERR | EPOLLRDHUP)) {
+    CloseConnection(conn);
+    return;
   }
-  conn.association.Feed({buffer, static_cast<size_t>(n)});
-  return Pump(conn);
-}
-
-bool Server::Impl::Pump(Connection& conn) {
-  while (!conn.call_in_flight && !conn.closing && conn.pending_output() < kOutputHighWater) {
+  if ((events & EPOLLOUT) && !Flush(conn)) return;
+  if (events & EPOLLIN) {
+    uint8_t buffer[kReadChunk];
+    ssize_t n = recv(conn.fd, buffer, sizeof(buffer), 0);
+    if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
+      CloseConnection(conn);
+      return;
+    }
+    if (n > 0) conn.association.Feed({buffer, static_cast<size_t>(n)});
+  }
+  // One call at a time: each answer is sent before the next request is looked at.
+  while (!stopping_ && !conn.closing && conn.pending_output() < kOutputHighWater) {
     PendingCall call;
     Association::Step step = conn.association.Next(conn.output, call);
-    if (step == Association::Step::kCall) {
-      Dispatch(conn, std::move(call));
-    } else {
-      if (step == Association::Step::kClose) conn.closing = true;
-      break;
-    }
+    if (step == Association::Step::kClose) conn.closing = true;
+    if (step != Association::Step::kCall) break;
+    KeepOneWaiting();
+    std::vector<uint8_t> stub_out;
+    uint32_t status = RunHandler(call, stub_out);
+    conn.association.Complete(call, status, stub_out, conn.output);
+    if (!Flush(conn)) return;
   }
-  return Flush(conn);
-}
-
-void Server::Impl::Dispatch(Connection& conn, PendingCall call) {
-  conn.call_in_flight = true;
-  ++calls_in_flight_;
-  pool_->Submit(
-      [this, fd = conn.fd, id = conn.peer.connection_id, call = std::move(call)]() mutable {
-        std::vector<uint8_t> stub_out;
-        uint32_t status = RunHandler(call, stub_out);
-        {
-          MutexLock lock(mu_);
-          completions_.push_back({fd, id, std::move(call), status, std::move(stub_out)});
-        }
-        Wake();
-      });
-}
-
-void Server::Impl::ProcessCompletions() {
-  std::vector<Completion> done;
-  bool stop = false;
-  {
-    MutexLock lock(mu_);
-    done.swap(completions_);
-    stop = stop_requested_;
+  if (!Flush(conn)) return;
+  if (stopping_) {
+    CloseConnection(conn);
+    return;
   }
-  for (Completion& c : done) {
-    auto it = connections_.find(c.fd);
-    if (it == connections_.end() || it->second->peer.connection_id != c.connection_id) continue;
-    Connection& conn = *it->second;
-    conn.call_in_flight = false;
-    --calls_in_flight_;
-    if (conn.peer_gone) {
-      CloseConnection(conn);
-      continue;
-    }
-    conn.association.Complete(c.call, c.status, c.stub_out, conn.output);
-    if (stopping_) {
-      if (Flush(conn)) CloseConnection(conn);
-    } else {
-      Pump(conn);
-    }
-  }
-  if (stop && !stopping_) BeginStop();
+  Rearm(conn);
 }
 
 bool Server::Impl::Flush(Connection& conn) {
   while (conn.pending_output() > 0) {
     ssize_t n = send(conn.fd, conn.output.data() + conn.output_pos, conn.pending_output(),
                      MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
     if (n < 0) {
-      if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) break;
-      conn.output.clear();
-      conn.output_pos = 0;
-      return PeerGone(conn);
-    }
-    conn.output_pos += static_cast<size_t>(n);
-  }
-  if (conn.pending_output() == 0) {
-    conn.output.clear();
-    conn.output_pos = 0;
-    if (conn.closing) {
       CloseConnection(conn);
       return false;
     }
+    conn.output_pos += static_cast<size_t>(n);
   }
-  UpdateEvents(conn);
+  conn.output.clear();
+  conn.output_pos = 0;
+  if (conn.closing) {
+    CloseConnection(conn);
+    return false;
+  }
   return true;
 }
 
-bool Server::Impl::PeerGone(Connection& conn) {
-  if (conn.call_in_flight) {
-    conn.peer_gone = true;
-    epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, conn.fd, nullptr);
-    conn.events = 0;
-    return false;
-  }
-  CloseConnection(conn);
-  return false;
-}
-
-void Server::Impl::UpdateEvents(Connection& conn) {
-  if (conn.peer_gone) return;
-  uint32_t want = EPOLLRDHUP;
-  if (!conn.call_in_flight && !conn.closing && conn.pending_output() < kOutputHighWater) {
-    want |= EPOLLIN;
-  }
-  if (conn.pending_output() > 0) want |= EPOLLOUT;
-  if (want == conn.events) return;
+void Server::Impl::Rearm(Connection& conn) {
   epoll_event ev{};
-  ev.events = want;
-  ev.data.fd = conn.fd;
-  epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, conn.fd, &ev);
-  conn.events = want;
+  // A client that stops reading its answers stops being read.
+  ev.events = EPOLLRDHUP | EPOLLONESHOT;
+  if (!conn.closing && conn.pending_output() < kOutputHighWater) ev.events |= EPOLLIN;
+  if (conn.pending_output() > 0) ev.events |= EPOLLOUT;
+  ev.data.ptr = &conn;
+  conn.Release();
+  // From here on another worker may hold the connection, unless re-arming failed.
+  if (epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, conn.fd, &ev) != 0) CloseConnection(conn);
 }
 
 void Server::Impl::CloseConnection(Connection& conn) {
-  int fd = conn.fd;
-  PeerIdentity peer = conn.peer;
-  if (!conn.peer_gone) epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
-  close(fd);
-  connections_.erase(fd);  // destroys conn
+  const PeerIdentity peer = conn.peer;
+  epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, conn.fd, nullptr);
+  close(conn.fd);
+  {
+    MutexLock lock(mu_);
+    connections_.erase(&conn);
+  }
   if (closed_callback_) {
-    pool_->Submit([callback = &closed_callback_, peer] { (*callback)(peer); });
+    KeepOneWaiting();
+    closed_callback_(peer);
   }
 }
 

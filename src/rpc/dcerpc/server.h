@@ -1,16 +1,20 @@
 // The DCE/RPC server: listens on a Unix stream socket and optionally on 127.0.0.1 TCP, runs the
-// connection-oriented protocol for every connection, and dispatches complete requests to the
-// registered interface handlers on a pool of worker threads.
+// connection-oriented protocol for every connection, and runs complete requests through the
+// registered interface handlers.
 //
-// Threads: one event-loop thread does all socket I/O and protocol work (epoll); handlers and the
-// connection-closed callback run on worker threads, started on demand up to max_calls and kept
-// until Stop. A connection runs one call at a time (clients send the next request after the
-// response); while its call runs the loop neither reads from it nor blocks on it, so a slow call
-// holds up only its own connection. Calls beyond max_calls wait for a free worker.
+// Threads: a pool of workers that all wait in one epoll set, each taking one event at a time.
+// Connections are registered one-shot, so a connection belongs to the worker that took its event:
+// that worker reads the request, runs the handler inline, sends the response from the same thread
+// and re-arms the connection, with no hand-over between threads on the way. A connection therefore
+// runs one call at a time (clients send the next request after the response). Before a handler
+// (or the closed callback) runs, the worker makes sure another one still waits in epoll, starting
+// a new worker when none does, up to max_calls; workers are kept until Stop. So a slow call holds
+// up only its own connection, and calls beyond max_calls wait for a worker to come free.
 //
 // Limits: fragments up to kMaxFragmentSize (5840 bytes), request stubs up to kMaxRequestStub
 // (1 MiB, larger ones get a fault), max_connections open connections (further ones are accepted
-// and closed at once). A client that stops reading its responses stops being read.
+// and closed at once). A client that stops reading its responses stops being read once 64 KiB of
+// answers wait for it.
 #pragma once
 
 #include <sys/types.h>
@@ -43,7 +47,8 @@ struct ServerOptions {
   size_t max_connections = 4096;
 };
 
-// Called on a worker thread once a connection has closed and its call (if any) has finished.
+// Called once a connection has closed and its call (if any) has finished: on the worker that
+// closed it, or for connections still open at Stop on the thread calling Stop.
 using ConnectionClosedCallback = std::function<void(const PeerIdentity& peer)>;
 
 class Server {
@@ -66,7 +71,7 @@ class Server {
   uint16_t tcp_port() const;
   // Stops listening (the Unix socket file is removed), stops reading requests, lets calls in
   // flight finish, closes every connection (each one's closed callback runs), and joins all
-  // threads. Safe to call more than once and from any thread but a handler.
+  // threads. Safe to call more than once and from any thread but a handler or the closed callback.
   void Stop();
   // Blocks until Stop has finished (returns at once when the server is not running).
   void Wait();
