@@ -59,6 +59,7 @@ uint32_t Client::ConnectTo(int domain, const void* addr, size_t addr_len,
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
   }
   fd_ = fd;
+  in_.resize(kInputBuffer);
   return kRpcOk;
 }
 
@@ -71,6 +72,7 @@ void Client::CloseLocked() {
   if (fd_ >= 0) close(fd_);
   fd_ = -1;
   bound_ = false;
+  in_begin_ = in_end_ = 0;
 }
 
 bool Client::connected() const {
@@ -106,34 +108,41 @@ bool Client::SendAll(std::span<const uint8_t> bytes) {
   return true;
 }
 
-uint32_t Client::ReadFragment(std::vector<uint8_t>& fragment, PduHeader& header) {
-  const int fd = fd_;  // the lambda runs under mu_ too, which the analysis cannot see through
-  auto read_exact = [fd](uint8_t* into, size_t n) {
-    while (n > 0) {
-      ssize_t got = recv(fd, into, n, 0);
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0) return false;
-      into += got;
-      n -= static_cast<size_t>(got);
-    }
-    return true;
-  };
-  fragment.resize(kHeaderSize);
-  if (!read_exact(fragment.data(), kHeaderSize)) {
+bool Client::Fill(size_t n) {
+  if (in_begin_ + n > in_.size()) {
+    std::copy(in_.begin() + static_cast<std::ptrdiff_t>(in_begin_),
+              in_.begin() + static_cast<std::ptrdiff_t>(in_end_), in_.begin());
+    in_end_ -= in_begin_;
+    in_begin_ = 0;
+  }
+  while (in_end_ - in_begin_ < n) {
+    // Asks for all the room there is, so that a whole answer usually arrives in one recv.
+    ssize_t got = recv(fd_, in_.data() + in_end_, in_.size() - in_end_, 0);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    in_end_ += static_cast<size_t>(got);
+  }
+  return true;
+}
+
+uint32_t Client::ReadFragment(std::span<const uint8_t>& fragment, PduHeader& header) {
+  if (!Fill(kHeaderSize)) {
     CloseLocked();
     return kRpcCallFailed;
   }
-  std::optional<PduHeader> parsed = ParseHeader(fragment);
+  std::optional<PduHeader> parsed =
+      ParseHeader(std::span<const uint8_t>(in_.data() + in_begin_, kHeaderSize));
   if (!parsed || parsed->frag_length > max_recv_) {
     CloseLocked();
     return kRpcProtocolError;
   }
   header = *parsed;
-  fragment.resize(header.frag_length);
-  if (!read_exact(fragment.data() + kHeaderSize, header.frag_length - kHeaderSize)) {
+  if (!Fill(header.frag_length)) {
     CloseLocked();
     return kRpcCallFailed;
   }
+  fragment = std::span<const uint8_t>(in_.data() + in_begin_, header.frag_length);
+  in_begin_ += header.frag_length;
   return kRpcOk;
 }
 
@@ -143,7 +152,7 @@ uint32_t Client::Bind(const SyntaxId& iface) {
   uint32_t call_id = next_call_id_++;
   BindPdu bind{kMaxFragmentSize, kMaxFragmentSize, 0, {{context_id_, iface, {NdrSyntax()}}}};
   if (!SendAll(EncodeBind(PduType::kBind, call_id, bind))) return kRpcCallFailed;
-  std::vector<uint8_t> fragment;
+  std::span<const uint8_t> fragment;
   PduHeader header;
   if (uint32_t status = ReadFragment(fragment, header); status != kRpcOk) return status;
   if (header.call_id != call_id) {
@@ -176,11 +185,11 @@ uint32_t Client::Call(uint16_t opnum, std::span<const uint8_t> stub_in,
   if (fd_ < 0) return kRpcCallFailed;
   if (!bound_) return kRpcNotBound;
   uint32_t call_id = next_call_id_++;
-  std::vector<uint8_t> request;
-  EncodeRequestFragments(call_id, context_id_, opnum, std::nullopt, stub_in, max_xmit_, request);
-  if (!SendAll(request)) return kRpcCallFailed;
+  request_.clear();
+  EncodeRequestFragments(call_id, context_id_, opnum, std::nullopt, stub_in, max_xmit_, request_);
+  if (!SendAll(request_)) return kRpcCallFailed;
 
-  std::vector<uint8_t> fragment;
+  std::span<const uint8_t> fragment;
   bool first = true;
   for (;;) {
     PduHeader header;

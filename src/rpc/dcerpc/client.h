@@ -70,9 +70,12 @@ class Client {
                      std::chrono::milliseconds timeout) EXCLUDES(mu_);
   // Sends all of `bytes`; false (connection closed) on failure.
   bool SendAll(std::span<const uint8_t> bytes) REQUIRES(mu_);
-  // Reads one whole fragment into `fragment`; returns kRpcOk, kRpcCallFailed or kRpcProtocolError
-  // (closing the connection on failure).
-  uint32_t ReadFragment(std::vector<uint8_t>& fragment, PduHeader& header) REQUIRES(mu_);
+  // Reads until at least `n` bytes (at most the buffer's size) are buffered; false when the
+  // connection ended or failed.
+  bool Fill(size_t n) REQUIRES(mu_);
+  // Reads one whole fragment; `fragment` views the input buffer until the next read. Returns
+  // kRpcOk, kRpcCallFailed or kRpcProtocolError (closing the connection on failure).
+  uint32_t ReadFragment(std::span<const uint8_t>& fragment, PduHeader& header) REQUIRES(mu_);
   void CloseLocked() REQUIRES(mu_);
 
   mutable Mutex mu_;
@@ -84,6 +87,13 @@ class Client {
   uint16_t max_recv_ GUARDED_BY(mu_) = kMaxFragmentSize;
   uint16_t nak_reason_ GUARDED_BY(mu_) = 0;
   ContextResult context_result_ GUARDED_BY(mu_);
+  // Bytes read from the connection: in_[in_begin_, in_end_) are not consumed yet. Room for two
+  // whole fragments, so that compacting is rare.
+  static constexpr size_t kInputBuffer = 2 * kMaxFragmentSize;
+  std::vector<uint8_t> in_ GUARDED_BY(mu_);
+  size_t in_begin_ GUARDED_BY(mu_) = 0;
+  size_t in_end_ GUARDED_BY(mu_) = 0;
+  std::vector<uint8_t> request_ GUARDED_BY(mu_);  // kept to save an allocation per call
 };
 
 }  // namespace kesttcs::dcerpc

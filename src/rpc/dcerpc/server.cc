@@ -32,6 +32,12 @@ namespace {
 constexpr size_t kReadChunk = 64 * 1024;
 // A connection is not read while more than this many response bytes wait to be sent.
 constexpr size_t kOutputHighWater = 64 * 1024;
+// How long a worker that has answered a call waits on the same connection for the next request
+// before handing the connection back to epoll. Clients tend to make calls in bursts; waiting in a
+// blocking recv saves the epoll round trip for each of them.
+constexpr timeval kLinger = {0, 20 * 1000};
+// A worker keeps at most this much response buffer between calls.
+constexpr size_t kKeptStubCapacity = 64 * 1024;
 
 // Waits once on `cv`; the caller holds `mu` through a MutexLock.
 void WaitOnce(std::condition_variable& cv, Mutex& mu) REQUIRES(mu) {
@@ -41,7 +47,9 @@ void WaitOnce(std::condition_variable& cv, Mutex& mu) REQUIRES(mu) {
 }
 
 // One accepted connection. Registered in epoll with EPOLLONESHOT, so at most one worker holds it
-// at a time: the one that took its last event, until it re-arms or closes it.
+// at a time: the one that took its last event, until it re-arms or closes it. The socket itself is
+// blocking with a receive time-out of kLinger; only the lingering worker waits in recv, every other
+// socket call passes MSG_DONTWAIT.
 struct Connection {
   Connection(int fd_in, const InterfaceRegistry& registry, PeerIdentity peer_in,
              std::string secondary_address)
@@ -191,7 +199,11 @@ class Server::Impl {
   void Accept(int listen_fd, Transport transport, void* tag) EXCLUDES(mu_);
   // Handles an event of a connection this worker now holds: reads, runs the complete calls,
   // sends the answers, then re-arms or closes the connection.
-  void Serve(Connection& conn, uint32_t events) EXCLUDES(mu_);
+  void Serve(Connection& conn, uint32_t events, std::vector<uint8_t>& stub_out) EXCLUDES(mu_);
+  enum class Input { kData, kNone, kClosed };
+  // Reads what the connection has into its association; with `wait`, blocks up to kLinger for it.
+  // kClosed: the stream ended or failed, and the connection was closed.
+  Input Receive(Connection& conn, bool wait) EXCLUDES(mu_);
   // Sends queued output without blocking. False when the connection was closed (a send failed,
   // or it was closing and everything is sent); the caller must not touch it then.
   bool Flush(Connection& conn) EXCLUDES(mu_);
@@ -224,7 +236,8 @@ class Server::Impl {
   std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_ GUARDED_BY(mu_);
   // Set under mu_, so that no worker is added once Stop has taken the list to join.
   std::atomic<bool> stopping_{false};
-  std::atomic<size_t> waiting_{0};  // workers in (or about to enter) epoll_wait
+  std::atomic<size_t> waiting_{0};       // workers in (or about to enter) epoll_wait
+  std::atomic<size_t> worker_count_{0};  // workers_.size(), readable without mu_
   std::atomic<uint64_t> next_connection_id_{1};
 };
 
@@ -287,11 +300,13 @@ void Server::Impl::Stop() {
   uint64_t one = 1;
   ssize_t written = write(stop_fd_, &one, sizeof(one));
   static_cast<void>(written);  // a non-zero counter is all it takes
-  // Workers finish the calls they run, close those connections and leave.
+  // Workers finish the calls they run, close those connections and leave; one that waits in recv
+  // for a connection's next request is woken by the end of its input.
   std::vector<std::thread> workers;
   {
     MutexLock lock(mu_);
     workers.swap(workers_);
+    for (const auto& [conn, owned] : connections_) shutdown(conn->fd, SHUT_RD);
   }
   for (std::thread& worker : workers) worker.join();
   // What is left waited idle in epoll: send what is queued (best effort) and close it.
@@ -326,6 +341,7 @@ bool Server::Impl::AddWorker() {
   } catch (const std::system_error&) {
     return false;  // out of threads: the workers there are serve everything, only later
   }
+  worker_count_.store(workers_.size(), std::memory_order_relaxed);
   return true;
 }
 
@@ -334,6 +350,7 @@ void Server::Impl::KeepOneWaiting() {
 }
 
 void Server::Impl::Work() {
+  std::vector<uint8_t> stub_out;  // reused from call to call
   for (;;) {
     epoll_event event{};
     waiting_.fetch_add(1, std::memory_order_relaxed);
@@ -348,20 +365,21 @@ void Server::Impl::Work() {
     } else if (tag == &tcp_tag_) {
       Accept(tcp_fd_, Transport::kTcp, tag);
     } else {
-      Serve(*static_cast<Connection*>(tag), event.events);
+      Serve(*static_cast<Connection*>(tag), event.events, stub_out);
     }
   }
 }
 
 void Server::Impl::Accept(int listen_fd, Transport transport, void* tag) {
   for (;;) {
-    int fd = accept4(listen_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0 && errno == EINTR) continue;
     if (fd < 0) break;  // EAGAIN, or a transient error such as EMFILE
     if (stopping_) {
       close(fd);
       continue;
     }
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &kLinger, sizeof(kLinger));
     PeerIdentity peer;
     peer.connection_id = next_connection_id_.fetch_add(1, std::memory_order_relaxed);
     peer.transport = transport;
@@ -407,40 +425,60 @@ void Server::Impl::Accept(int listen_fd, Transport transport, void* tag) {
   epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, listen_fd, &ev);
 }
 
-void Server::Impl::Serve(Connection& conn, uint32_t events) {
+void Server::Impl::Serve(Connection& conn, uint32_t events, std::vector<uint8_t>& stub_out) {
   conn.Acquire();
   if (events & (EPOLLHUP | EPOLLERR | EPOLLRDHUP)) {
     CloseConnection(conn);
     return;
   }
   if ((events & EPOLLOUT) && !Flush(conn)) return;
-  if (events & EPOLLIN) {
-    uint8_t buffer[kReadChunk];
-    ssize_t n = recv(conn.fd, buffer, sizeof(buffer), 0);
-    if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
+  if ((events & EPOLLIN) && Receive(conn, false) == Input::kClosed) return;
+  for (;;) {
+    // One call at a time: each answer is sent before the next request is looked at.
+    while (!stopping_ && !conn.closing && conn.pending_output() < kOutputHighWater) {
+      PendingCall call;
+      Association::Step step = conn.association.Next(conn.output, call);
+      if (step == Association::Step::kClose) conn.closing = true;
+      if (step != Association::Step::kCall) break;
+      KeepOneWaiting();
+      stub_out.clear();
+      uint32_t status = RunHandler(call, stub_out);
+      conn.association.Complete(call, status, stub_out, conn.output);
+      if (stub_out.capacity() > kKeptStubCapacity) std::vector<uint8_t>().swap(stub_out);
+      if (!Flush(conn)) return;
+    }
+    if (!Flush(conn)) return;
+    if (stopping_) {
       CloseConnection(conn);
       return;
     }
-    if (n > 0) conn.association.Feed({buffer, static_cast<size_t>(n)});
-  }
-  // One call at a time: each answer is sent before the next request is looked at.
-  while (!stopping_ && !conn.closing && conn.pending_output() < kOutputHighWater) {
-    PendingCall call;
-    Association::Step step = conn.association.Next(conn.output, call);
-    if (step == Association::Step::kClose) conn.closing = true;
-    if (step != Association::Step::kCall) break;
+    // Wait here for the next request only while that cannot starve other connections of workers,
+    // and while the client reads its answers.
+    if (conn.pending_output() > 0 ||
+        worker_count_.load(std::memory_order_relaxed) >= max_workers_) {
+      break;
+    }
     KeepOneWaiting();
-    std::vector<uint8_t> stub_out;
-    uint32_t status = RunHandler(call, stub_out);
-    conn.association.Complete(call, status, stub_out, conn.output);
-    if (!Flush(conn)) return;
-  }
-  if (!Flush(conn)) return;
-  if (stopping_) {
-    CloseConnection(conn);
-    return;
+    Input input = Receive(conn, true);
+    if (input == Input::kClosed) return;
+    if (input == Input::kNone) break;
   }
   Rearm(conn);
+}
+
+Server::Impl::Input Server::Impl::Receive(Connection& conn, bool wait) {
+  uint8_t buffer[kReadChunk];
+  for (;;) {
+    ssize_t n = recv(conn.fd, buffer, sizeof(buffer), wait ? 0 : MSG_DONTWAIT);
+    if (n > 0) {
+      conn.association.Feed({buffer, static_cast<size_t>(n)});
+      return Input::kData;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Input::kNone;
+    CloseConnection(conn);
+    return Input::kClosed;
+  }
 }
 
 bool Server::Impl::Flush(Connection& conn) {
@@ -478,12 +516,14 @@ void Server::Impl::Rearm(Connection& conn) {
 
 void Server::Impl::CloseConnection(Connection& conn) {
   const PeerIdentity peer = conn.peer;
-  epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, conn.fd, nullptr);
-  close(conn.fd);
+  const int fd = conn.fd;
+  epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
   {
+    // Stop may shut the socket down while it is listed.
     MutexLock lock(mu_);
     connections_.erase(&conn);
   }
+  close(fd);
   if (closed_callback_) {
     KeepOneWaiting();
     closed_callback_(peer);
