@@ -7,9 +7,8 @@ namespace kesttcs::dcerpc {
 
 namespace {
 
-size_t PaddingFor(size_t offset, size_t alignment) {
-  return (alignment - offset % alignment) % alignment;
-}
+// `alignment` is 1, 2, 4 or 8.
+size_t PaddingFor(size_t offset, size_t alignment) { return (0 - offset) & (alignment - 1); }
 
 }  // namespace
 
@@ -137,35 +136,31 @@ bool NdrReader::ReadUniquePointer(bool& present) {
   return true;
 }
 
+NdrWriter::NdrWriter(std::vector<uint8_t>& out) : out_(out), base_(out.size()) {
+  // Most stubs and PDUs are small: one allocation up front instead of several growing ones, while
+  // keeping the growth geometric for writers that follow each other on one buffer.
+  constexpr size_t kRoom = 256;
+  if (out.capacity() - out.size() < kRoom) {
+    out.reserve(std::max(out.size() + kRoom, 2 * out.capacity()));
+  }
+}
+
 void NdrWriter::Align(size_t alignment) {
   out_.resize(out_.size() + PaddingFor(size(), alignment), 0);
 }
 
-namespace {
-
 template <typename T>
-void AppendLittle(std::vector<uint8_t>& out, T v) {
-  for (size_t i = 0; i < sizeof(T); ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+void NdrWriter::WriteInteger(T v) {
+  // Padding and value in one resize; the padding is zero.
+  size_t at = out_.size() + PaddingFor(size(), sizeof(T));
+  out_.resize(at + sizeof(T));
+  for (size_t i = 0; i < sizeof(T); ++i) out_[at + i] = static_cast<uint8_t>(v >> (8 * i));
 }
-
-}  // namespace
 
 void NdrWriter::WriteUint8(uint8_t v) { out_.push_back(v); }
-
-void NdrWriter::WriteUint16(uint16_t v) {
-  Align(2);
-  AppendLittle(out_, v);
-}
-
-void NdrWriter::WriteUint32(uint32_t v) {
-  Align(4);
-  AppendLittle(out_, v);
-}
-
-void NdrWriter::WriteUint64(uint64_t v) {
-  Align(8);
-  AppendLittle(out_, v);
-}
+void NdrWriter::WriteUint16(uint16_t v) { WriteInteger(v); }
+void NdrWriter::WriteUint32(uint32_t v) { WriteInteger(v); }
+void NdrWriter::WriteUint64(uint64_t v) { WriteInteger(v); }
 
 void NdrWriter::WriteBytes(std::span<const uint8_t> bytes) {
   out_.insert(out_.end(), bytes.begin(), bytes.end());

@@ -113,7 +113,7 @@ class NdrReader {
 // holds a PDU header.
 class NdrWriter {
  public:
-  explicit NdrWriter(std::vector<uint8_t>& out) : out_(out), base_(out.size()) {}
+  explicit NdrWriter(std::vector<uint8_t>& out);
 
   // Bytes written since construction.
   size_t size() const { return out_.size() - base_; }
@@ -143,6 +143,9 @@ class NdrWriter {
   void WriteUniquePointer(bool present);
 
  private:
+  template <typename T>
+  void WriteInteger(T v);
+
   std::vector<uint8_t>& out_;
   size_t base_;
   uint32_t next_referent_ = 0x00020000;
