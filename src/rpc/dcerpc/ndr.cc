@@ -1,6 +1,8 @@
 #include "rpc/dcerpc/ndr.h"
 
 #include <algorithm>
+#include <bit>
+#include <cstring>
 #include <type_traits>
 
 namespace kesttcs::dcerpc {
@@ -9,6 +11,26 @@ namespace {
 
 // `alignment` is 1, 2, 4 or 8.
 size_t PaddingFor(size_t offset, size_t alignment) { return (0 - offset) & (alignment - 1); }
+
+template <typename U>
+U ByteSwap(U v) {
+  if constexpr (sizeof(U) == 1) {
+    return v;
+  } else if constexpr (sizeof(U) == 2) {
+    return __builtin_bswap16(v);
+  } else if constexpr (sizeof(U) == 4) {
+    return __builtin_bswap32(v);
+  } else {
+    return __builtin_bswap64(v);
+  }
+}
+
+// Converts between the host's order and `order`, both ways.
+template <typename U>
+U ToOrder(U v, ByteOrder order) {
+  bool host_little = std::endian::native == std::endian::little;
+  return host_little == (order == ByteOrder::kLittle) ? v : ByteSwap(v);
+}
 
 }  // namespace
 
@@ -30,14 +52,10 @@ bool NdrReader::Align(size_t alignment) {
 template <typename T>
 bool NdrReader::ReadInteger(T& out) {
   size_t start = pos_ + PaddingFor(pos_, sizeof(T));
-  if (!Has(pos_, start - pos_) || !Has(start, sizeof(T))) return false;
-  std::make_unsigned_t<T> v = 0;
-  for (size_t i = 0; i < sizeof(T); ++i) {
-    size_t shift = order_ == ByteOrder::kLittle ? i : sizeof(T) - 1 - i;
-    v |= static_cast<std::make_unsigned_t<T>>(static_cast<std::make_unsigned_t<T>>(data_[start + i])
-                                              << (8 * shift));
-  }
-  out = v;
+  if (!Has(start, sizeof(T))) return false;  // covers the padding too
+  std::make_unsigned_t<T> v;
+  std::memcpy(&v, data_.data() + start, sizeof(v));
+  out = static_cast<T>(ToOrder(v, order_));
   pos_ = start + sizeof(T);
   return true;
 }
@@ -154,7 +172,8 @@ void NdrWriter::WriteInteger(T v) {
   // Padding and value in one resize; the padding is zero.
   size_t at = out_.size() + PaddingFor(size(), sizeof(T));
   out_.resize(at + sizeof(T));
-  for (size_t i = 0; i < sizeof(T); ++i) out_[at + i] = static_cast<uint8_t>(v >> (8 * i));
+  v = ToOrder(v, ByteOrder::kLittle);
+  std::memcpy(out_.data() + at, &v, sizeof(v));
 }
 
 void NdrWriter::WriteUint8(uint8_t v) { out_.push_back(v); }

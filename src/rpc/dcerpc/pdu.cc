@@ -81,6 +81,9 @@ void EncodeFragments(PduType type, uint8_t extra_flags, uint32_t call_id, size_t
                      WriteFixed write_fixed) {
   size_t frag = std::max<size_t>(max_frag, kMinFragmentSize);
   size_t chunk_max = (frag - fixed_size) / 8 * 8;
+  size_t fragments = stub.empty() ? 1 : (stub.size() + chunk_max - 1) / chunk_max;
+  size_t total = out.size() + stub.size() + fragments * fixed_size;
+  if (total > out.capacity()) out.reserve(std::max(total, 2 * out.capacity()));
   size_t offset = 0;
   do {
     size_t chunk = std::min(chunk_max, stub.size() - offset);
