@@ -509,9 +509,14 @@ void Server::Impl::Rearm(Connection& conn) {
   if (!conn.closing && conn.pending_output() < kOutputHighWater) ev.events |= EPOLLIN;
   if (conn.pending_output() > 0) ev.events |= EPOLLOUT;
   ev.data.ptr = &conn;
+  const int fd = conn.fd;
+  // Removed and added again rather than modified: thread sanitizers see an add, not a modify, as
+  // publishing the connection to the worker that takes its next event. Re-arming is rare enough
+  // (a busy connection stays with its worker) for the extra call not to matter.
+  epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
   conn.Release();
   // From here on another worker may hold the connection, unless re-arming failed.
-  if (epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, conn.fd, &ev) != 0) CloseConnection(conn);
+  if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &ev) != 0) CloseConnection(conn);
 }
 
 void Server::Impl::CloseConnection(Connection& conn) {

@@ -4,12 +4,15 @@
 //
 // Threads: a pool of workers that all wait in one epoll set, each taking one event at a time.
 // Connections are registered one-shot, so a connection belongs to the worker that took its event:
-// that worker reads the request, runs the handler inline, sends the response from the same thread
-// and re-arms the connection, with no hand-over between threads on the way. A connection therefore
-// runs one call at a time (clients send the next request after the response). Before a handler
-// (or the closed callback) runs, the worker makes sure another one still waits in epoll, starting
-// a new worker when none does, up to max_calls; workers are kept until Stop. So a slow call holds
-// up only its own connection, and calls beyond max_calls wait for a worker to come free.
+// that worker reads the request, runs the handler inline and sends the response from the same
+// thread, with no hand-over between threads on the way. It then waits up to 20 ms in a blocking
+// recv on the same connection for the next request (clients tend to call in bursts) and serves
+// that too, before handing the connection back to epoll. A connection therefore runs one call at a
+// time (clients send the next request after the response). Before a handler, the closed callback
+// or such a wait, the worker makes sure another worker still waits in epoll, starting a new one
+// when none does, up to max_calls; workers are kept until Stop, and none waits on a connection once
+// there are max_calls of them. So a slow call holds up only its own connection, and calls beyond
+// max_calls wait for a worker to come free.
 //
 // Limits: fragments up to kMaxFragmentSize (5840 bytes), request stubs up to kMaxRequestStub
 // (1 MiB, larger ones get a fault), max_connections open connections (further ones are accepted
