@@ -453,8 +453,9 @@ void Server::Impl::Serve(Connection& conn, uint32_t events, std::vector<uint8_t>
       return;
     }
     // Wait here for the next request only while that cannot starve other connections of workers,
-    // and while the client reads its answers.
-    if (conn.pending_output() > 0 ||
+    // while the client reads its answers, and not for the rest of a request begun (a client that
+    // trickles its bytes must not keep a worker).
+    if (conn.pending_output() > 0 || conn.association.buffered() > 0 ||
         worker_count_.load(std::memory_order_relaxed) >= max_workers_) {
       break;
     }
