@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <cstdio>
+#include <mutex>
 #include <thread>
 
 #include "base/mutex.h"
@@ -26,75 +26,67 @@ constexpr UINT32 kLastAuthContinueBack = kAuthRequestTrailerSize - 24;       // 
 constexpr UINT32 kFirstAuthHandleBack = 2 * kAuthRequestTrailerSize;         // 90
 constexpr UINT32 kFirstAuthContinueBack = 2 * kAuthRequestTrailerSize - 24;  // 66
 
-// Two thread-owned recursive mutexes that can be waited on together, as the TPM lock needs: a
-// thread may take each again, a release by a thread that does not own it does nothing, and a
-// waiter for both takes both at once or neither.
+// A recursive mutex that knows its owner, so that a release by another thread is refused (as a
+// Windows mutex refuses it) rather than undefined. Waiters sleep in the mutex itself: a release
+// wakes one of them, not every thread that waits for the TPM.
+class OwnedRecursiveMutex {
+ public:
+  void lock() {
+    mu_.lock();
+    Take();
+  }
+  bool try_lock() {
+    if (!mu_.try_lock()) return false;
+    Take();
+    return true;
+  }
+  // Only the power-state query waits with a limit. It polls rather than using a timed mutex,
+  // whose clock-based wait the thread sanitizer cannot follow.
+  bool try_lock_for(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!try_lock()) {
+      if (std::chrono::steady_clock::now() >= deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+  }
+  void unlock() { (void)Release(); }
+  // False, changing nothing, when the calling thread does not hold the mutex.
+  bool Release() {
+    // Only the owner can see its own id here, and it stored that id itself.
+    if (owner_.load(std::memory_order_relaxed) != std::this_thread::get_id()) return false;
+    if (--depth_ == 0) owner_.store(std::thread::id(), std::memory_order_relaxed);
+    mu_.unlock();
+    return true;
+  }
+
+ private:
+  void Take() {
+    if (depth_++ == 0) owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  }
+
+  std::recursive_mutex mu_;
+  std::atomic<std::thread::id> owner_{};
+  int depth_ = 0;  // changed only by the thread that holds mu_
+};
+
+// The TPM lock: queue_lock, held while a command is at the TPM, and s3_lock, held across a sleep
+// transition so that no command starts. A thread may take each again; a waiter for both takes
+// them together (std::lock backs off rather than holding one while it sleeps on the other).
 class TpmLockPair {
  public:
-  void LockBoth() {
-    MutexLock lock(mu_);
-    std::unique_lock<std::mutex> wait(mu_.native(), std::adopt_lock);
-    while (!AvailableLocked(queue_) || !AvailableLocked(s3_)) cv_.wait(wait);
-    wait.release();
-    TakeLocked(queue_);
-    TakeLocked(s3_);
-  }
-  void LockS3() {
-    MutexLock lock(mu_);
-    std::unique_lock<std::mutex> wait(mu_.native(), std::adopt_lock);
-    while (!AvailableLocked(s3_)) cv_.wait(wait);
-    wait.release();
-    TakeLocked(s3_);
-  }
-  bool LockQueueFor(std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    MutexLock lock(mu_);
-    std::unique_lock<std::mutex> wait(mu_.native(), std::adopt_lock);
-    bool got = true;
-    while (got && !AvailableLocked(queue_)) {
-      got = cv_.wait_until(wait, deadline) == std::cv_status::no_timeout || AvailableLocked(queue_);
-    }
-    wait.release();
-    if (got) TakeLocked(queue_);
-    return got;
-  }
-  bool UnlockQueue() {
-    MutexLock lock(mu_);
-    return ReleaseLocked(queue_);
-  }
-  bool UnlockS3() {
-    MutexLock lock(mu_);
-    return ReleaseLocked(s3_);
-  }
+  void LockBoth() { std::lock(queue_, s3_); }
+  void LockS3() { s3_.lock(); }
+  bool LockQueueFor(std::chrono::milliseconds timeout) { return queue_.try_lock_for(timeout); }
+  bool UnlockQueue() { return queue_.Release(); }
+  bool UnlockS3() { return s3_.Release(); }
   // Stand-ins for the two mutex handles in trace lines.
   UINT32 QueueId() const { return static_cast<UINT32>(reinterpret_cast<uintptr_t>(&queue_)); }
   UINT32 S3Id() const { return static_cast<UINT32>(reinterpret_cast<uintptr_t>(&s3_)); }
 
  private:
-  struct Owner {
-    std::thread::id thread;
-    int depth = 0;
-  };
-  bool AvailableLocked(const Owner& o) const REQUIRES(mu_) {
-    return o.depth == 0 || o.thread == std::this_thread::get_id();
-  }
-  void TakeLocked(Owner& o) REQUIRES(mu_) {
-    o.thread = std::this_thread::get_id();
-    ++o.depth;
-  }
-  bool ReleaseLocked(Owner& o) REQUIRES(mu_) {
-    if (o.depth == 0 || o.thread != std::this_thread::get_id()) return false;
-    if (--o.depth == 0) {
-      o.thread = std::thread::id();
-      cv_.notify_all();
-    }
-    return true;
-  }
-
-  Mutex mu_;
-  std::condition_variable cv_;
-  Owner queue_ GUARDED_BY(mu_);
-  Owner s3_ GUARDED_BY(mu_);
+  OwnedRecursiveMutex queue_;
+  OwnedRecursiveMutex s3_;
 };
 
 struct ReqMgrState {
