@@ -67,26 +67,33 @@ std::unique_ptr<TcsConnection> TcsConnection::Open(const std::string& endpoint, 
   return std::unique_ptr<TcsConnection>(new TcsConnection(hContext));
 }
 
-TSS_RESULT TcsConnection::TcsCapability(UINT32 area, const std::vector<BYTE>& subCap,
-                                        std::vector<BYTE>* answer) {
+namespace {
+
+// Tcsi_GetCapability and Tcsip_GetCapability take the same arguments.
+using CapabilityCall = TSS_RESULT (*)(TCS_CONTEXT_HANDLE, TPM_CAPABILITY_AREA, UINT32, BYTE*,
+                                      UINT32*, BYTE**);
+
+TSS_RESULT Capability(CapabilityCall call, TCS_CONTEXT_HANDLE hContext, UINT32 area,
+                      const std::vector<BYTE>& subCap, std::vector<BYTE>* answer) {
   UINT32 size = 0;
   BYTE* buffer = nullptr;
-  const TSS_RESULT r = Tcsi_GetCapability(
-      hContext_, area, static_cast<UINT32>(subCap.size()),
-      const_cast<BYTE*>(subCap.empty() ? nullptr : subCap.data()), &size, &buffer);
+  const TSS_RESULT r =
+      call(hContext, area, static_cast<UINT32>(subCap.size()),
+           const_cast<BYTE*>(subCap.empty() ? nullptr : subCap.data()), &size, &buffer);
   TakeBuffer(buffer, size, answer);
   return r;
 }
 
+}  // namespace
+
+TSS_RESULT TcsConnection::TcsCapability(UINT32 area, const std::vector<BYTE>& subCap,
+                                        std::vector<BYTE>* answer) {
+  return Capability(Tcsi_GetCapability, hContext_, area, subCap, answer);
+}
+
 TSS_RESULT TcsConnection::TpmCapability(UINT32 area, const std::vector<BYTE>& subCap,
                                         std::vector<BYTE>* answer) {
-  UINT32 size = 0;
-  BYTE* buffer = nullptr;
-  const TSS_RESULT r = Tcsip_GetCapability(
-      hContext_, area, static_cast<UINT32>(subCap.size()),
-      const_cast<BYTE*>(subCap.empty() ? nullptr : subCap.data()), &size, &buffer);
-  TakeBuffer(buffer, size, answer);
-  return r;
+  return Capability(Tcsip_GetCapability, hContext_, area, subCap, answer);
 }
 
 TSS_RESULT TcsConnection::Random(UINT32 count, std::vector<BYTE>* bytes) {
