@@ -1,6 +1,8 @@
 #include "rpc/context_owners.h"
 
+#include <condition_variable>
 #include <map>
+#include <mutex>
 #include <set>
 #include <tuple>
 #include <unordered_map>
@@ -35,12 +37,32 @@ struct OwnerRecord {
   std::set<TCS_CONTEXT_HANDLE> contexts;
 };
 
+// One client-held context: who owns it, how many calls are using it, and whether a close waits.
+struct ContextUse {
+  OwnerKey owner;
+  int calls = 0;
+  bool closing = false;
+};
+
 struct State {
   Mutex mu;
   std::map<OwnerKey, OwnerRecord> owners GUARDED_BY(mu);
-  std::unordered_map<TCS_CONTEXT_HANDLE, OwnerKey> context_owner GUARDED_BY(mu);
+  std::unordered_map<TCS_CONTEXT_HANDLE, ContextUse> context_owner GUARDED_BY(mu);
   size_t abandoned_closed GUARDED_BY(mu) = 0;
+  // Signalled when the last call of a closing context ends.
+  std::condition_variable calls_done;
 };
+
+// The record of `hContext` when `owner` may present it, else null.
+ContextUse* UsableBy(State& s, const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext)
+    REQUIRES(s.mu) {
+  if (hContext == kInternalContextHandle) return nullptr;
+  const auto it = s.context_owner.find(hContext);
+  if (it == s.context_owner.end() || it->second.closing) return nullptr;
+  const OwnerKey key = KeyOf(owner);
+  if (it->second.owner < key || key < it->second.owner) return nullptr;
+  return &it->second;
+}
 
 State& S() {
   static State* state = new State;
@@ -64,14 +86,49 @@ void owners_NoteConnection(const dcerpc::PeerIdentity& peer) {
   s.owners[KeyOf(OwnerOf(peer))].connections.insert(peer.connection_id);
 }
 
-bool owners_MayUse(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext) {
-  if (hContext == kInternalContextHandle) return false;
+bool owners_BeginCall(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext) {
+  State& s = S();
+  MutexLock lock(s.mu);
+  ContextUse* use = UsableBy(s, owner, hContext);
+  if (use == nullptr) return false;
+  ++use->calls;
+  return true;
+}
+
+void owners_EndCall(TCS_CONTEXT_HANDLE hContext) {
   State& s = S();
   MutexLock lock(s.mu);
   const auto it = s.context_owner.find(hContext);
-  if (it == s.context_owner.end()) return false;
-  const OwnerKey key = KeyOf(owner);
-  return !(it->second < key) && !(key < it->second);
+  if (it == s.context_owner.end()) return;
+  if (--it->second.calls == 0 && it->second.closing) s.calls_done.notify_all();
+}
+
+bool owners_BeginClose(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext) {
+  State& s = S();
+  MutexLock lock(s.mu);
+  ContextUse* use = UsableBy(s, owner, hContext);
+  if (use == nullptr) return false;
+  use->closing = true;
+  std::unique_lock<std::mutex> wait(s.mu.native(), std::adopt_lock);
+  // The record stays while closing is set: only owners_EndClose and owner clean-up remove it, and
+  // neither runs for this context before the close ends.
+  s.calls_done.wait(wait, [use] { return use->calls == 0; });
+  wait.release();
+  return true;
+}
+
+void owners_EndClose(TCS_CONTEXT_HANDLE hContext, bool closed) {
+  State& s = S();
+  MutexLock lock(s.mu);
+  const auto it = s.context_owner.find(hContext);
+  if (it == s.context_owner.end()) return;
+  if (!closed) {
+    it->second.closing = false;
+    return;
+  }
+  const auto owner = s.owners.find(it->second.owner);
+  if (owner != s.owners.end()) owner->second.contexts.erase(hContext);
+  s.context_owner.erase(it);
 }
 
 void owners_Add(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext) {
@@ -79,17 +136,7 @@ void owners_Add(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext) {
   MutexLock lock(s.mu);
   const OwnerKey key = KeyOf(owner);
   s.owners[key].contexts.insert(hContext);
-  s.context_owner[hContext] = key;
-}
-
-void owners_Remove(TCS_CONTEXT_HANDLE hContext) {
-  State& s = S();
-  MutexLock lock(s.mu);
-  const auto it = s.context_owner.find(hContext);
-  if (it == s.context_owner.end()) return;
-  const auto owner = s.owners.find(it->second);
-  if (owner != s.owners.end()) owner->second.contexts.erase(hContext);
-  s.context_owner.erase(it);
+  s.context_owner[hContext] = ContextUse{key};
 }
 
 void owners_ConnectionClosed(const dcerpc::PeerIdentity& peer) {

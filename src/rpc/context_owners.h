@@ -4,8 +4,9 @@
 // connection of a process (or the TCP connection) closes, its contexts are closed as by
 // Tcsi_CloseContext. The service's own context is never accepted from a client.
 //
-// Lock: the owner-map mutex, a leaf taken only inside these functions. Closing an owner's
-// contexts runs Tcsi_CloseContext_Internal under the API serialisation lock, without the map lock.
+// Lock: the owner-map mutex, a leaf taken only inside these functions (a closing call waits on it).
+// Closing an owner's contexts runs Tcsi_CloseContext_Internal under the API serialisation lock,
+// without the map lock.
 #pragma once
 
 #include <sys/types.h>
@@ -34,13 +35,22 @@ ContextOwner OwnerOf(const dcerpc::PeerIdentity& peer);
 // Notes that `peer`'s connection is live and acts for its owner. Called for every call.
 void owners_NoteConnection(const dcerpc::PeerIdentity& peer);
 
-// True when `owner` may present `hContext`: it opened it and has not closed it. The service's own
-// context and handles of other owners are refused.
-bool owners_MayUse(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext);
+// A call by `owner` that presents `hContext` begins: true when the owner opened the context and
+// no close of it has begun; the context then stays open until owners_EndCall, so that a close
+// cannot free the memory the call is still filling. The service's own context and handles of
+// other owners are refused (false).
+bool owners_BeginCall(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext);
+void owners_EndCall(TCS_CONTEXT_HANDLE hContext);
 
-// Records that `owner` opened `hContext` / that `hContext` was closed.
+// A close of `hContext` by `owner` begins: false as for owners_BeginCall; otherwise refuses new
+// calls on the context and waits until the calls using it have ended. Never call it with the API
+// serialisation lock held (a waited-for call may need that lock). owners_EndClose ends it: when
+// `closed`, the context is forgotten; otherwise it is usable again.
+bool owners_BeginClose(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext);
+void owners_EndClose(TCS_CONTEXT_HANDLE hContext, bool closed);
+
+// Records that `owner` opened `hContext`.
 void owners_Add(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext);
-void owners_Remove(TCS_CONTEXT_HANDLE hContext);
 
 // A connection closed: when it was its owner's last one, closes every context of that owner with
 // Tcsi_CloseContext_Internal under the API serialisation lock and forgets the owner.

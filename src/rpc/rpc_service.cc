@@ -27,17 +27,26 @@ constexpr uint16_t kOpenContext = 3;
 constexpr uint16_t kCloseContext = 4;
 
 // Runs the operation's frame; the internal call is refused when the caller does not own the
-// context it presents. Successful opens and closes update the owner map.
+// context it presents. A call holds its context open until its outputs have left the context's
+// memory; a close first waits, outside the API lock, for the context's other calls to end.
+// Successful opens and closes update the owner map.
 TSS_RESULT RunOperation(const Operation& op, rpc::CallFrame& frame, const ContextOwner& owner) {
   const bool takes_context = op.params[0].is_input();
+  const bool closes = op.opnum == kCloseContext;
+  const TCS_CONTEXT_HANDLE hContext = takes_context ? frame.u32(0) : 0;
+  const bool admitted = takes_context && (closes ? owners_BeginClose(owner, hContext)
+                                                 : owners_BeginCall(owner, hContext));
   const TSS_RESULT result = RunApiFrame(op, frame, [&]() -> TSS_RESULT {
-    if (takes_context && !owners_MayUse(owner, frame.u32(0))) return TCS_E_INVALID_CONTEXT;
+    if (takes_context && !admitted) return TCS_E_INVALID_CONTEXT;
     return CallInternalFunction(op.opnum, frame);
   });
-  if (result == TSS_SUCCESS && op.opnum == kOpenContext) {
-    owners_Add(owner, frame.u32(0));
-  } else if (result == TSS_SUCCESS && op.opnum == kCloseContext) {
-    owners_Remove(frame.u32(0));
+  if (result == TSS_SUCCESS && op.opnum == kOpenContext) owners_Add(owner, frame.u32(0));
+  if (admitted) {
+    if (closes) {
+      owners_EndClose(hContext, result == TSS_SUCCESS);
+    } else {
+      owners_EndCall(hContext);
+    }
   }
   return result;
 }
