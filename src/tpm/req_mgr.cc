@@ -152,12 +152,11 @@ bool LockQueueFor(std::chrono::milliseconds timeout) {
 
 TSS_RESULT transmit_timed(std::span<const BYTE> in, std::span<BYTE> out, UINT32* outLen,
                           UINT32 priority) {
-  const bool log = NeedLog();
-  if (log) LogTransDataWithTpm(static_cast<UINT32>(in.size()), in.data(), kTrafficSend);
-  auto start = std::chrono::steady_clock::now();
+  if (!NeedLog()) return driver_transmit(in, out, outLen, priority);
+  LogTransDataWithTpm(static_cast<UINT32>(in.size()), in.data(), kTrafficSend);
+  const auto start = std::chrono::steady_clock::now();
   TSS_RESULT result = driver_transmit(in, out, outLen, priority);
-  auto end = std::chrono::steady_clock::now();
-  if (!log) return result;
+  const auto end = std::chrono::steady_clock::now();
   std::array<char, 64> text;
   if (result != TSS_SUCCESS) {
     std::snprintf(text.data(), text.size(), "Tddli_TransmitData:0x%.8X", result);
