@@ -16,10 +16,12 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "impacket_run.h"
 #include "rpc/dcerpc/client.h"
 #include "rpc/dcerpc/ndr.h"
 #include "rpc/dcerpc/pdu.h"
@@ -572,51 +574,19 @@ TEST_F(DcerpcTest, StopFinishesCallsInFlight) {
 // Debian's python3-impacket (with the system Python) as an independent client over
 // ncacn_ip_tcp.
 TEST_F(DcerpcTest, ImpacketClientInteroperates) {
-  if (std::system("/usr/bin/python3 -c 'import impacket.dcerpc.v5.rpcrt' >/dev/null 2>&1") != 0) {
-    GTEST_SKIP() << "python3-impacket is not installed";
-  }
-  std::string script = dir_ + "/client.py";
-  FILE* f = std::fopen(script.c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  std::fprintf(f, R"(import sys
-from impacket.dcerpc.v5 import transport, rpcrt
-from impacket.uuid import uuidtup_to_bin
-port = int(sys.argv[1])
-def connect():
-    t = transport.DCERPCTransportFactory('ncacn_ip_tcp:127.0.0.1[%%d]' %% port)
-    dce = t.get_dce_rpc()
-    dce.connect()
-    return dce
-dce = connect()
-dce.bind(uuidtup_to_bin(('%s', '1.0')))
+  const std::optional<std::string> output = RunImpacketScript(dir_, R"(
+from impacket_probe import connect, fault_of, bind_error
+dce = connect(')" + std::string(kEchoUuid) + R"(')
 dce.call(0, b'0123456789abcdef0123456789abcdef')
 print('echo', dce.recv().decode())
 dce.call(2, b'\x03\x00\x00\x00abc')
 print('reverse', dce.recv()[4:].decode())
-try:
-    dce.call(99, b'')
-    dce.recv()
-    print('no fault')
-except rpcrt.DCERPCException as e:
-    print('fault', str(e))
-dce = connect()
-try:
-    dce.bind(uuidtup_to_bin(('11111111-2222-3333-4444-555555555555', '1.0')))
-    print('bound')
-except rpcrt.DCERPCException as e:
-    print('bind refused:', str(e))
+print(fault_of(dce, 99))
+print('bind refused:', bind_error('11111111-2222-3333-4444-555555555555'))
 )",
-               kEchoUuid);
-  std::fclose(f);
-  std::string command =
-      "/usr/bin/python3 " + script + " " + std::to_string(server_.tcp_port()) + " 2>&1";
-  FILE* p = popen(command.c_str(), "r");
-  ASSERT_NE(p, nullptr);
-  std::string output;
-  char buffer[256];
-  while (std::fgets(buffer, sizeof(buffer), p)) output += buffer;
-  pclose(p);
-  EXPECT_EQ(output,
+                                                              server_.tcp_port());
+  if (!output) GTEST_SKIP() << "python3-impacket is not installed";
+  EXPECT_EQ(*output,
             "echo 0123456789abcdef0123456789abcdef\n"
             "reverse cba\n"
             "fault nca_s_op_rng_error\n"

@@ -16,12 +16,14 @@
 #include <cstring>
 #include <fstream>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "commands/sha1.h"
 #include "commands/tpm_metrics.h"
+#include "impacket_run.h"
 #include "rpc/api_frame.h"
 #include "rpc/context_memory.h"
 #include "rpc/context_owners.h"
@@ -31,6 +33,7 @@
 #include "rpc/rpc_dispatch.h"
 #include "rpc/rpc_service.h"
 #include "service/logging.h"
+#include "impacket_run.h"
 #include "swtpm_process.h"
 #include "tpm/driver.h"
 #include "tpm/req_mgr.h"
@@ -485,21 +488,9 @@ namespace {
 // Debian's python3-impacket as an independent DCE/RPC client of the TCS interface over
 // ncacn_ip_tcp, with hand-built NDR stubs.
 TEST_F(RpcClientTest, ImpacketClientCallsTheInterface) {
-  if (std::system("/usr/bin/python3 -c 'import impacket.dcerpc.v5.rpcrt' >/dev/null 2>&1") != 0) {
-    GTEST_SKIP() << "python3-impacket is not installed";
-  }
-  const std::string script = dir_.path() + "/tcs_client.py";
-  std::ofstream(script) << R"(import struct, sys
-from impacket.dcerpc.v5 import transport, rpcrt
-from impacket.uuid import uuidtup_to_bin
-port = int(sys.argv[1])
-def connect():
-    t = transport.DCERPCTransportFactory('ncacn_ip_tcp:127.0.0.1[%d]' % port)
-    dce = t.get_dce_rpc()
-    dce.connect()
-    return dce
-dce = connect()
-dce.bind(uuidtup_to_bin(('fbcd9c02-72cb-47bb-99dd-aedb551491de', '1.0')))
+  const std::optional<std::string> output = RunImpacketScript(dir_.path(), R"(import struct
+from impacket_probe import connect, fault_of, bind_error
+dce = connect('fbcd9c02-72cb-47bb-99dd-aedb551491de')
 dce.call(3, b'')
 h, r = struct.unpack('<II', dce.recv())
 print('open', hex(h >> 28), hex(r))
@@ -512,27 +503,12 @@ n, ref, count = struct.unpack('<III', out[:12])
 print('random', n, count, len(out[12:12 + count]), hex(struct.unpack('<I', out[-4:])[0]))
 dce.call(4, struct.pack('<I', h))
 print('close', hex(struct.unpack('<I', dce.recv())[0]))
-try:
-    dce.call(126, b'')
-    dce.recv()
-    print('no fault')
-except rpcrt.DCERPCException as e:
-    print('fault', str(e))
-dce = connect()
-try:
-    dce.bind(uuidtup_to_bin(('fbcd9c02-72cb-47bb-99dd-aedb551491df', '1.0')))
-    print('bound')
-except rpcrt.DCERPCException as e:
-    print('bind refused')
-)";
-  const std::string command = "/usr/bin/python3 " + script + " " + std::to_string(port_) + " 2>&1";
-  FILE* p = popen(command.c_str(), "r");
-  ASSERT_NE(p, nullptr);
-  std::string output;
-  char buffer[256];
-  while (std::fgets(buffer, sizeof(buffer), p)) output += buffer;
-  pclose(p);
-  EXPECT_EQ(output,
+print(fault_of(dce, 126))
+print('bind refused' if bind_error('fbcd9c02-72cb-47bb-99dd-aedb551491df') else 'bound')
+)",
+                                                              port_);
+  if (!output) GTEST_SKIP() << "python3-impacket is not installed";
+  EXPECT_EQ(*output,
             "open 0xa 0x0\n"
             "capability 4 True 4\n"
             "random 16 16 16 0x0\n"
