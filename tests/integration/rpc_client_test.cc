@@ -23,7 +23,6 @@
 
 #include "commands/sha1.h"
 #include "commands/tpm_metrics.h"
-#include "impacket_run.h"
 #include "rpc/api_frame.h"
 #include "rpc/context_memory.h"
 #include "rpc/context_owners.h"
