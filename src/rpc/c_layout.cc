@@ -231,19 +231,4 @@ Value ArrayFromC(Kind kind, const void* c, size_t count) {
   }
 }
 
-size_t ArrayLength(const Value& v) {
-  return std::visit(
-      [](const auto& x) -> size_t {
-        using T = std::decay_t<decltype(x)>;
-        if constexpr (std::is_same_v<T, Bytes> || std::is_same_v<T, std::vector<uint32_t>> ||
-                      std::is_same_v<T, std::vector<PcrEvent>> ||
-                      std::is_same_v<T, std::vector<KeyInfo>>) {
-          return x.size();
-        } else {
-          return 0;
-        }
-      },
-      v);
-}
-
 }  // namespace kesttcs::rpc

@@ -76,7 +76,5 @@ Value SingleFromC(Kind kind, const void* c);
 std::vector<uint8_t> ArrayToC(Kind kind, const Value& v);
 // `count` elements of `kind` from C layout into an array value; embedded byte arrays are copied.
 Value ArrayFromC(Kind kind, const void* c, size_t count);
-// Number of elements of an array value.
-size_t ArrayLength(const Value& v);
 
 }  // namespace kesttcs::rpc

@@ -1,5 +1,5 @@
 // The internal functions behind the operations, bound by opnum in one table: a call's slots
-// (rpc/stub_codec.h) become the typed arguments of the operation's `..._Internal` function. The
+// (rpc/stubs.h) become the typed arguments of the operation's `..._Internal` function. The
 // binding is checked against the operation table when it is compiled: parameter count, and for
 // every parameter how it is passed and the size of what it points to.
 #pragma once

@@ -1439,10 +1439,5 @@ constexpr const Operation* FindOperation(uint32_t opnum) {
 // The operation with this name, or null.
 const Operation* FindOperation(std::string_view name);
 
-// Names for messages and tests: "in", "out", "in,out"; "A" to "F" and "reserved"; "UINT32",
-// "digest", "TPM_AUTH", ...
-std::string_view DirName(Dir dir);
-std::string_view FrameName(Frame frame);
-std::string_view KindName(Kind kind);
 
 }  // namespace kesttcs::rpc

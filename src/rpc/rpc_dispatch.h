@@ -1,6 +1,6 @@
 // The server side of the TCS interface: the identity of the interface and the handler the DCE/RPC
 // server calls for each request (unmarshal, ownership check, entry frame, marshal, release of the
-// output blocks). rpc_service.h brings it up; tests and the stub fuzzer call the handler directly.
+// output blocks). rpc_service.h brings it up; tests call the handler directly.
 //
 // Output memory contract: every output block an internal function allocates with getSomeMemory is
 // marshalled into the response and then released from its context's memory table

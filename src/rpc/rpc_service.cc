@@ -36,10 +36,12 @@ TSS_RESULT RunOperation(const Operation& op, rpc::CallFrame& frame, const Contex
   const TCS_CONTEXT_HANDLE hContext = takes_context ? frame.u32(0) : 0;
   const bool admitted = takes_context && (closes ? owners_BeginClose(owner, hContext)
                                                  : owners_BeginCall(owner, hContext));
-  const TSS_RESULT result = RunApiFrame(op, frame, [&]() -> TSS_RESULT {
-    if (takes_context && !admitted) return TCS_E_INVALID_CONTEXT;
-    return CallInternalFunction(op.opnum, frame);
-  });
+  // Three small captures: std::function keeps them in place, so dispatch allocates nothing here.
+  const bool refused = takes_context && !admitted;
+  const TSS_RESULT result =
+      RunApiFrame(op, frame, [&frame, refused, opnum = op.opnum]() -> TSS_RESULT {
+        return refused ? TCS_E_INVALID_CONTEXT : CallInternalFunction(opnum, frame);
+      });
   if (result == TSS_SUCCESS && op.opnum == kOpenContext) owners_Add(owner, frame.u32(0));
   if (admitted) {
     if (closes) {
