@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "service/logging.h"
+#include "tpm/backend_config.h"
 
 namespace kesttcs {
 namespace {
@@ -73,23 +74,9 @@ std::optional<unsigned> Decimal(std::string_view s, unsigned max) {
   return value;
 }
 
-bool StartsWith(std::string_view s, std::string_view prefix) {
-  return s.substr(0, prefix.size()) == prefix;
-}
-
 bool ValidBackend(std::string_view v) {
-  if (v == "auto" || v == "libtpms") return true;
-  for (std::string_view kind : {"libtpms:", "swtpm:unix:", "device:", "tddl:"}) {
-    if (StartsWith(v, kind)) return v.size() > kind.size();
-  }
-  if (StartsWith(v, "swtpm:tcp:")) {
-    const std::string_view rest = v.substr(10);
-    const std::size_t colon = rest.rfind(':');
-    if (colon == std::string_view::npos || colon == 0) return false;
-    const std::optional<unsigned> port = Decimal(rest.substr(colon + 1), 65535);
-    return port && *port != 0;
-  }
-  return false;
+  std::string error;
+  return ParseTpmBackendConfig(v, &error).has_value();
 }
 
 bool ValidVendor(std::string_view v) {

@@ -114,6 +114,13 @@ TEST_F(ConfigTest, BadValuesGiveDefaultsAndNameTheKey) {
   EXPECT_EQ(Read("[RPC]\ntcp_port=-1\n").tcpPort, 0);
   EXPECT_EQ(Read("[RPC]\ngroup=-x\n").group, "tss");
   EXPECT_EQ(events_.size(), 10u);
+
+  // Strings the backend itself would refuse are refused here too, with a warning each.
+  events_.clear();
+  for (const char* backend : {"swtpm:tcp:h:65535", "swtpm:unix:/a,", "swtpm:tcp:[::1:5"}) {
+    EXPECT_EQ(Read(std::string("[TPM]\nbackend=") + backend + "\n").backend, "auto") << backend;
+  }
+  EXPECT_EQ(events_.size(), 3u);
 }
 
 }  // namespace
