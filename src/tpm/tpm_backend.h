@@ -80,15 +80,9 @@ class TpmBackend {
   std::string last_error_;
 };
 
-// Builds the backend a configuration string names, closed:
-//   auto                      device:/dev/tpm0 when that path exists, else libtpms
-//   libtpms[:DIR]             embedded TPM 1.2, state in DIR (default <home>/tpm)
-//   swtpm:tcp:HOST:PORT[:CTRLPORT]   swtpm data socket; control socket on CTRLPORT (default PORT+1)
-//   swtpm:unix:DATA[,CTRL]    swtpm Unix data socket; control socket CTRL (default DATA + ".ctrl")
-//   device:PATH               kernel TPM 1.2 character device; cancel through sysfs
-//   tddl:PATH                 a TPM Device Driver Library (shared object) bound by its entry points
-// `home` is the service's home directory. On success returns the backend; on a bad string returns
-// null and sets *error to a message that quotes the string and lists the accepted forms.
+// Builds the backend a configuration string names (the forms are listed in backend_config.h),
+// closed. `home` is the service's home directory. On success returns the backend; on a bad string
+// returns null and sets *error to a message that quotes the string and lists the accepted forms.
 [[nodiscard]] std::unique_ptr<TpmBackend> CreateTpmBackend(std::string_view config,
                                                            const std::string& home,
                                                            std::string* error);
