@@ -101,7 +101,7 @@ class TpmCommand {
 
   TCS_CONTEXT_HANDLE hContext_;
   TPM_COMMAND_CODE ordinal_;
-  std::array<BYTE, kTpmBlobSize> blob_{};
+  std::array<BYTE, kTpmBlobSize> blob_;  // only [0, paramSize) is ever read
   BlobReader outputs_{std::span<const BYTE>()};
 };
 

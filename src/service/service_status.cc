@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/mutex.h"
+#include "rpc/result_codes.h"
 #include "service/logging.h"
 
 namespace kesttcs {
@@ -32,7 +33,6 @@ void SetServiceStatusSink(ServiceStatusSink sink) {
 }
 
 void SetDebugMode(bool on) { g_debug_mode = on; }
-bool DebugMode() { return g_debug_mode; }
 
 void ResetServiceStatus() {
   g_debug_mode = false;
@@ -62,7 +62,7 @@ UINT32 ReportServiceStatus(UINT32 state, UINT32 exitCode, UINT32 waitHint) {
     MutexLock lock(g_mu);
     g_status.controlsAccepted = kServiceAcceptedControls;
     g_status.currentState = state;
-    if (IsTcsResultCode(exitCode)) {
+    if (IsTcsFamily(exitCode)) {
       g_status.win32ExitCode = kServiceSpecificError;
       g_status.serviceSpecificExitCode = exitCode;
     } else {
@@ -81,14 +81,9 @@ UINT32 ReportServiceStatus(UINT32 state, UINT32 exitCode, UINT32 waitHint) {
   return 0;
 }
 
-ServiceStatusRecord LastServiceStatus() {
-  MutexLock lock(g_mu);
-  return g_status;
-}
-
 int ExitStatusFromServiceCode(UINT32 code) {
   if (code == 0) return 0;
-  if (IsTcsResultCode(code)) return kExitStatusTcsError;
+  if (IsTcsFamily(code)) return kExitStatusTcsError;
   if (code < 256) return static_cast<int>(code);
   return kExitStatusOtherError;
 }

@@ -51,7 +51,6 @@ void SetServiceStatusSink(ServiceStatusSink sink);
 
 // Set once by the -debug command; while true, status reports do nothing.
 void SetDebugMode(bool on);
-bool DebugMode();
 
 // Restores the start-up state: the record as ServiceMain first fills it, check point counter 1,
 // debug mode off, no sink. For tests and for a host that reports its first status directly.
@@ -66,12 +65,6 @@ void SendServiceStatus();
 // every other state takes the next value of the check-point counter, which starts at 1 and is
 // shared by start and stop. Returns 0 always.
 UINT32 ReportServiceStatus(UINT32 state, UINT32 exitCode, UINT32 waitHint);
-
-// The last record reported (for tests and the host's exit status).
-ServiceStatusRecord LastServiceStatus();
-
-// True when `code` is a TCS result code (0xE028xxxx).
-constexpr bool IsTcsResultCode(UINT32 code) { return (code >> 16) == 0xE028; }
 
 // Process exit status for a 32-bit service exit code: 0 stays 0; a TCS result code gives
 // kExitStatusTcsError (the code itself goes to the service manager's status text and the journal);

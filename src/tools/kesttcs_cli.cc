@@ -50,9 +50,6 @@ std::vector<BYTE> SubCap(UINT32 value) {
           static_cast<BYTE>(value >> 8), static_cast<BYTE>(value)};
 }
 
-// A result the service gave (0xE028xxxx), as opposed to an RPC status of a failed call.
-bool IsTcsAnswer(TSS_RESULT r) { return (r >> 16) == 0xE028; }
-
 std::string CodeText(TSS_RESULT code) {
   char text[16];
   std::snprintf(text, sizeof(text), "0x%.8X", code);
@@ -204,7 +201,7 @@ std::optional<Failure> Caps(TcsConnection& tcs, Output& out) {
     std::vector<BYTE> answer;
     const TSS_RESULT r = tcs.TcsCapability(q.area, SubCap(q.subCap), &answer);
     // A lost connection is a failure of the command, not an unanswered area.
-    if (r != 0 && !IsTcsAnswer(r)) return Failure{"Tcsi_GetCapability", r};
+    if (r != 0 && !IsTcsFamily(r)) return Failure{"Tcsi_GetCapability", r};
     o[q.name] =
         r == 0 ? q.decode(answer) : ordered_json{{"error", CodeText(r)}, {"name", ResultName(r)}};
     if (!out.json()) {

@@ -89,7 +89,7 @@ void PrintStartupFailure(UINT32 code) {
   const std::string where = StartupFailureText();
   const char* prefix = where.empty() ? "" : where.c_str();
   const char* separator = where.empty() ? "" : ": ";
-  if (IsTcsResultCode(code)) {
+  if (IsTcsFamily(code)) {
     std::fprintf(stderr, "kesttcsd: %s%s0x%.8X (%s)\n", prefix, separator, code, ResultName(code));
   } else {
     std::fprintf(stderr, "kesttcsd: %s%serror %u (%s)\n", prefix, separator, code,
