@@ -46,7 +46,11 @@ TSS_RESULT SendStartup(UINT16 startupType) {
   return Exchange(writer, TPM_ORD_Startup, kPriorityHigh);
 }
 
-TSS_RESULT ReleaseTpmHandle(UINT32 handle, UINT32 resourceType) {
+namespace {
+
+// TPM_FlushSpecific(handle, resourceType) on a TPM 1.2; the older command `olderOrdinal`(handle)
+// otherwise.
+TSS_RESULT FlushOr(TPM_COMMAND_CODE olderOrdinal, UINT32 handle, UINT32 resourceType) {
   std::array<BYTE, kTpmBlobSize> command;
   BlobWriter writer(command, kTpmHeaderSize);
   if (TpmIsVersion12()) {
@@ -54,7 +58,17 @@ TSS_RESULT ReleaseTpmHandle(UINT32 handle, UINT32 resourceType) {
     return Exchange(writer, TPM_ORD_FlushSpecific, kPriorityNormal);
   }
   if (TSS_RESULT rc = LoadBlob_UINT32(writer, handle)) return rc;
-  return Exchange(writer, TPM_ORD_Terminate_Handle, kPriorityNormal);
+  return Exchange(writer, olderOrdinal, kPriorityNormal);
+}
+
+}  // namespace
+
+TSS_RESULT ReleaseTpmHandle(UINT32 handle, UINT32 resourceType) {
+  return FlushOr(TPM_ORD_Terminate_Handle, handle, resourceType);
+}
+
+TSS_RESULT SendEvictKey(UINT32 keyHandle) {
+  return FlushOr(TPM_ORD_EvictKey, keyHandle, TPM_RT_KEY);
 }
 
 TSS_RESULT RunTpmStartupSequence() {

@@ -1,5 +1,5 @@
-// The few TPM commands the TPM access layer sends on its own: the start-up sequence, and the
-// release of a session left behind by a failed exchange. Each builds its command in a local
+// The few small TPM commands the service sends on its own: the start-up sequence, the release of
+// a session left behind by a failed exchange, and key eviction. Each builds its command in a local
 // 4096-byte buffer and sends it with transmit_timed; the caller holds the TPM lock (LockTPM).
 #pragma once
 
@@ -13,7 +13,9 @@ inline constexpr UINT32 TPM_ORD_ContinueSelfTest = 0x53;
 inline constexpr UINT32 TPM_ORD_Startup = 0x99;
 inline constexpr UINT32 TPM_ORD_FlushSpecific = 0xBA;
 inline constexpr UINT32 TPM_ORD_Terminate_Handle = 0x96;
+inline constexpr UINT32 TPM_ORD_EvictKey = 0x22;
 inline constexpr UINT16 TPM_ST_CLEAR = 1;
+inline constexpr UINT32 TPM_RT_KEY = 1;
 inline constexpr UINT32 TPM_RT_AUTH = 2;
 inline constexpr UINT32 TPM_RT_TRANS = 4;
 
@@ -29,6 +31,9 @@ bool TpmIsVersion12();
 // Drops a session or other resource from the TPM at normal priority: TPM_FlushSpecific(handle,
 // resourceType) on a TPM 1.2, TPM_Terminate_Handle(handle) otherwise. Result as above.
 TSS_RESULT ReleaseTpmHandle(UINT32 handle, UINT32 resourceType);
+// Removes a key from the TPM at normal priority: TPM_FlushSpecific(keyHandle, TPM_RT_KEY) on a
+// TPM 1.2, TPM_EvictKey(keyHandle) otherwise. Result as above.
+TSS_RESULT SendEvictKey(UINT32 keyHandle);
 
 // The TPM start-up sequence: ContinueSelfTest (traced "ContinueSelfTest "); when its result's low
 // 16 bits are TPM_INVALID_POSTINIT, Startup(ST_CLEAR) (traced "StartupTPM") and, when that worked,
