@@ -88,6 +88,8 @@ KESTTCS_CLIENT_API void Tcs_FreeBuffer(void* buffer);
  * NULL, every buffer handed out under hContext, then asks the service, which checks the context:
  * returns 0 or TCS_E_INVALID_CONTEXT (the buffers are freed either way). */
 
+/* The generated section keeps the generator's layout. */
+/* clang-format off */
 /* BEGIN GENERATED OPERATIONS (src/client/proxygen.cc) */
 
 /* opnum 0 */
@@ -1193,6 +1195,7 @@ KESTTCS_CLIENT_API TSS_RESULT Tcsi_Reserved124(
 KESTTCS_CLIENT_API TSS_RESULT Tcsi_Reserved125(
     TCS_CONTEXT_HANDLE hContext);
 /* END GENERATED OPERATIONS */
+/* clang-format on */
 
 #ifdef __cplusplus
 }

@@ -1,6 +1,6 @@
-// Annotated mutexes for the service's managers. Every manager guards its tables with one of these so
-// that a clang build checks the lock discipline; the lock order between managers is written where
-// each mutex is declared.
+// Annotated mutexes for the service's managers. Every manager guards its tables with one of these
+// so that a clang build checks the lock discipline; the lock order between managers is written
+// where each mutex is declared.
 #pragma once
 
 #include <mutex>

@@ -1439,5 +1439,4 @@ constexpr const Operation* FindOperation(uint32_t opnum) {
 // The operation with this name, or null.
 const Operation* FindOperation(std::string_view name);
 
-
 }  // namespace kesttcs::rpc

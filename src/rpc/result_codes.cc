@@ -1,8 +1,8 @@
 #include "rpc/result_codes.h"
 
 #include <algorithm>
-#include <vector>
 #include <string>
+#include <vector>
 
 namespace kesttcs {
 namespace {

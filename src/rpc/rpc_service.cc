@@ -57,7 +57,9 @@ TSS_RESULT RunOperation(const Operation& op, rpc::CallFrame& frame, const Contex
 struct ServiceState {
   Mutex mu;
   std::optional<dcerpc::ServerOptions> options GUARDED_BY(mu);
-  std::unique_ptr<dcerpc::Server> server GUARDED_BY(mu);
+  // Shared so that a wait for the end of listening keeps the server alive while the stop path
+  // unregisters it.
+  std::shared_ptr<dcerpc::Server> server GUARDED_BY(mu);
   bool listening GUARDED_BY(mu) = false;
 };
 
@@ -146,24 +148,23 @@ UINT32 RpcServerListen(unsigned maxCalls) {
 }
 
 UINT32 RpcMgmtWaitServerListen() {
-  dcerpc::Server* server = nullptr;
+  std::shared_ptr<dcerpc::Server> server;
   {
     ServiceState& s = Service();
     MutexLock lock(s.mu);
-    server = s.server.get();
+    server = s.server;
   }
-  // The server object lives until RpcServerUnregisterIf, which the host calls after this returns.
-  if (server != nullptr) server->Wait();
+  if (server) server->Wait();
   return 0;
 }
 
 UINT32 RpcMgmtStopServerListening() {
-  dcerpc::Server* server = nullptr;
+  std::shared_ptr<dcerpc::Server> server;
   {
     ServiceState& s = Service();
     MutexLock lock(s.mu);
     if (!s.server || !s.listening) return EINVAL;
-    server = s.server.get();
+    server = s.server;
   }
   // Stop runs the closed-connection callbacks, which must not find this module's lock taken.
   server->Stop();
@@ -174,7 +175,7 @@ UINT32 RpcMgmtStopServerListening() {
 }
 
 UINT32 RpcServerUnregisterIf() {
-  std::unique_ptr<dcerpc::Server> server;
+  std::shared_ptr<dcerpc::Server> server;
   {
     ServiceState& s = Service();
     MutexLock lock(s.mu);

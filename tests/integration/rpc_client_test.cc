@@ -23,6 +23,7 @@
 
 #include "commands/sha1.h"
 #include "commands/tpm_metrics.h"
+#include "impacket_run.h"
 #include "rpc/api_frame.h"
 #include "rpc/context_memory.h"
 #include "rpc/context_owners.h"
@@ -32,7 +33,6 @@
 #include "rpc/rpc_dispatch.h"
 #include "rpc/rpc_service.h"
 #include "service/logging.h"
-#include "impacket_run.h"
 #include "swtpm_process.h"
 #include "tpm/driver.h"
 #include "tpm/req_mgr.h"
@@ -468,14 +468,21 @@ TEST_F(RpcClientTest, FaultsAndServiceGone) {
   ASSERT_EQ(raw.Call(124, garbage, out), dcerpc::kRpcOk);
   EXPECT_EQ(out, (std::vector<uint8_t>{0x06, 0x20, 0x28, 0xE0}));
 
-  // The service stops: calls fail with the communication result.
+  // The service stops while the host waits for the end of listening, and the stop path goes on
+  // to unregister the interface before the waiter wakes: calls fail with the communication
+  // result, and the waiter returns.
   TCS_CONTEXT_HANDLE h = 0;
   ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+  std::thread waiter([] { EXPECT_EQ(RpcMgmtWaitServerListen(), 0u); });
   EXPECT_EQ(RpcMgmtStopServerListening(), 0u);
+  EXPECT_EQ(RpcServerUnregisterIf(), 0u);
+  waiter.join();
   EXPECT_EQ(Tcsi_CloseContext(h), TCS_E_COMM_FAILURE);
   EXPECT_NE(Tcs_LastRpcStatus(), 0u);
   EXPECT_EQ(Tcsi_OpenContext(&h), TCS_E_COMM_FAILURE);
   EXPECT_EQ(Tcs_LastRpcStatus(), dcerpc::kRpcServerUnavailable);
+  // Set up again for the common tear-down.
+  ASSERT_EQ(RpcServerRegisterIf(), 0u);
 }
 
 }  // namespace

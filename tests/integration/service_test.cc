@@ -375,8 +375,8 @@ TEST_F(ServiceTest, WithoutConfigurationLoggingIsOffAndNoLogDirectoryIsMade) {
     EXPECT_TRUE(fs::exists(socket_));
     daemon.Signal(SIGTERM);
     RunResult result = daemon.Wait();
-    EXPECT_EQ(result.exitStatus, 0);
-    notify.Drain();
+    const std::vector<std::string> stopping = notify.Drain();
+    EXPECT_EQ(result.exitStatus, 0) << result.err << testing::PrintToString(stopping);
     EXPECT_THAT(TraceLines(result.err), testing::IsEmpty()) << result.err;
     EXPECT_FALSE(fs::exists(home_ / "log"));
     EXPECT_TRUE(fs::is_directory(home_ / "data"));
