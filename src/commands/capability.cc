@@ -7,12 +7,12 @@
 #include "commands/marshal.h"
 #include "rpc/contexts.h"
 #include "rpc/result_codes.h"
+#include "tpm/tpm_ordinals.h"
 
 namespace kesttcs {
 
 namespace {
 
-constexpr TPM_COMMAND_CODE TPM_ORD_GetCapability = 0x65;
 constexpr UINT32 kSubCapBytes = 4;
 
 constexpr std::array<BYTE, 4> kTcsVersion = {2, 1, 0, 13};

@@ -5,33 +5,11 @@
 #include "commands/command_exchange.h"
 #include "commands/marshal.h"
 #include "rpc/result_codes.h"
+#include "tpm/tpm_ordinals.h"
 
 namespace kesttcs {
 
 namespace {
-
-constexpr TPM_COMMAND_CODE TPM_ORD_Extend = 0x14;
-constexpr TPM_COMMAND_CODE TPM_ORD_PcrRead = 0x15;
-constexpr TPM_COMMAND_CODE TPM_ORD_DirRead = 0x1A;
-constexpr TPM_COMMAND_CODE TPM_ORD_GetRandom = 0x46;
-constexpr TPM_COMMAND_CODE TPM_ORD_StirRandom = 0x47;
-constexpr TPM_COMMAND_CODE TPM_ORD_SelfTestFull = 0x50;
-constexpr TPM_COMMAND_CODE TPM_ORD_ContinueSelfTest = 0x53;
-constexpr TPM_COMMAND_CODE TPM_ORD_GetTestResult = 0x54;
-constexpr TPM_COMMAND_CODE TPM_ORD_ForceClear = 0x5D;
-constexpr TPM_COMMAND_CODE TPM_ORD_DisableForceClear = 0x5E;
-constexpr TPM_COMMAND_CODE TPM_ORD_GetCapability = 0x65;
-constexpr TPM_COMMAND_CODE TPM_ORD_PhysicalEnable = 0x6F;
-constexpr TPM_COMMAND_CODE TPM_ORD_PhysicalDisable = 0x70;
-constexpr TPM_COMMAND_CODE TPM_ORD_SetOwnerInstall = 0x71;
-constexpr TPM_COMMAND_CODE TPM_ORD_PhysicalSetDeactivated = 0x72;
-constexpr TPM_COMMAND_CODE TPM_ORD_SetTempDeactivated = 0x73;
-constexpr TPM_COMMAND_CODE TPM_ORD_CreateEndorsementKeyPair = 0x78;
-constexpr TPM_COMMAND_CODE TPM_ORD_ReadPubek = 0x7C;
-constexpr TPM_COMMAND_CODE TPM_ORD_PCR_Reset = 0xC8;
-constexpr TPM_COMMAND_CODE TPM_ORD_ReadCounter = 0xDE;
-constexpr TPM_COMMAND_CODE TPM_ORD_GetTicks = 0xF1;
-constexpr TPM_COMMAND_CODE TSC_ORD_PhysicalPresence = 0x4000000A;
 
 // Fixed bytes of the commands with caller-sized input: the header plus the fixed parameters.
 constexpr UINT32 kStirRandomFixedBytes = kTpmHeaderSize + 4;         // dataSize

@@ -12,15 +12,11 @@
 #include "rpc/result_codes.h"
 #include "tpm/req_mgr.h"
 #include "tpm/tpm_cmds.h"
+#include "tpm/tpm_ordinals.h"
 
 namespace kesttcs {
 
 namespace {
-
-constexpr TPM_COMMAND_CODE TPM_ORD_OIAP = 0x0A;
-constexpr UINT32 TPM_ORD_SaveKeyContext = 0xB4;
-constexpr UINT32 TPM_ORD_SaveAuthContext = 0xB6;
-constexpr UINT32 TPM_ORD_SaveContext = 0xB8;
 
 // What the maker's own TPM is known to have; it is not asked.
 constexpr UINT32 kOwnTpmPcrs = 24;

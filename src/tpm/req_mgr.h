@@ -31,13 +31,11 @@
 #include <kesttcs/tcs_types.h>
 
 #include "rpc/result_codes.h"
+#include "tpm/tpm_ordinals.h"
 
 namespace kesttcs {
 
-// Ordinals the request manager itself looks at.
-inline constexpr UINT32 TPM_ORD_EstablishTransport = 0xE6;
-inline constexpr UINT32 TPM_ORD_ExecuteTransport = 0xE7;
-inline constexpr UINT32 TPM_ORD_ReleaseTransportSigned = 0xE8;
+// Vendor ordinals the request manager itself looks at.
 inline constexpr UINT32 kVendorOrdinalOpen = 0x20008000;
 inline constexpr UINT32 kVendorOrdinalContinue = 0x20008001;
 inline constexpr UINT32 kVendorOrdinalEnd = 0x20008002;

@@ -6,14 +6,10 @@
 #include <kesttcs/tcs_types.h>
 
 #include "rpc/result_codes.h"
+#include "tpm/tpm_ordinals.h"
 
 namespace kesttcs {
 
-inline constexpr UINT32 TPM_ORD_ContinueSelfTest = 0x53;
-inline constexpr UINT32 TPM_ORD_Startup = 0x99;
-inline constexpr UINT32 TPM_ORD_FlushSpecific = 0xBA;
-inline constexpr UINT32 TPM_ORD_Terminate_Handle = 0x96;
-inline constexpr UINT32 TPM_ORD_EvictKey = 0x22;
 inline constexpr UINT16 TPM_ST_CLEAR = 1;
 inline constexpr UINT32 TPM_RT_KEY = 1;
 inline constexpr UINT32 TPM_RT_AUTH = 2;

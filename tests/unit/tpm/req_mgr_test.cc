@@ -25,10 +25,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Blob = std::array<BYTE, kTpmBlobSize>;
 
-constexpr UINT32 TPM_ORD_GetRandom = 0x46;
-constexpr UINT32 TPM_ORD_Seal = 0x17;
-constexpr UINT32 TPM_ORD_ChangeAuth = 0x0C;
-
 Blob GetRandom(UINT32 bytes) {
   Blob blob{};
   BlobWriter w(blob, kTpmHeaderSize);
