@@ -98,6 +98,16 @@ TEST(LibtpmsBackendTest, FirstStartManufacturesAndStateSurvivesReopen) {
   EXPECT_EQ(second->Close(), TSS_SUCCESS);
 }
 
+// GetRandom(16) through the request manager, which must already be started.
+void ExpectGetRandomThroughReqMgr() {
+  std::array<BYTE, kTpmBlobSize> blob{};
+  std::copy(kGetRandom16.begin(), kGetRandom16.end(), blob.begin());
+  ASSERT_EQ(req_mgr_submit(blob), TSS_SUCCESS);
+  UINT32 paramSize = 0;
+  EXPECT_EQ(UnloadBlob_Header(blob, &paramSize), TSS_SUCCESS);
+  EXPECT_EQ(paramSize, 30u);
+}
+
 // Leaves the process-wide driver binding and request manager as it found them.
 class DriverTest : public ::testing::Test {
  protected:
@@ -112,12 +122,7 @@ TEST_F(DriverTest, ReqMgrInitStartsTheEmbeddedTpm) {
   TempDir dir;
   driver_configure("libtpms:" + dir.path() + "/tpm", dir.path());
   ASSERT_EQ(req_mgr_init(), TSS_SUCCESS) << driver_last_error();
-  std::array<BYTE, kTpmBlobSize> blob{};
-  std::copy(kGetRandom16.begin(), kGetRandom16.end(), blob.begin());
-  ASSERT_EQ(req_mgr_submit(blob), TSS_SUCCESS);
-  UINT32 paramSize = 0;
-  EXPECT_EQ(UnloadBlob_Header(blob, &paramSize), TSS_SUCCESS);
-  EXPECT_EQ(paramSize, 30u);
+  ExpectGetRandomThroughReqMgr();
   EXPECT_EQ(req_mgr_final(), TSS_SUCCESS);
 }
 
@@ -193,12 +198,7 @@ TEST_F(SwtpmBackendTest, TddlLibraryForwardingToSwtpm) {
   ::setenv("KESTTCS_TDDL_SWTPM_CTRL", swtpm.ctrl_path().c_str(), 1);
   driver_configure(std::string("tddl:") + KESTTCS_TDDL_SWTPM, "/tmp");
   ASSERT_EQ(req_mgr_init(), TSS_SUCCESS) << driver_last_error();
-  std::array<BYTE, kTpmBlobSize> blob{};
-  std::copy(kGetRandom16.begin(), kGetRandom16.end(), blob.begin());
-  ASSERT_EQ(req_mgr_submit(blob), TSS_SUCCESS);
-  UINT32 paramSize = 0;
-  EXPECT_EQ(UnloadBlob_Header(blob, &paramSize), TSS_SUCCESS);
-  EXPECT_EQ(paramSize, 30u);
+  ExpectGetRandomThroughReqMgr();
   EXPECT_EQ(req_mgr_cancel(), TSS_SUCCESS);
   EXPECT_EQ(req_mgr_final(), TSS_SUCCESS);
 }

@@ -5,20 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "hex_bytes.h"
+
 namespace kesttcs::dcerpc {
 namespace {
-
-std::vector<uint8_t> Hex(const std::string& text) {
-  std::istringstream in(text);
-  std::vector<uint8_t> bytes;
-  unsigned value = 0;
-  while (in >> std::hex >> value) bytes.push_back(static_cast<uint8_t>(value));
-  return bytes;
-}
 
 TEST(NdrWriterTest, AlignsPrimitivesRelativeToTheStubStart) {
   std::vector<uint8_t> out = {0xaa, 0xbb, 0xcc};  // e.g. bytes before the stub

@@ -5,22 +5,14 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "hex_bytes.h"
 #include "rpc/dcerpc/association.h"
 
 namespace kesttcs::dcerpc {
 namespace {
-
-std::vector<uint8_t> Hex(const std::string& text) {
-  std::istringstream in(text);
-  std::vector<uint8_t> bytes;
-  unsigned value = 0;
-  while (in >> std::hex >> value) bytes.push_back(static_cast<uint8_t>(value));
-  return bytes;
-}
 
 const char kIface[] = "5a7c1f3e-2b4d-4e6f-8a9b-0c1d2e3f4a5b";
 const char kIfaceBytes[] = "3e 1f 7c 5a 4d 2b 6f 4e 8a 9b 0c 1d 2e 3f 4a 5b 01 00 00 00 ";
