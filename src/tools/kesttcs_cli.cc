@@ -13,6 +13,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "commands/capability.h"
 #include "rpc/result_codes.h"
 #include "tools/cli_format.h"
 #include "tools/tcs_connection.h"
@@ -26,24 +27,6 @@ constexpr int kExitFailure = 1;
 constexpr int kExitBadArgument = 2;
 constexpr UINT32 kMaxRandomBytes = 4096;
 constexpr UINT32 kMaxPcrIndex = 0xFFFF;
-
-// TPM capability areas and properties the commands read.
-constexpr UINT32 kTpmCapProperty = 5;
-constexpr UINT32 kTpmCapVersion = 6;
-constexpr UINT32 kTpmCapVersionVal = 0x1A;
-constexpr UINT32 kPropPcr = 0x101;
-constexpr UINT32 kPropManufacturer = 0x103;
-constexpr UINT32 kPropKeys = 0x104;
-constexpr UINT32 kPropMaxAuthSessions = 0x10D;
-constexpr UINT32 kPropOwner = 0x111;
-
-// TCS capability areas.
-constexpr UINT32 kTcsCapAlg = 1;
-constexpr UINT32 kTcsCapVersion = 2;
-constexpr UINT32 kTcsCapCaching = 3;
-constexpr UINT32 kTcsCapPersStorage = 4;
-constexpr UINT32 kTcsCapManufacturer = 5;
-constexpr UINT32 kTcsCapPlatformClass = 6;
 
 std::vector<BYTE> SubCap(UINT32 value) {
   return {static_cast<BYTE>(value >> 24), static_cast<BYTE>(value >> 16),
@@ -104,7 +87,7 @@ class Output {
 // One TPM property as a number.
 std::optional<Failure> TpmProperty(TcsConnection& tcs, UINT32 property, UINT32* value) {
   std::vector<BYTE> answer;
-  if (TSS_RESULT r = tcs.TpmCapability(kTpmCapProperty, SubCap(property), &answer); r != 0) {
+  if (TSS_RESULT r = tcs.TpmCapability(TPM_CAP_PROPERTY, SubCap(property), &answer); r != 0) {
     return Failure{"Tcsip_GetCapability", r};
   }
   std::optional<UINT32> number = BigEndianNumber(answer);
@@ -116,9 +99,9 @@ std::optional<Failure> TpmProperty(TcsConnection& tcs, UINT32 property, UINT32* 
 std::optional<Failure> TpmVersion(TcsConnection& tcs, std::string* version) {
   std::vector<BYTE> answer;
   std::optional<std::string> text;
-  if (tcs.TpmCapability(kTpmCapVersionVal, {}, &answer) == 0) {
+  if (tcs.TpmCapability(TPM_CAP_VERSION_VAL, {}, &answer) == 0) {
     text = VersionFromVersionInfo(answer);
-  } else if (TSS_RESULT r = tcs.TpmCapability(kTpmCapVersion, {}, &answer); r != 0) {
+  } else if (TSS_RESULT r = tcs.TpmCapability(TPM_CAP_VERSION, {}, &answer); r != 0) {
     return Failure{"Tcsip_GetCapability", r};
   } else {
     text = VersionFromVersion(answer);
@@ -132,15 +115,16 @@ std::optional<Failure> Status(TcsConnection& tcs, const std::string& endpoint, O
   std::string version;
   if (auto f = TpmVersion(tcs, &version)) return f;
   std::vector<BYTE> manufacturer;
-  if (TSS_RESULT r = tcs.TpmCapability(kTpmCapProperty, SubCap(kPropManufacturer), &manufacturer);
+  if (TSS_RESULT r =
+          tcs.TpmCapability(TPM_CAP_PROPERTY, SubCap(TPM_CAP_PROP_MANUFACTURER), &manufacturer);
       r != 0) {
     return Failure{"Tcsip_GetCapability", r};
   }
   UINT32 keySlots = 0, sessions = 0, pcrs = 0, owner = 0;
-  if (auto f = TpmProperty(tcs, kPropKeys, &keySlots)) return f;
-  if (auto f = TpmProperty(tcs, kPropMaxAuthSessions, &sessions)) return f;
-  if (auto f = TpmProperty(tcs, kPropPcr, &pcrs)) return f;
-  if (auto f = TpmProperty(tcs, kPropOwner, &owner)) return f;
+  if (auto f = TpmProperty(tcs, TPM_CAP_PROP_KEYS, &keySlots)) return f;
+  if (auto f = TpmProperty(tcs, TPM_CAP_PROP_MAX_AUTHSESS, &sessions)) return f;
+  if (auto f = TpmProperty(tcs, TPM_CAP_PROP_PCR, &pcrs)) return f;
+  if (auto f = TpmProperty(tcs, TPM_CAP_PROP_OWNER, &owner)) return f;
 
   ordered_json& o = out.object();
   o["endpoint"] = endpoint;
@@ -176,24 +160,24 @@ std::optional<Failure> Caps(TcsConnection& tcs, Output& out) {
     return ordered_json(VersionFromVersion(a).value_or(HexString(a)));
   };
   const std::vector<Query> queries = {
-      {"tcs_version", kTcsCapVersion, 0, version},
-      {"alg_sha1", kTcsCapAlg, 0x23, flag},
-      {"alg_hmac", kTcsCapAlg, 0x24, flag},
-      {"alg_mgf1", kTcsCapAlg, 0x26, flag},
-      {"alg_rsa", kTcsCapAlg, 0x20, flag},
-      {"alg_des", kTcsCapAlg, 0x21, flag},
-      {"alg_3des", kTcsCapAlg, 0x22, flag},
-      {"alg_aes128", kTcsCapAlg, 0x25, flag},
-      {"alg_aes192", kTcsCapAlg, 0x27, flag},
-      {"alg_aes256", kTcsCapAlg, 0x28, flag},
-      {"key_cache", kTcsCapCaching, 0x100, flag},
-      {"auth_cache", kTcsCapCaching, 0x101, flag},
-      {"persistent_storage", kTcsCapPersStorage, 0, flag},
-      {"manufacturer_id", kTcsCapManufacturer, 0x102,
+      {"tcs_version", TSS_TCSCAP_VERSION, 0, version},
+      {"alg_sha1", TSS_TCSCAP_ALG, 0x23, flag},
+      {"alg_hmac", TSS_TCSCAP_ALG, 0x24, flag},
+      {"alg_mgf1", TSS_TCSCAP_ALG, 0x26, flag},
+      {"alg_rsa", TSS_TCSCAP_ALG, 0x20, flag},
+      {"alg_des", TSS_TCSCAP_ALG, 0x21, flag},
+      {"alg_3des", TSS_TCSCAP_ALG, 0x22, flag},
+      {"alg_aes128", TSS_TCSCAP_ALG, 0x25, flag},
+      {"alg_aes192", TSS_TCSCAP_ALG, 0x27, flag},
+      {"alg_aes256", TSS_TCSCAP_ALG, 0x28, flag},
+      {"key_cache", TSS_TCSCAP_CACHING, TSS_TCSCAP_PROP_KEYCACHE, flag},
+      {"auth_cache", TSS_TCSCAP_CACHING, TSS_TCSCAP_PROP_AUTHCACHE, flag},
+      {"persistent_storage", TSS_TCSCAP_PERSSTORAGE, 0, flag},
+      {"manufacturer_id", TSS_TCSCAP_MANUFACTURER, TSS_TCSCAP_PROP_MANUFACTURER_ID,
        [](const std::vector<BYTE>& a) { return ordered_json(ManufacturerText(a)); }},
-      {"manufacturer", kTcsCapManufacturer, 0x103,
+      {"manufacturer", TSS_TCSCAP_MANUFACTURER, TSS_TCSCAP_PROP_MANUFACTURER_STR,
        [](const std::vector<BYTE>& a) { return ordered_json(Utf16LeText(a)); }},
-      {"platform_class", kTcsCapPlatformClass, 0,
+      {"platform_class", TSS_TCSCAP_PLATFORM_CLASS, 0,
        [](const std::vector<BYTE>& a) { return ordered_json(HexString(a)); }},
   };
   ordered_json& o = out.object();
@@ -227,7 +211,7 @@ std::optional<Failure> PcrRead(TcsConnection& tcs, std::optional<UINT32> index, 
   UINT32 first = 0, count = 1;
   if (index) {
     first = *index;
-  } else if (auto f = TpmProperty(tcs, kPropPcr, &count)) {
+  } else if (auto f = TpmProperty(tcs, TPM_CAP_PROP_PCR, &count)) {
     return f;
   }
   ordered_json pcrs = ordered_json::array();
