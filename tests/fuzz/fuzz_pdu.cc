@@ -69,12 +69,12 @@ void FuzzNdr(std::span<const uint8_t> data) {
   for (uint8_t op : program) {
     uint8_t u8;
     uint16_t u16;
-    uint32_t u32, offset, actual;
+    uint32_t u32;
     uint64_t u64;
     bool present;
     std::vector<uint8_t> bytes;
     std::span<const uint8_t> view;
-    switch (op % 10) {
+    switch (op % 8) {
       case 0:
         (void)reader.ReadUint8(u8);
         break;
@@ -91,16 +91,10 @@ void FuzzNdr(std::span<const uint8_t> data) {
         (void)reader.ReadConformantBytes(bytes);
         break;
       case 5:
-        (void)reader.ReadConformantVaryingBytes(view);
-        break;
-      case 6:
         (void)reader.ReadUniquePointer(present);
         break;
-      case 7:
-        (void)reader.ReadArrayCount(u32, op / 10 + 1);
-        break;
-      case 8:
-        (void)reader.ReadVaryingCounts(u32, offset, actual, op / 10);
+      case 6:
+        (void)reader.ReadArrayCount(u32, op / 8 + 1);
         break;
       default:
         (void)reader.ReadBytes(op, view);

@@ -116,37 +116,6 @@ bool NdrReader::ReadConformantBytes(std::vector<uint8_t>& out) {
   return true;
 }
 
-bool NdrReader::ReadVaryingCounts(uint32_t& max_count, uint32_t& offset, uint32_t& actual,
-                                  size_t min_element_size) {
-  size_t saved = pos_;
-  uint32_t m = 0, o = 0, a = 0;
-  if (!ReadUint32(m) || !ReadUint32(o) || !ReadUint32(a)) {
-    pos_ = saved;
-    return false;
-  }
-  bool fits =
-      o <= m && a <= m - o && (min_element_size == 0 || a <= remaining() / min_element_size);
-  if (!fits) {
-    pos_ = saved;
-    return Fail();
-  }
-  max_count = m;
-  offset = o;
-  actual = a;
-  return true;
-}
-
-bool NdrReader::ReadConformantVaryingBytes(std::span<const uint8_t>& out) {
-  size_t saved = pos_;
-  uint32_t max_count = 0, offset = 0, actual = 0;
-  if (!ReadVaryingCounts(max_count, offset, actual, 1)) return false;
-  if (!ReadBytes(actual, out)) {
-    pos_ = saved;
-    return false;
-  }
-  return true;
-}
-
 bool NdrReader::ReadUniquePointer(bool& present) {
   uint32_t referent = 0;
   if (!ReadUint32(referent)) return false;
@@ -187,13 +156,6 @@ void NdrWriter::WriteBytes(std::span<const uint8_t> bytes) {
 
 void NdrWriter::WriteConformantBytes(std::span<const uint8_t> bytes) {
   WriteArrayCount(static_cast<uint32_t>(bytes.size()));
-  WriteBytes(bytes);
-}
-
-void NdrWriter::WriteConformantVaryingBytes(std::span<const uint8_t> bytes) {
-  WriteUint32(static_cast<uint32_t>(bytes.size()));
-  WriteUint32(0);
-  WriteUint32(static_cast<uint32_t>(bytes.size()));
   WriteBytes(bytes);
 }
 

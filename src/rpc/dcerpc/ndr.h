@@ -6,7 +6,7 @@
 // and written as zeros.
 //
 // The reader never reads outside its span and never allocates more than the bytes it still holds
-// could encode: every count it reads (conformance, variance) is checked against the remaining
+// could encode: every count it reads (an array's conformance) is checked against the remaining
 // bytes before anything is copied or sized. A failed read leaves the cursor where it was and sets a
 // sticky failure flag, so a stub may chain reads and test ok() once at the end; every later read
 // fails as well. The reader accepts both integer representations (little- and big-endian
@@ -19,7 +19,6 @@
 //   [out] UINT32* pn, [out, size_is(, *pn)] BYTE** pp
 //                                                 n, then referent id, then (if non-null) C, C
 //                                                 bytes
-//   conformant varying array                     max count, offset, actual count, then elements
 //   fixed structure                              its members in order, aligned to its largest
 //   member
 // Embedded pointers of a structure are written as referent ids inside the structure and their
@@ -78,13 +77,6 @@ class NdrReader {
   [[nodiscard]] bool ReadConformantBytes(std::span<const uint8_t>& out);
   [[nodiscard]] bool ReadConformantBytes(std::vector<uint8_t>& out);
 
-  // The three counts of a conformant varying array: max count, offset, actual count. Checks
-  // offset + actual <= max and that actual * min_element_size bytes are left.
-  [[nodiscard]] bool ReadVaryingCounts(uint32_t& max_count, uint32_t& offset, uint32_t& actual,
-                                       size_t min_element_size);
-  // A conformant varying byte array; `out` receives the `actual` transmitted bytes.
-  [[nodiscard]] bool ReadConformantVaryingBytes(std::span<const uint8_t>& out);
-
   // A unique (or full) pointer's referent id: `present` is true for a non-zero id, and the
   // referent follows (at once for a top-level pointer, deferred for an embedded one).
   [[nodiscard]] bool ReadUniquePointer(bool& present);
@@ -134,8 +126,6 @@ class NdrWriter {
   void WriteArrayCount(uint32_t count) { WriteUint32(count); }
   // A conformant byte array: count, then the bytes.
   void WriteConformantBytes(std::span<const uint8_t> bytes);
-  // A conformant varying byte array: max count = actual = bytes.size(), offset 0, the bytes.
-  void WriteConformantVaryingBytes(std::span<const uint8_t> bytes);
 
   // A unique pointer's referent id: zero when absent, otherwise the next id of this writer
   // (0x00020000, then +4 for each, as MIDL-generated stubs number them). The caller writes the
