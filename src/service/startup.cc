@@ -3,12 +3,10 @@
 #include "service/startup.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
-#include <span>
 
 #include "commands/tpm_metrics.h"
 #include "rpc/contexts.h"
@@ -73,8 +71,6 @@ TSS_RESULT StepStartTpmAccess() {
   return req_mgr_init();
 }
 
-std::string DescribeTpmAccessFailure() { return driver_last_error(); }
-
 TSS_RESULT StepReadTpmMetrics() {
   tpm_metrics_init();
   SetOwnVendorId(g_config.vendor);
@@ -104,7 +100,7 @@ constexpr StartupStep kStartupSteps[] = {
     {"random seed", StepSeedRandom, nullptr, nullptr},
     {"configuration", StepReadConfiguration, nullptr, nullptr},
     {"directories", StepCreateDirectories, nullptr, nullptr},
-    {"TPM access", StepStartTpmAccess, nullptr, DescribeTpmAccessFailure},
+    {"TPM access", StepStartTpmAccess, nullptr, driver_last_error},
     {"TPM metrics", StepReadTpmMetrics, UndoTpmAccess, nullptr},
 };
 
