@@ -55,8 +55,7 @@ std::string ErrorText(const SystemError& error) {
 }
 
 struct ProgramResult {
-  bool ran = false;  // false: it could not be started (error holds why)
-  int status = -1;   // exit status, or -1 when killed by a signal
+  int status = -1;  // exit status; -1 when it could not be started or was killed by a signal
   std::string output;
   SystemError error;
 };
@@ -100,7 +99,6 @@ ProgramResult RunSystemctl(const std::vector<std::string>& args) {
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
-  result.ran = true;
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   if (result.status != 0) {
     std::string command = "systemctl";
@@ -114,7 +112,7 @@ ProgramResult RunSystemctl(const std::vector<std::string>& args) {
 // Runs systemctl; true when it exited 0, otherwise `*error` says why.
 bool Systemctl(const std::vector<std::string>& args, SystemError* error) {
   ProgramResult r = RunSystemctl(args);
-  if (r.ran && r.status == 0) return true;
+  if (r.status == 0) return true;
   *error = r.error;
   return false;
 }
