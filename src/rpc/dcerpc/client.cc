@@ -85,16 +85,6 @@ uint16_t Client::bind_nak_reason() const {
   return nak_reason_;
 }
 
-ContextResult Client::context_result() const {
-  MutexLock lock(mu_);
-  return context_result_;
-}
-
-uint16_t Client::max_xmit_frag() const {
-  MutexLock lock(mu_);
-  return max_xmit_;
-}
-
 bool Client::SendAll(std::span<const uint8_t> bytes) {
   while (!bytes.empty()) {
     ssize_t n = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -132,7 +122,7 @@ uint32_t Client::ReadFragment(std::span<const uint8_t>& fragment, PduHeader& hea
   }
   std::optional<PduHeader> parsed =
       ParseHeader(std::span<const uint8_t>(in_.data() + in_begin_, kHeaderSize));
-  if (!parsed || parsed->frag_length > max_recv_) {
+  if (!parsed || parsed->frag_length > kMaxFragmentSize) {
     CloseLocked();
     return kRpcProtocolError;
   }
@@ -170,8 +160,7 @@ uint32_t Client::Bind(const SyntaxId& iface) {
     CloseLocked();
     return kRpcProtocolError;
   }
-  context_result_ = ack->results[0];
-  if (context_result_.result != kResultAcceptance) return kRpcUnknownInterface;
+  if (ack->results[0].result != kResultAcceptance) return kRpcUnknownInterface;
   // The server's receive size limits what we send; ours limits what it sends.
   max_xmit_ = std::clamp(ack->max_recv_frag, kMinFragmentSize, kMaxFragmentSize);
   bound_ = true;

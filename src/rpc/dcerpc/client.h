@@ -45,8 +45,8 @@ class Client {
       EXCLUDES(mu_);
 
   // Binds the connection to `iface` with NDR 2.0. Returns kRpcOk, kRpcUnknownInterface when the
-  // server answers bind_nak or rejects the context (bind_nak_reason() / context_result() tell
-  // which), kRpcCallFailed or kRpcProtocolError (the connection is closed then).
+  // server answers bind_nak (bind_nak_reason() tells why) or rejects the context, kRpcCallFailed
+  // or kRpcProtocolError (the connection is closed then).
   [[nodiscard]] uint32_t Bind(const SyntaxId& iface) EXCLUDES(mu_);
 
   // Sends one request and waits for its response. On kRpcOk `stub_out` holds the response stub
@@ -59,11 +59,8 @@ class Client {
   void Close() EXCLUDES(mu_);
   bool connected() const EXCLUDES(mu_);
 
-  // Details of the last refused bind.
+  // The reason of the last bind_nak.
   uint16_t bind_nak_reason() const EXCLUDES(mu_);
-  ContextResult context_result() const EXCLUDES(mu_);
-  // Fragment sizes agreed at bind.
-  uint16_t max_xmit_frag() const EXCLUDES(mu_);
 
  private:
   uint32_t ConnectTo(int domain, const void* addr, size_t addr_len,
@@ -83,10 +80,10 @@ class Client {
   bool bound_ GUARDED_BY(mu_) = false;
   uint32_t next_call_id_ GUARDED_BY(mu_) = 1;
   uint16_t context_id_ GUARDED_BY(mu_) = 0;
+  // Our receive size is always kMaxFragmentSize; the server's receive size, agreed at bind,
+  // limits what we send.
   uint16_t max_xmit_ GUARDED_BY(mu_) = kMinFragmentSize;
-  uint16_t max_recv_ GUARDED_BY(mu_) = kMaxFragmentSize;
   uint16_t nak_reason_ GUARDED_BY(mu_) = 0;
-  ContextResult context_result_ GUARDED_BY(mu_);
   // Bytes read from the connection: in_[in_begin_, in_end_) are not consumed yet. Room for two
   // whole fragments, so that compacting is rare.
   static constexpr size_t kInputBuffer = 2 * kMaxFragmentSize;
