@@ -9,17 +9,20 @@
 
 namespace kesttcs {
 
+std::string ExecutablePath() {
+  char path[4096];
+  const ssize_t n = readlink("/proc/self/exe", path, sizeof(path));
+  if (n <= 0) return {};
+  return std::string(path, static_cast<size_t>(n));
+}
+
 std::string ResolveHomeDirectory() {
   std::string home;
   if (const char* env = std::getenv("KESTTCS_HOME"); env != nullptr && *env != '\0') {
     home = env;
   } else {
-    char exe[4096];
-    const ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-    if (n > 0) {
-      home.assign(exe, static_cast<size_t>(n));
-      home.erase(home.find_last_of('/') + 1);
-    }
+    home = ExecutablePath();
+    home.erase(home.find_last_of('/') + 1);
     if (home.empty()) home = ".";
   }
   while (home.size() > 1 && home.back() == '/') home.pop_back();

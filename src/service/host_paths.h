@@ -15,6 +15,9 @@ struct HostPaths {
   std::string log;          // home + "/log"
 };
 
+// Full path of the running executable; empty, with errno saying why, when it cannot be read.
+std::string ExecutablePath();
+
 // The home directory: $KESTTCS_HOME when set and not empty, otherwise the directory of the running
 // executable. Trailing '/' are dropped (except for "/" itself).
 std::string ResolveHomeDirectory();

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "service/host_paths.h"
 #include "service/linux/host.h"
 #include "service/logging.h"
 #include "service/service_status.h"
@@ -218,15 +219,13 @@ std::string SystemdUnitText(const std::string& executable, const std::string& ho
 }
 
 void CmdInstallService() {
-  char path[4096];
-  const ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
-  if (n <= 0) {
+  const std::string path = ExecutablePath();
+  if (path.empty()) {
     std::printf("Unable to install %s - %s\n", kServiceDisplayName,
                 ErrorText(FromErrno(errno, "/proc/self/exe")).c_str());
     TcsTrace("Unable to install", nullptr);
     return;
   }
-  path[n] = '\0';
 
   SystemError error;
   if (!SystemdRunning(&error)) {
