@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "commands/marshal.h"
+
 namespace kesttcs {
 namespace {
 
@@ -14,17 +16,6 @@ constexpr std::array<UINT32, 5> kInitialChain = {0x67452301, 0xEFCDAB89, 0x98BAD
 constexpr std::array<UINT32, 4> kRoundConstants = {0x5A827999, 0x6ED9EBA1, 0x8F1BBCDC, 0xCA62C1D6};
 constexpr BYTE kInnerPad = 0x36;
 constexpr BYTE kOuterPad = 0x5C;
-
-UINT32 LoadBigEndian32(const BYTE* p) {
-  return (UINT32{p[0]} << 24) | (UINT32{p[1]} << 16) | (UINT32{p[2]} << 8) | UINT32{p[3]};
-}
-
-void StoreBigEndian32(UINT32 value, BYTE* p) {
-  p[0] = static_cast<BYTE>(value >> 24);
-  p[1] = static_cast<BYTE>(value >> 16);
-  p[2] = static_cast<BYTE>(value >> 8);
-  p[3] = static_cast<BYTE>(value);
-}
 
 // One SHA-1 round with round function value `f`; rotates the five working words.
 inline void Round(std::array<UINT32, 5>& v, UINT32 f, UINT32 k, UINT32 w) {
@@ -38,7 +29,7 @@ inline void Round(std::array<UINT32, 5>& v, UINT32 f, UINT32 k, UINT32 w) {
 
 void ProcessBlock(std::array<UINT32, 5>& chain, const BYTE* block) {
   std::array<UINT32, 80> w;
-  for (int t = 0; t < 16; ++t) w[t] = LoadBigEndian32(block + 4 * t);
+  for (int t = 0; t < 16; ++t) w[t] = ArrayToUINT32(std::span<const BYTE, 4>(block + 4 * t, 4));
   for (int t = 16; t < 80; ++t) w[t] = std::rotl(w[t - 3] ^ w[t - 8] ^ w[t - 14] ^ w[t - 16], 1);
 
   // Four loops of twenty rounds, one per round function, so the loops carry no branch.
@@ -58,10 +49,7 @@ void ProcessBlock(std::array<UINT32, 5>& chain, const BYTE* block) {
 std::array<BYTE, kSha1BlockSize> HmacKeyBlock(UINT32 keyLen, const BYTE* key) {
   std::array<BYTE, kSha1BlockSize> block{};
   if (keyLen > kSha1BlockSize) {
-    Sha1State state;
-    SHA1_Init(state);
-    SHA1_Update(state, key, keyLen);
-    SHA1_Final(state, block.data());
+    static_cast<void>(SHA1(block.data(), key, keyLen));  // key is not null: cannot fail
   } else {
     std::copy_n(key, keyLen, block.begin());
   }
@@ -145,11 +133,10 @@ void SHA1_Final(Sha1State& state, BYTE* digest20) {
     state.blockUsed = 0;
   }
   std::fill(state.block.begin() + state.blockUsed, state.block.end() - 8, 0);
-  StoreBigEndian32(static_cast<UINT32>(lengthBits >> 32), state.block.data() + 56);
-  StoreBigEndian32(static_cast<UINT32>(lengthBits), state.block.data() + 60);
+  UINT64ToArray(lengthBits, std::span(state.block).last<8>());
   ProcessBlock(state.chain, state.block.data());
   for (std::size_t i = 0; i < state.chain.size(); ++i) {
-    StoreBigEndian32(state.chain[i], digest20 + 4 * i);
+    UINT32ToArray(state.chain[i], std::span<BYTE, 4>(digest20 + 4 * i, 4));
   }
   SHA1_Init(state);
 }
@@ -177,7 +164,7 @@ int MGF1_SHA1(BYTE* out, const BYTE* seed, UINT32 seedLen, UINT32 outLen) {
   std::array<BYTE, 4> counterBytes;
   std::array<BYTE, kSha1DigestSize> digest;
   for (UINT32 counter = 0, done = 0; done < outLen; ++counter) {
-    StoreBigEndian32(counter, counterBytes.data());
+    UINT32ToArray(counter, counterBytes);
     Sha1State state;
     SHA1_Init(state);
     SHA1_Update(state, seed, seedLen);
