@@ -28,13 +28,15 @@ TSS_RESULT RunWithoutOutputs(TCS_CONTEXT_HANDLE hContext, TPM_COMMAND_CODE ordin
   return command.Run(TPM_TAG_RQU_COMMAND, fields...);
 }
 
-// An operation that reads one 20-byte value: PCRRead, DirRead.
-TSS_RESULT ReadDigest(TCS_CONTEXT_HANDLE hContext, TPM_COMMAND_CODE ordinal, UINT32 index,
-                      TPM_DIGEST* out) {
+// An operation whose parameters are `fields` and that returns one 20-byte value: PCRRead,
+// Extend, DirRead.
+template <class... Fields>
+TSS_RESULT RunForDigest(TCS_CONTEXT_HANDLE hContext, TPM_COMMAND_CODE ordinal, TPM_DIGEST* out,
+                        const Fields&... fields) {
   if (out == nullptr) return TCS_E_BAD_PARAMETER;
   TpmCommand command(hContext, ordinal);
   if (TSS_RESULT rc = command.Check()) return rc;
-  if (TSS_RESULT rc = command.Run(TPM_TAG_RQU_COMMAND, index)) return rc;
+  if (TSS_RESULT rc = command.Run(TPM_TAG_RQU_COMMAND, fields...)) return rc;
   return command.Unload(out);
 }
 
@@ -71,16 +73,12 @@ TSS_RESULT Tcsip_StirRandom_Internal(TCS_CONTEXT_HANDLE hContext, UINT32 inDataS
 
 TSS_RESULT Tcsip_PcrRead_Internal(TCS_CONTEXT_HANDLE hContext, TPM_PCRINDEX pcrNum,
                                   TPM_PCRVALUE* outDigest) {
-  return ReadDigest(hContext, TPM_ORD_PcrRead, pcrNum, outDigest);
+  return RunForDigest(hContext, TPM_ORD_PcrRead, outDigest, pcrNum);
 }
 
 TSS_RESULT Tcsip_Extend_Internal(TCS_CONTEXT_HANDLE hContext, TPM_PCRINDEX pcrNum,
                                  const TPM_DIGEST& inDigest, TPM_PCRVALUE* outDigest) {
-  if (outDigest == nullptr) return TCS_E_BAD_PARAMETER;
-  TpmCommand command(hContext, TPM_ORD_Extend);
-  if (TSS_RESULT rc = command.Check()) return rc;
-  if (TSS_RESULT rc = command.Run(TPM_TAG_RQU_COMMAND, pcrNum, inDigest)) return rc;
-  return command.Unload(outDigest);
+  return RunForDigest(hContext, TPM_ORD_Extend, outDigest, pcrNum, inDigest);
 }
 
 TSS_RESULT Tcsip_PcrReset_Internal(TCS_CONTEXT_HANDLE hContext, UINT32 pcrTargetSize,
@@ -155,7 +153,7 @@ TSS_RESULT Tcsip_ReadCounter_Internal(TCS_CONTEXT_HANDLE hContext, UINT32 idCoun
 
 TSS_RESULT Tcsip_DirRead_Internal(TCS_CONTEXT_HANDLE hContext, TPM_DIRINDEX dirIndex,
                                   TPM_DIGEST* dirValue) {
-  return ReadDigest(hContext, TPM_ORD_DirRead, dirIndex, dirValue);
+  return RunForDigest(hContext, TPM_ORD_DirRead, dirValue, dirIndex);
 }
 
 TSS_RESULT Tcsip_PhysicalPresence_Internal(TCS_CONTEXT_HANDLE hContext, UINT16 fPhysicalPresence) {
