@@ -20,6 +20,7 @@
 #include <libtpms/tpm_memory.h>
 #include <libtpms/tpm_nvfilename.h>
 
+#include "commands/marshal.h"
 #include "tpm/backends.h"
 #include "tpm/fd_io.h"
 #include "tpm/tpm_bytes.h"
@@ -219,9 +220,9 @@ class LibtpmsBackend final : public TpmBackend {
 
   // Sends one manufacture command and checks that the TPM accepted it.
   bool Run(std::span<const BYTE> command, const char* what, std::string* error) {
-    std::array<BYTE, 4096> response;
+    std::array<BYTE, kTpmBlobSize> response;
     UINT32 length = 0;
-    if (Process(command, response, &length) != TSS_SUCCESS || length < 10) {
+    if (Process(command, response, &length) != TSS_SUCCESS || length < kTpmHeaderSize) {
       *error = std::string(what) + " failed";
       return false;
     }

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdio>
 
+#include "commands/marshal.h"
 #include "tpm/backend_config.h"
 #include "tpm/backends.h"
 #include "tpm/tpm_bytes.h"
@@ -20,7 +21,6 @@ constexpr const char* kDefaultDevice = "/dev/tpm0";
 // been started answers TPM_INVALID_POSTINIT, which is still a TPM 1.2 answer).
 constexpr std::array<BYTE, 18> kVersionProbe = {0x00, 0xC1, 0, 0, 0,    18, 0, 0, 0,
                                                 0x65, 0,    0, 0, 0x1A, 0,  0, 0, 0};
-constexpr UINT16 kTagRspCommand = 0x00C4;
 constexpr UINT16 kTpm2TagNoSessions = 0x8001;
 constexpr UINT16 kTpm2TagSessions = 0x8002;
 // A TPM 2.0 response code carries the format-one bit (0x80) or the version-one bit (0x100); TPM 1.2
@@ -54,14 +54,14 @@ std::unique_ptr<TpmBackend> CreateTpmBackend(std::string_view config, const std:
 }
 
 TSS_RESULT CheckAnswersAsTpm12(TpmBackend& backend, std::string* error) {
-  std::array<BYTE, 4096> response;
+  std::array<BYTE, kTpmBlobSize> response;
   UINT32 length = 0;
   TSS_RESULT result = backend.Transmit(kVersionProbe, response, &length, kPriorityHigh);
   if (result != TSS_SUCCESS) {
     *error = std::string("no answer to a TPM 1.2 command (") + ResultName(result) + ")";
     return result;
   }
-  if (length < 10) {
+  if (length < kTpmHeaderSize) {
     *error = "the answer to a TPM 1.2 command is " + std::to_string(length) +
              " bytes long, too short for a TPM response";
     return kDriverFail;
@@ -71,7 +71,7 @@ TSS_RESULT CheckAnswersAsTpm12(TpmBackend& backend, std::string* error) {
   UINT32 code = PeekUINT32(answer, 6);
   bool tpm2 =
       tag == kTpm2TagNoSessions || tag == kTpm2TagSessions ||
-      (tag == kTagRspCommand &&
+      (tag == TPM_TAG_RSP_COMMAND &&
        (code == TPM_BADTAG || ((code & kTpm2FormatBits) != 0 && (code & kTpm12RangeBits) == 0)));
   if (tpm2) {
     std::array<char, 64> detail;
@@ -80,7 +80,7 @@ TSS_RESULT CheckAnswersAsTpm12(TpmBackend& backend, std::string* error) {
         std::string("the TPM answers as a TPM 2.0; this service needs a TPM 1.2") + detail.data();
     return kDriverFail;
   }
-  if (tag != kTagRspCommand) {
+  if (tag != TPM_TAG_RSP_COMMAND) {
     std::array<char, 64> detail;
     std::snprintf(detail.data(), detail.size(), "0x%04X", tag);
     *error =
