@@ -21,12 +21,12 @@ struct TpmBackendSpec {
 };
 
 // The accepted forms:
-//   auto                              device:/dev/tpm0 when that path exists, else libtpms
-//   libtpms[:DIR]                     embedded TPM 1.2, state in DIR (default <home>/tpm)
-//   swtpm:tcp:HOST:PORT[:CTRLPORT]    swtpm data socket; control socket on CTRLPORT (default
-//   PORT+1) swtpm:unix:DATA[,CTRL]            swtpm Unix data socket; control CTRL (default DATA +
-//   ".ctrl") device:PATH                       kernel TPM 1.2 character device tddl:PATH a TPM
-//   Device Driver Library
+//   auto                            device:/dev/tpm0 when that path exists, else libtpms
+//   libtpms[:DIR]                   embedded TPM 1.2, state in DIR (default <home>/tpm)
+//   swtpm:tcp:HOST:PORT[:CTRLPORT]  swtpm data socket; control socket on CTRLPORT (PORT+1)
+//   swtpm:unix:DATA[,CTRL]          swtpm Unix sockets; control on CTRL (DATA + ".ctrl")
+//   device:PATH                     kernel TPM 1.2 character device
+//   tddl:PATH                       a TPM Device Driver Library
 // Returns the parsed string, or nullopt with *error quoting the string, saying what is wrong and
 // listing the accepted forms.
 std::optional<TpmBackendSpec> ParseTpmBackendConfig(std::string_view config, std::string* error);

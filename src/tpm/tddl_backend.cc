@@ -7,9 +7,8 @@
 //   2. Binding succeeds when open, close and cancel were found; the transmit entry is not tested
 //      (a library without it binds, and its transmits fail with TCS_E_DRIVER_NOT_AVAILABLE).
 //   3. Binding is lazy: the first operation binds; a failed binding unloads the library and is
-//   tried
-//      again by the next operation. Open, close and cancel answer 1 while unbound, transmit
-//      TCS_E_DRIVER_NOT_AVAILABLE.
+//      tried again by the next operation. Open, close and cancel answer 1 while unbound,
+//      transmit TCS_E_DRIVER_NOT_AVAILABLE.
 
 #include <dlfcn.h>
 

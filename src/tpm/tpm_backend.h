@@ -15,9 +15,8 @@
 //     the command in flight and returns without waiting for that Transmit() to finish.
 //   - Transmit() writes at most out.size() bytes and sets *outLen to the number written; on failure
 //     *outLen is 0. Response bytes are passed through unparsed: checking them is the caller's job.
-//   - Nothing throws; every failure is a nonzero driver result (the constants below, or the result
-//   a
-//     driver library returned).
+//   - Nothing throws; every failure is a nonzero driver result (the constants below, or the
+//     result a driver library returned).
 #pragma once
 
 #include <memory>
