@@ -57,13 +57,6 @@ std::tm LocalNow() {
   return now;
 }
 
-// snprintf into a caller buffer that may be null; the time strings share this guard.
-template <typename... Args>
-void FormatInto(char* buffer, std::size_t size, const char* format, Args... args) {
-  if (buffer == nullptr || size == 0) return;
-  std::snprintf(buffer, size, format, args...);
-}
-
 // Writes `bytes` as "%.2X " each, in groups of 16 flushed to the file as they fill. No line end
 // separates the groups, so a record's bytes form one text line.
 void WriteHexBytes(std::FILE* file, const BYTE* bytes, UINT32 length) {
@@ -78,6 +71,19 @@ void WriteHexBytes(std::FILE* file, const BYTE* bytes, UINT32 length) {
     used += 3;
   }
   if (used != 0) std::fputs(group, file);
+}
+
+std::string TrafficDirectory() {
+  MutexLock lock(g_mu);
+  return g_traffic_directory;
+}
+
+// The current hour's traffic file in `directory`.
+std::string TrafficFileIn(std::string directory) {
+  if (!directory.empty() && directory.back() != '/') directory.push_back('/');
+  char stamp[32] = {};
+  FormatHourStamp(stamp, sizeof(stamp));
+  return directory + "LogTransDataWithTpm" + stamp + ".txt";
 }
 
 void ReportOpenFailureOnce(const std::string& name) {
@@ -158,36 +164,36 @@ void SetLocalTimeSource(LocalTimeSource source) {
 void FormatDateString(char* buffer, std::size_t size, char separator) {
   if (buffer == nullptr) return;
   const std::tm now = LocalNow();
-  FormatInto(buffer, size, "%.2d%c%.2d%c%.2d", now.tm_year + 1900, separator, now.tm_mon + 1,
-             separator, now.tm_mday);
+  std::snprintf(buffer, size, "%.2d%c%.2d%c%.2d", now.tm_year + 1900, separator, now.tm_mon + 1,
+                separator, now.tm_mday);
 }
 
 void FormatTimeString(char* buffer, std::size_t size, char separator) {
   if (buffer == nullptr) return;
   const std::tm now = LocalNow();
-  FormatInto(buffer, size, "%.2d%c%.2d%c%.2d", now.tm_hour, separator, now.tm_min, separator,
-             now.tm_sec);
+  std::snprintf(buffer, size, "%.2d%c%.2d%c%.2d", now.tm_hour, separator, now.tm_min, separator,
+                now.tm_sec);
 }
 
 void FormatCompactStamp(char* buffer, std::size_t size) {
   if (buffer == nullptr) return;
   const std::tm now = LocalNow();
-  FormatInto(buffer, size, "%.2d%.2d%.2d%.2d%.2d%.2d", now.tm_year + 1900, now.tm_mon + 1,
-             now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec);
+  std::snprintf(buffer, size, "%.2d%.2d%.2d%.2d%.2d%.2d", now.tm_year + 1900, now.tm_mon + 1,
+                now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec);
 }
 
 void FormatHourStamp(char* buffer, std::size_t size) {
   if (buffer == nullptr) return;
   const std::tm now = LocalNow();
-  FormatInto(buffer, size, "%.2d-%.2d-%.2d-%.2d", now.tm_year + 1900, now.tm_mon + 1, now.tm_mday,
-             now.tm_hour);
+  std::snprintf(buffer, size, "%.2d-%.2d-%.2d-%.2d", now.tm_year + 1900, now.tm_mon + 1,
+                now.tm_mday, now.tm_hour);
 }
 
 void FormatMinuteStamp(char* buffer, std::size_t size) {
   if (buffer == nullptr) return;
   const std::tm now = LocalNow();
-  FormatInto(buffer, size, "%.2d-%.2d-%.2d %.2d %.2d", now.tm_year + 1900, now.tm_mon + 1,
-             now.tm_mday, now.tm_hour, now.tm_min);
+  std::snprintf(buffer, size, "%.2d-%.2d-%.2d %.2d %.2d", now.tm_year + 1900, now.tm_mon + 1,
+                now.tm_mday, now.tm_hour, now.tm_min);
 }
 
 void SetTrafficLogDirectory(std::string directory) {
@@ -195,30 +201,15 @@ void SetTrafficLogDirectory(std::string directory) {
   g_traffic_directory = std::move(directory);
 }
 
-std::string TrafficLogFileName() {
-  std::string name;
-  {
-    MutexLock lock(g_mu);
-    name = g_traffic_directory;
-  }
-  if (!name.empty() && name.back() != '/') name.push_back('/');
-  char stamp[32] = {};
-  FormatHourStamp(stamp, sizeof(stamp));
-  name += "LogTransDataWithTpm";
-  name += stamp;
-  name += ".txt";
-  return name;
-}
+std::string TrafficLogFileName() { return TrafficFileIn(TrafficDirectory()); }
 
 void LogTransDataWithTpm(UINT32 length, const BYTE* data, int direction) {
   if (!NeedLog()) return;
-  {
-    // Until the host has set the log directory there is nowhere to write: never the working
-    // directory of whoever runs the code.
-    MutexLock lock(g_mu);
-    if (g_traffic_directory.empty()) return;
-  }
-  const std::string name = TrafficLogFileName();
+  std::string directory = TrafficDirectory();
+  // Until the host has set the log directory there is nowhere to write: never the working
+  // directory of whoever runs the code.
+  if (directory.empty()) return;
+  const std::string name = TrafficFileIn(std::move(directory));
   std::FILE* file = std::fopen(name.c_str(), "a+");
   if (file == nullptr) {
     ReportOpenFailureOnce(name);
@@ -226,14 +217,11 @@ void LogTransDataWithTpm(UINT32 length, const BYTE* data, int direction) {
   }
   char now[32] = {};
   FormatTimeString(now, sizeof(now), ':');
-  char header[96] = {};
   if (direction == kTrafficSend) {
-    std::snprintf(header, sizeof(header), "Send Data To TPM.Time:%s\n", now);
-    std::fprintf(file, "\n\n%s", header);
+    std::fprintf(file, "\n\nSend Data To TPM.Time:%s\n", now);
     if (data != nullptr) WriteHexBytes(file, data, length);
   } else if (direction == kTrafficReceive) {
-    std::snprintf(header, sizeof(header), "Recv Data From TPM.Time:%s\n", now);
-    std::fprintf(file, "\n%s", header);
+    std::fprintf(file, "\nRecv Data From TPM.Time:%s\n", now);
     if (data != nullptr) WriteHexBytes(file, data, length);
   } else if (direction == kTrafficText) {
     std::fprintf(file, "\n%s", data != nullptr ? reinterpret_cast<const char*>(data) : "");
