@@ -28,6 +28,19 @@ TSS_RESULT Exchange(BlobWriter& writer, UINT32 ordinal, UINT32 priority) {
   return UnloadBlob_Header(std::span<const BYTE>(response.data(), length), &paramSize);
 }
 
+// TPM_FlushSpecific(handle, resourceType) on a TPM 1.2; the older command `olderOrdinal`(handle)
+// otherwise.
+TSS_RESULT FlushOr(TPM_COMMAND_CODE olderOrdinal, UINT32 handle, UINT32 resourceType) {
+  std::array<BYTE, kTpmBlobSize> command;
+  BlobWriter writer(command, kTpmHeaderSize);
+  if (TpmIsVersion12()) {
+    if (TSS_RESULT rc = LoadBlobs(writer, handle, resourceType)) return rc;
+    return Exchange(writer, TPM_ORD_FlushSpecific, kPriorityNormal);
+  }
+  if (TSS_RESULT rc = LoadBlob_UINT32(writer, handle)) return rc;
+  return Exchange(writer, olderOrdinal, kPriorityNormal);
+}
+
 }  // namespace
 
 void SetTpmIsVersion12(bool isVersion12) { g_tpm_is_12 = isVersion12; }
@@ -45,23 +58,6 @@ TSS_RESULT SendStartup(UINT16 startupType) {
   if (TSS_RESULT rc = LoadBlob_UINT16(writer, startupType)) return rc;
   return Exchange(writer, TPM_ORD_Startup, kPriorityHigh);
 }
-
-namespace {
-
-// TPM_FlushSpecific(handle, resourceType) on a TPM 1.2; the older command `olderOrdinal`(handle)
-// otherwise.
-TSS_RESULT FlushOr(TPM_COMMAND_CODE olderOrdinal, UINT32 handle, UINT32 resourceType) {
-  std::array<BYTE, kTpmBlobSize> command;
-  BlobWriter writer(command, kTpmHeaderSize);
-  if (TpmIsVersion12()) {
-    if (TSS_RESULT rc = LoadBlobs(writer, handle, resourceType)) return rc;
-    return Exchange(writer, TPM_ORD_FlushSpecific, kPriorityNormal);
-  }
-  if (TSS_RESULT rc = LoadBlob_UINT32(writer, handle)) return rc;
-  return Exchange(writer, olderOrdinal, kPriorityNormal);
-}
-
-}  // namespace
 
 TSS_RESULT ReleaseTpmHandle(UINT32 handle, UINT32 resourceType) {
   return FlushOr(TPM_ORD_Terminate_Handle, handle, resourceType);
