@@ -21,14 +21,6 @@ static_assert(sizeof(TPM_CMK_AUTH) == sizeof(kesttcs::rpc::CCmkAuth));
 namespace kesttcs::client {
 namespace {
 
-dcerpc::SyntaxId Interface() {
-  dcerpc::SyntaxId id;
-  id.uuid = *dcerpc::Uuid::Parse("fbcd9c02-72cb-47bb-99dd-aedb551491de");
-  id.major = 1;
-  id.minor = 0;
-  return id;
-}
-
 // Opens and binds a connection to `endpoint`; the RPC status of the attempt.
 uint32_t Open(dcerpc::Client& client, const char* endpoint) {
   std::string where;
@@ -59,7 +51,7 @@ uint32_t Open(dcerpc::Client& client, const char* endpoint) {
     if (!where.empty()) status = client.ConnectUnix(where);
   }
   if (status != dcerpc::kRpcOk) return status;
-  return client.Bind(Interface());
+  return client.Bind(rpc::TcsInterfaceSyntax());
 }
 
 struct Shared {

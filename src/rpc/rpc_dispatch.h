@@ -1,5 +1,5 @@
-// The server side of the TCS interface: the identity of the interface and the handler the DCE/RPC
-// server calls for each request (unmarshal, ownership check, entry frame, marshal, release of the
+// The server side of the TCS interface (rpc::TcsInterfaceSyntax()): the handler the DCE/RPC server
+// calls for each request (unmarshal, ownership check, entry frame, marshal, release of the
 // output blocks). rpc_service.h brings it up; tests call the handler directly.
 //
 // Output memory contract: every output block an internal function allocates with getSomeMemory is
@@ -14,12 +14,8 @@
 #include <vector>
 
 #include "rpc/dcerpc/association.h"
-#include "rpc/dcerpc/pdu.h"
 
 namespace kesttcs {
-
-// fbcd9c02-72cb-47bb-99dd-aedb551491de version 1.0.
-dcerpc::SyntaxId TcsInterfaceSyntax();
 
 // Serves one request of the TCS interface (the InterfaceHandler of dcerpc::Server): 0 with the
 // response stub in `stub_out`, kNcaOpRangeError for an opnum of 126 or more, kRpcBadStubData for a

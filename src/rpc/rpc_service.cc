@@ -70,14 +70,6 @@ ServiceState& Service() {
 
 }  // namespace
 
-dcerpc::SyntaxId TcsInterfaceSyntax() {
-  dcerpc::SyntaxId id;
-  id.uuid = *dcerpc::Uuid::Parse("fbcd9c02-72cb-47bb-99dd-aedb551491de");
-  id.major = 1;
-  id.minor = 0;
-  return id;
-}
-
 uint32_t DispatchTcsCall(const dcerpc::CallInfo& info, uint16_t opnum,
                          std::span<const uint8_t> stub_in, std::vector<uint8_t>& stub_out) {
   const Operation* op = rpc::FindOperation(opnum);
@@ -128,7 +120,7 @@ UINT32 RpcServerRegisterIf() {
   MutexLock lock(s.mu);
   if (s.server) return EALREADY;
   auto server = std::make_unique<dcerpc::Server>();
-  if (!server->RegisterInterface(TcsInterfaceSyntax(), DispatchTcsCall)) return EINVAL;
+  if (!server->RegisterInterface(rpc::TcsInterfaceSyntax(), DispatchTcsCall)) return EINVAL;
   server->SetConnectionClosedCallback(owners_ConnectionClosed);
   s.server = std::move(server);
   return 0;

@@ -426,6 +426,10 @@ bool WriteParam(NdrWriter& w, const CallFrame& frame, size_t index) {
 
 }  // namespace
 
+dcerpc::SyntaxId TcsInterfaceSyntax() {
+  return {*dcerpc::Uuid::Parse("fbcd9c02-72cb-47bb-99dd-aedb551491de"), 1, 0};
+}
+
 Value ValueFor(const Param& param) {
   if (param.form == Form::kArray || param.form == Form::kArrayPtr) {
     switch (param.kind) {

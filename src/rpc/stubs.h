@@ -26,10 +26,14 @@
 #include <variant>
 #include <vector>
 
-#include "rpc/dcerpc/ndr.h"
+#include "rpc/dcerpc/pdu.h"
 #include "rpc/operations.h"
 
 namespace kesttcs::rpc {
+
+// The interface these stubs carry: fbcd9c02-72cb-47bb-99dd-aedb551491de version 1.0, the same for
+// the service and the client library.
+dcerpc::SyntaxId TcsInterfaceSyntax();
 
 using Bytes = std::vector<uint8_t>;
 using Digest = std::array<uint8_t, 20>;

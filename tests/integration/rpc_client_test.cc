@@ -32,6 +32,7 @@
 #include "rpc/result_codes.h"
 #include "rpc/rpc_dispatch.h"
 #include "rpc/rpc_service.h"
+#include "rpc/stubs.h"
 #include "service/logging.h"
 #include "swtpm_process.h"
 #include "tpm/driver.h"
@@ -460,7 +461,7 @@ TEST_F(RpcClientTest, ThousandConcurrentClients) {
 TEST_F(RpcClientTest, FaultsAndServiceGone) {
   dcerpc::Client raw;
   ASSERT_EQ(raw.ConnectUnix(socket_), dcerpc::kRpcOk);
-  ASSERT_EQ(raw.Bind(TcsInterfaceSyntax()), dcerpc::kRpcOk);
+  ASSERT_EQ(raw.Bind(rpc::TcsInterfaceSyntax()), dcerpc::kRpcOk);
   std::vector<uint8_t> out;
   EXPECT_EQ(raw.Call(126, {}, out), dcerpc::kNcaOpRangeError);
   const std::vector<uint8_t> garbage = {1, 2, 3};
