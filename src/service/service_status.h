@@ -3,7 +3,7 @@
 // rules for exit codes and check points live here so that every host reports the same way.
 //
 // The status record and the check-point counter are process-wide and guarded by this module's leaf
-// mutex; the sink is called with that mutex released. The control handler takes no lock itself.
+// mutex; the sink, the stop function and the power handler are called with that mutex released.
 #pragma once
 
 #include <functional>
