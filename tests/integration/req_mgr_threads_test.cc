@@ -37,13 +37,10 @@ TEST(ReqMgrThreadsTest, EightThreadsOfGetRandomAllSucceed) {
           continue;
         }
         UINT32 paramSize = 0;
-        BlobReader r = ResponseParams(blob, 0);
+        if (UnloadBlob_Header(blob, &paramSize) != TSS_SUCCESS || paramSize != 14 + size) continue;
+        BlobReader params = ResponseParams(blob, paramSize);
         UINT32 returned = 0;
-        if (UnloadBlob_Header(blob, &paramSize) == TSS_SUCCESS && paramSize == 14 + size &&
-            (r = ResponseParams(blob, paramSize), UnloadBlob_UINT32(r, &returned)) == TSS_SUCCESS &&
-            returned == size) {
-          ++good;
-        }
+        if (UnloadBlob_UINT32(params, &returned) == TSS_SUCCESS && returned == size) ++good;
       }
     });
   }
