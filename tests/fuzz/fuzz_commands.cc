@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <memory>
 #include <span>
-#include <utility>  // before fake_tpm_backend.h, which uses std::exchange
 
 #include "commands/capability.h"
 #include "commands/key_eviction.h"
