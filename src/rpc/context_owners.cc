@@ -4,9 +4,7 @@
 #include <map>
 #include <mutex>
 #include <set>
-#include <tuple>
 #include <unordered_map>
-#include <vector>
 
 #include "base/mutex.h"
 #include "rpc/api_frame.h"
@@ -15,23 +13,6 @@
 namespace kesttcs {
 namespace {
 
-struct OwnerKey {
-  bool is_process;
-  pid_t pid;
-  uid_t uid;
-  uint64_t connection_id;
-
-  friend bool operator<(const OwnerKey& a, const OwnerKey& b) {
-    return std::tie(a.is_process, a.pid, a.uid, a.connection_id) <
-           std::tie(b.is_process, b.pid, b.uid, b.connection_id);
-  }
-};
-
-OwnerKey KeyOf(const ContextOwner& o) {
-  return OwnerKey{o.is_process, o.is_process ? o.pid : 0, o.is_process ? o.uid : 0,
-                  o.is_process ? 0 : o.connection_id};
-}
-
 struct OwnerRecord {
   std::set<uint64_t> connections;
   std::set<TCS_CONTEXT_HANDLE> contexts;
@@ -39,14 +20,14 @@ struct OwnerRecord {
 
 // One client-held context: who owns it, how many calls are using it, and whether a close waits.
 struct ContextUse {
-  OwnerKey owner;
+  ContextOwner owner;
   int calls = 0;
   bool closing = false;
 };
 
 struct State {
   Mutex mu;
-  std::map<OwnerKey, OwnerRecord> owners GUARDED_BY(mu);
+  std::map<ContextOwner, OwnerRecord> owners GUARDED_BY(mu);
   std::unordered_map<TCS_CONTEXT_HANDLE, ContextUse> context_owner GUARDED_BY(mu);
   size_t abandoned_closed GUARDED_BY(mu) = 0;
   // Signalled when the last call of a closing context ends.
@@ -59,8 +40,7 @@ ContextUse* UsableBy(State& s, const ContextOwner& owner, TCS_CONTEXT_HANDLE hCo
   if (hContext == kInternalContextHandle) return nullptr;
   const auto it = s.context_owner.find(hContext);
   if (it == s.context_owner.end() || it->second.closing) return nullptr;
-  const OwnerKey key = KeyOf(owner);
-  if (it->second.owner < key || key < it->second.owner) return nullptr;
+  if (it->second.owner != owner) return nullptr;
   return &it->second;
 }
 
@@ -74,16 +54,19 @@ State& S() {
 ContextOwner OwnerOf(const dcerpc::PeerIdentity& peer) {
   ContextOwner o;
   o.is_process = peer.transport == dcerpc::Transport::kUnixStream && peer.has_credentials;
-  o.pid = peer.pid;
-  o.uid = peer.uid;
-  o.connection_id = peer.connection_id;
+  if (o.is_process) {
+    o.pid = peer.pid;
+    o.uid = peer.uid;
+  } else {
+    o.connection_id = peer.connection_id;
+  }
   return o;
 }
 
 void owners_NoteConnection(const dcerpc::PeerIdentity& peer) {
   State& s = S();
   MutexLock lock(s.mu);
-  s.owners[KeyOf(OwnerOf(peer))].connections.insert(peer.connection_id);
+  s.owners[OwnerOf(peer)].connections.insert(peer.connection_id);
 }
 
 bool owners_BeginCall(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext) {
@@ -134,9 +117,8 @@ void owners_EndClose(TCS_CONTEXT_HANDLE hContext, bool closed) {
 void owners_Add(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext) {
   State& s = S();
   MutexLock lock(s.mu);
-  const OwnerKey key = KeyOf(owner);
-  s.owners[key].contexts.insert(hContext);
-  s.context_owner[hContext] = ContextUse{key};
+  s.owners[owner].contexts.insert(hContext);
+  s.context_owner[hContext] = ContextUse{owner};
 }
 
 void owners_ConnectionClosed(const dcerpc::PeerIdentity& peer) {
@@ -144,7 +126,7 @@ void owners_ConnectionClosed(const dcerpc::PeerIdentity& peer) {
   std::set<TCS_CONTEXT_HANDLE> abandoned;
   {
     MutexLock lock(s.mu);
-    const auto it = s.owners.find(KeyOf(OwnerOf(peer)));
+    const auto it = s.owners.find(OwnerOf(peer));
     if (it == s.owners.end()) return;
     it->second.connections.erase(peer.connection_id);
     if (!it->second.connections.empty()) return;
@@ -174,12 +156,6 @@ size_t owners_CountContextsOfProcess(pid_t pid) {
     if (key.is_process && key.pid == pid) n += record.contexts.size();
   }
   return n;
-}
-
-size_t owners_CountOwners() {
-  State& s = S();
-  MutexLock lock(s.mu);
-  return s.owners.size();
 }
 
 size_t owners_CountAbandonedClosed() {

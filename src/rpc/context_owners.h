@@ -11,6 +11,7 @@
 
 #include <sys/types.h>
 
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 
@@ -20,14 +21,15 @@
 
 namespace kesttcs {
 
-// The owner a connection's calls act for.
+// The owner a connection's calls act for. Only the fields of its kind are set, the others are 0,
+// so that two owners are the same exactly when they compare equal.
 struct ContextOwner {
   bool is_process = false;  // Unix socket with credentials: a process; else one connection
-  pid_t pid = 0;
+  pid_t pid = 0;            // the process
   uid_t uid = 0;
   uint64_t connection_id = 0;  // the connection, when not a process
 
-  friend bool operator==(const ContextOwner&, const ContextOwner&) = default;
+  friend auto operator<=>(const ContextOwner&, const ContextOwner&) = default;
 };
 
 ContextOwner OwnerOf(const dcerpc::PeerIdentity& peer);
@@ -56,11 +58,10 @@ void owners_Add(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext);
 // Tcsi_CloseContext_Internal under the API serialisation lock and forgets the owner.
 void owners_ConnectionClosed(const dcerpc::PeerIdentity& peer);
 
-// Counters: contexts held by clients, contexts held by process `pid`, owners with contexts or
-// live connections, and contexts closed because their owner went away.
+// Counters: contexts held by clients, contexts held by process `pid`, and contexts closed because
+// their owner went away.
 size_t owners_CountContexts();
 size_t owners_CountContextsOfProcess(pid_t pid);
-size_t owners_CountOwners();
 size_t owners_CountAbandonedClosed();
 
 // Forgets every owner and context without closing anything (service shut-down, tests).

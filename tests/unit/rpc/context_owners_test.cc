@@ -55,6 +55,40 @@ TEST_F(ContextOwnersTest, CloseWaitsForTheCallsUsingTheContext) {
   EXPECT_EQ(owners_CountContexts(), 0u);
 }
 
+// Over the Unix socket every connection of a process acts for the process, and its contexts close
+// with its last connection; without credentials, or over TCP, each connection is its own owner.
+TEST_F(ContextOwnersTest, AProcessOwnsItsContextsAcrossItsConnections) {
+  dcerpc::PeerIdentity first;
+  first.connection_id = 1;
+  first.transport = dcerpc::Transport::kUnixStream;
+  first.has_credentials = true;
+  first.pid = owner_.pid;
+  first.uid = owner_.uid;
+  dcerpc::PeerIdentity second = first;
+  second.connection_id = 2;
+  EXPECT_EQ(OwnerOf(first), owner_);
+  EXPECT_EQ(OwnerOf(second), owner_);
+
+  dcerpc::PeerIdentity anonymous = first;
+  anonymous.has_credentials = false;
+  dcerpc::PeerIdentity tcp = first;
+  tcp.transport = dcerpc::Transport::kTcp;
+  dcerpc::PeerIdentity other_tcp = tcp;
+  other_tcp.connection_id = 3;
+  EXPECT_FALSE(owners_BeginCall(OwnerOf(anonymous), kContext));
+  EXPECT_FALSE(owners_BeginCall(OwnerOf(tcp), kContext));
+  EXPECT_NE(OwnerOf(tcp), OwnerOf(other_tcp));
+
+  owners_NoteConnection(first);
+  owners_NoteConnection(second);
+  const size_t abandoned = owners_CountAbandonedClosed();
+  owners_ConnectionClosed(first);
+  EXPECT_EQ(owners_CountContexts(), 1u);
+  owners_ConnectionClosed(second);
+  EXPECT_EQ(owners_CountContexts(), 0u);
+  EXPECT_EQ(owners_CountAbandonedClosed(), abandoned + 1);
+}
+
 TEST_F(ContextOwnersTest, FailedCloseLeavesTheContextUsable) {
   ASSERT_TRUE(owners_BeginClose(owner_, kContext));
   owners_EndClose(kContext, /*closed=*/false);
