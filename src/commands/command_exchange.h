@@ -13,7 +13,6 @@
 #pragma once
 
 #include <array>
-#include <cstddef>
 #include <span>
 
 #include <kesttcs/tcs_types.h>

@@ -11,7 +11,6 @@
 #include <memory>
 #include <span>
 #include <string>
-#include <string_view>
 
 #include <kesttcs/tcs_types.h>
 
