@@ -20,7 +20,6 @@ constexpr UINT32 kRandomPartMask = 0x00FFF000;
 
 struct ContextRecord {
   TCS_CONTEXT_HANDLE hContext = 0;
-  UINT32 status = 0;
   std::vector<TCS_KEY_HANDLE> keyReferences;  // each key at most once, oldest first
 };
 
