@@ -37,9 +37,6 @@ consteval bool TableIsValid() {
   for (size_t i = 0; i < kOperations.size(); ++i) {
     const Operation& op = kOperations[i];
     if (op.opnum != i || op.params.empty()) return false;
-    const bool lock_frame = op.frame == Frame::kB || op.frame == Frame::kC ||
-                            op.frame == Frame::kE || op.frame == Frame::kF;
-    if (op.locked != lock_frame) return false;
     const Param& first = op.params[0];
     if (first.name != "hContext" || first.type != "TCS_CONTEXT_HANDLE") return false;
     if (first.dir != (op.name == "Tcsi_OpenContext" ? Dir::kOut : Dir::kIn)) return false;

@@ -489,7 +489,7 @@ TEST(OperationTableTest, HandlerFramesFollowTheHandlerTable) {
   const std::set<uint32_t> early_without_start = {9, 36, 37, 38, 52};
   for (const Operation& op : kOperations) {
     SCOPED_TRACE(std::string(op.name));
-    EXPECT_EQ(op.locked, locked.count(op.opnum) == 1);
+    EXPECT_EQ(op.locked(), locked.count(op.opnum) == 1);
     EXPECT_EQ(op.auth_start_text, auth_text.count(op.opnum) == 1);
     const bool vendor = op.opnum <= 2;
     const bool reserved = op.opnum >= 123;
@@ -500,7 +500,7 @@ TEST(OperationTableTest, HandlerFramesFollowTheHandlerTable) {
     const bool start_line = op.frame == Frame::kA || op.frame == Frame::kB || op.frame == Frame::kC;
     if (op.opnum >= 81) {
       EXPECT_FALSE(start_line);
-      EXPECT_EQ(op.frame, op.locked ? Frame::kE : Frame::kD);
+      EXPECT_EQ(op.frame, op.locked() ? Frame::kE : Frame::kD);
     } else {
       EXPECT_EQ(start_line, early_without_start.count(op.opnum) == 0);
     }
