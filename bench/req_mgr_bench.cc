@@ -6,36 +6,17 @@
 
 #include <libtpms/tpm_library.h>
 #include <libtpms/tpm_memory.h>
-#include <stdlib.h>
 
 #include <array>
-#include <cstdio>
-#include <filesystem>
-#include <string>
 
 #include "commands/marshal.h"
-#include "tpm/driver.h"
+#include "embedded_tpm.h"
 #include "tpm/req_mgr.h"
 
 namespace kesttcs {
 namespace {
 
 constexpr std::array<BYTE, 14> kGetRandom16 = {0x00, 0xC1, 0, 0, 0, 14, 0, 0, 0, 0x46, 0, 0, 0, 16};
-
-// Opens the embedded TPM (state in a temporary directory) once for all benchmarks of this file.
-bool EmbeddedTpmReady() {
-  static const bool ready = [] {
-    std::string dir = (std::filesystem::temp_directory_path() / "kesttcs-bench-XXXXXX").string();
-    if (::mkdtemp(dir.data()) == nullptr) return false;
-    driver_configure("libtpms:" + dir + "/tpm", dir);
-    TSS_RESULT result = req_mgr_init();
-    if (result != TSS_SUCCESS) {
-      std::fprintf(stderr, "req_mgr_init: 0x%08X %s\n", result, driver_last_error().c_str());
-    }
-    return result == TSS_SUCCESS;
-  }();
-  return ready;
-}
 
 void BM_GetRandom16_Direct(benchmark::State& state) {
   if (!EmbeddedTpmReady()) return state.SkipWithError("embedded TPM did not start");
