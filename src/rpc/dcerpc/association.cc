@@ -89,7 +89,7 @@ std::vector<ContextResult> Association::AnswerContexts(const BindPdu& bind) {
       result.reason = kReasonTransferSyntaxesNotSupported;
     } else {
       result.transfer_syntax = NdrSyntax();
-      contexts_[context.id] = Context{&iface->second};
+      contexts_[context.id] = &iface->second;
     }
     results.push_back(result);
   }
@@ -152,7 +152,7 @@ Association::Step Association::HandleRequest(const PduHeader& header,
     } else if (context == contexts_.end()) {
       assembly_->fault = kNcaUnknownInterface;
     } else {
-      pending.handler = context->second.handler;
+      pending.handler = context->second;
     }
   } else if (!assembly_ || assembly_->call.info.call_id != header.call_id) {
     // Fragments of an orphaned call may still be in flight; anything else breaks the protocol.

@@ -114,9 +114,6 @@ class Association {
   size_t buffered() const { return input_.size() - input_pos_; }
 
  private:
-  struct Context {
-    const InterfaceHandler* handler = nullptr;
-  };
   // A request whose fragments are still arriving.
   struct Assembly {
     PendingCall call;
@@ -143,7 +140,8 @@ class Association {
   bool bound_ = false;
   uint16_t max_xmit_ = kMaxFragmentSize;
   uint16_t max_recv_ = kMaxFragmentSize;
-  std::map<uint16_t, Context> contexts_;
+  // Accepted presentation contexts by id, with the handler of their interface (in the registry).
+  std::map<uint16_t, const InterfaceHandler*> contexts_;
   std::optional<Assembly> assembly_;
   // The last call the client orphaned; its remaining fragments are dropped.
   std::optional<uint32_t> orphaned_call_;
