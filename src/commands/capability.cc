@@ -123,11 +123,7 @@ TSS_RESULT getTpmCapability(TPM_CAPABILITY_AREA capArea, std::span<const BYTE> s
   }
   UINT32 size = 0;
   if (TSS_RESULT rc = command.Unload(&size)) return rc;
-  std::vector<BYTE> bytes;
-  BlobReader& outputs = command.Outputs();
-  if (TSS_RESULT rc = UnloadBlob_BYTES(outputs, size, &bytes)) return rc;
-  *answer = std::move(bytes);
-  return TSS_SUCCESS;
+  return UnloadBlob_BYTES(command.Outputs(), size, answer);  // *answer only on success
 }
 
 TSS_RESULT getTpmCapabilityNumber(TPM_CAPABILITY_AREA capArea, UINT32 subCap, UINT32* value) {
