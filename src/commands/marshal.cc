@@ -516,10 +516,9 @@ TSS_RESULT LoadBlob_Auth(BlobWriter& blob, const TPM_AUTH& auth) noexcept {
 
 TSS_RESULT UnloadBlob_Auth(BlobReader& blob, TPM_AUTH* auth) noexcept {
   if (blob.remaining() < kAuthResponseTrailerSize) return TCS_E_BAD_PARAMETER;
-  if (auth == nullptr)
-    return UnloadBlobs(blob, static_cast<TPM_NONCE*>(nullptr), static_cast<BYTE*>(nullptr),
-                       static_cast<TPM_AUTHDATA*>(nullptr));
-  return UnloadBlobs(blob, &auth->NonceEven, &auth->fContinueAuthSession, &auth->HMAC);
+  TPM_AUTH scratch{};
+  TPM_AUTH& out = auth != nullptr ? *auth : scratch;
+  return UnloadBlobs(blob, &out.NonceEven, &out.fContinueAuthSession, &out.HMAC);
 }
 
 TSS_RESULT LoadBlob_KEY_FLAGS(BlobWriter& blob, TPM_KEY_FLAGS flags) noexcept {
