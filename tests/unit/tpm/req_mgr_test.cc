@@ -424,11 +424,13 @@ TEST_F(ReqMgrTest, TbsFlagSwitchesResponseCodeMapping) {
   driver_set_tbs(true);
   EXPECT_TRUE(driver_is_tbs());
   EXPECT_EQ(UnloadBlob_Header(response, &paramSize), 0x00010005u);
-  // Binding keeps the flag's mapping.
+  // Binding a configured backend applies the flag's mapping again (nothing is opened).
+  SetResponseCodeMapping(ResponseCodeMapping::kTddl);
   driver_unbind();
-  driver_use_backend(std::make_unique<FakeTpmBackend>());
+  driver_configure("libtpms:/nonexistent/state", "/tmp");
   ASSERT_EQ(bind_driver(), 0);
   EXPECT_EQ(UnloadBlob_Header(response, &paramSize), 0x00010005u);
+  driver_configure("auto", ".");
 }
 
 TEST_F(ReqMgrTest, UnboundDriverAnswersOneAndDriverNotAvailable) {
