@@ -4,7 +4,6 @@
 #include <sys/un.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <memory>
 #include <optional>
 

@@ -1,7 +1,5 @@
 #include "rpc/stubs.h"
 
-#include <algorithm>
-#include <cstring>
 #include <type_traits>
 
 namespace kesttcs::rpc {
