@@ -234,12 +234,8 @@ constexpr std::array<InternalCall, rpc::kOperationCount> kTable = MakeTable();
 
 }  // namespace
 
-bool HasInternalFunction(uint16_t opnum) {
-  return opnum < kTable.size() && kTable[opnum] != nullptr;
-}
-
 TSS_RESULT CallInternalFunction(uint16_t opnum, rpc::CallFrame& frame) {
-  if (!HasInternalFunction(opnum)) return TCS_E_NOTIMPL;
+  if (opnum >= kTable.size() || kTable[opnum] == nullptr) return TCS_E_NOTIMPL;
   return kTable[opnum](frame);
 }
 

@@ -5,16 +5,12 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 
 #include <kesttcs/tcs_types.h>
 
 #include "rpc/stubs.h"
 
 namespace kesttcs {
-
-// True when the service has an internal function for `opnum`.
-bool HasInternalFunction(uint16_t opnum);
 
 // Calls the internal function of `opnum` with the arguments of `frame`, writes its outputs back
 // into the frame (output blocks are copied and released from the context's memory table), and
