@@ -15,7 +15,7 @@ namespace {
 constexpr UINT32 kSwtpmCmdCancelTpmCmd = 0x09;
 
 struct Endpoint {
-  bool unix;
+  bool unixSocket;  // else TCP; not "unix", which GNU dialects predefine as a macro
   std::string pathOrHost;
   int port;
 };
@@ -59,8 +59,8 @@ class SwtpmBackend final : public FdTpmBackend {
 
  private:
   static UniqueFd ConnectTo(const Endpoint& endpoint, std::string* error) {
-    return endpoint.unix ? ConnectUnix(endpoint.pathOrHost, error)
-                         : ConnectTcp(endpoint.pathOrHost, endpoint.port, error);
+    return endpoint.unixSocket ? ConnectUnix(endpoint.pathOrHost, error)
+                               : ConnectTcp(endpoint.pathOrHost, endpoint.port, error);
   }
   UniqueFd Connect(std::string* error) override { return ConnectTo(data_, error); }
   std::string Subject() const override { return "swtpm data channel " + description_; }
