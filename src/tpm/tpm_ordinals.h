@@ -1,5 +1,6 @@
 // Every TPM 1.2 command ordinal, by its TPM name, for the code that builds commands or looks at
-// them. The service's own vendor ordinals live with the vendor commands.
+// them. The vendor ordinals live with their users: the vendor commands (vendor_commands.h) and
+// the vendor sequence the request manager admits (req_mgr.h).
 #pragma once
 
 #include <kesttcs/tcs_types.h>
