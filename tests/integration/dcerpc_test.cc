@@ -198,6 +198,16 @@ class RawSocket {
     if (!ReadExact(pdu.data() + kHeaderSize, length - kHeaderSize)) return std::nullopt;
     return pdu;
   }
+  // Reads one PDU and returns its fault status; nullopt when it is no fault or none came.
+  std::optional<uint32_t> ReadFault() {
+    std::optional<std::vector<uint8_t>> pdu = ReadPdu();
+    if (!pdu) return std::nullopt;
+    std::optional<PduHeader> header = ParseHeader(*pdu);
+    if (!header || header->type != PduType::kFault) return std::nullopt;
+    std::optional<ResponsePdu> fault = ParseResponse(*header, *pdu);
+    if (!fault) return std::nullopt;
+    return fault->status;
+  }
   // True once the server has closed the connection (reads until EOF).
   bool ClosedByServer() {
     uint8_t byte;
@@ -369,11 +379,7 @@ TEST_F(DcerpcTest, BindNegotiatesContextsAndBigEndianRequests) {
   request.clear();
   EncodeRequestFragments(9, 0, kEcho, std::nullopt, {}, kMaxFragmentSize, request);
   raw.Send(request);
-  reply = raw.ReadPdu();
-  ASSERT_TRUE(reply);
-  header = ParseHeader(*reply);
-  ASSERT_TRUE(header && header->type == PduType::kFault);
-  EXPECT_EQ(ParseResponse(*header, *reply)->status, kNcaUnknownInterface);
+  EXPECT_EQ(raw.ReadFault(), kNcaUnknownInterface);
 }
 
 TEST_F(DcerpcTest, HostileStreamsAreRefusedAndTheServerCarriesOn) {
@@ -407,11 +413,7 @@ TEST_F(DcerpcTest, HostileStreamsAreRefusedAndTheServerCarriesOn) {
     std::vector<uint8_t> request;
     EncodeRequestFragments(3, 0, kEcho, std::nullopt, Pattern(8, 0), kMaxFragmentSize, request);
     raw.Send(request);
-    auto reply = raw.ReadPdu();
-    ASSERT_TRUE(reply);
-    auto header = ParseHeader(*reply);
-    ASSERT_TRUE(header && header->type == PduType::kFault);
-    EXPECT_EQ(ParseResponse(*header, *reply)->status, kNcaProtocolError);
+    EXPECT_EQ(raw.ReadFault(), kNcaProtocolError);
   }
   {  // A request above the size cap faults once its last fragment has arrived; a continuation
      // fragment of no call closes the connection.
@@ -422,11 +424,7 @@ TEST_F(DcerpcTest, HostileStreamsAreRefusedAndTheServerCarriesOn) {
     EncodeRequestFragments(2, 0, kEcho, std::nullopt, Pattern(kMaxRequestStub + 1, 0),
                            kMaxFragmentSize, request);
     raw.Send(request);
-    auto reply = raw.ReadPdu();
-    ASSERT_TRUE(reply);
-    auto header = ParseHeader(*reply);
-    ASSERT_TRUE(header && header->type == PduType::kFault);
-    EXPECT_EQ(ParseResponse(*header, *reply)->status, kNcaFaultRemoteNoMemory);
+    EXPECT_EQ(raw.ReadFault(), kNcaFaultRemoteNoMemory);
     request.clear();
     EncodeRequestFragments(5, 0, kEcho, std::nullopt, Pattern(16, 0), kMaxFragmentSize, request);
     request[3] = kPfcLastFrag;
