@@ -5,8 +5,8 @@
 #include <benchmark/benchmark.h>
 
 #include "commands/tcsip_keyless.h"
+#include "contexts/contexts.h"
 #include "embedded_tpm.h"
-#include "rpc/contexts.h"
 
 namespace kesttcs {
 namespace {

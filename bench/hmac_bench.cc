@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "commands/sha1.h"
+#include "tpm12/sha1.h"
 
 namespace kesttcs {
 namespace {

@@ -4,7 +4,7 @@
 #include <array>
 #include <cstring>
 
-#include "commands/marshal.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 namespace {

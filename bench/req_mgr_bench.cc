@@ -9,9 +9,9 @@
 
 #include <array>
 
-#include "commands/marshal.h"
 #include "embedded_tpm.h"
 #include "tpm/req_mgr.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 namespace {

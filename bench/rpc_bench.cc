@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "commands/tpm_metrics.h"
-#include "rpc/contexts.h"
+#include "contexts/contexts.h"
 #include "rpc/rpc_service.h"
 #include "tpm/driver.h"
 #include "tpm/req_mgr.h"

@@ -9,11 +9,11 @@
 #include <type_traits>
 #include <utility>
 
+#include <kesttcs/tcs_results.h>
 #include <kesttcs/tcs_types.h>
 
 #include "rpc/c_layout.h"
 #include "rpc/operations.h"
-#include "rpc/result_codes.h"
 #include "rpc/stubs.h"
 
 namespace kesttcs::client {

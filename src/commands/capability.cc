@@ -3,11 +3,12 @@
 #include <array>
 #include <optional>
 
+#include <kesttcs/tcs_results.h>
+
 #include "commands/command_exchange.h"
-#include "commands/marshal.h"
-#include "rpc/contexts.h"
-#include "rpc/result_codes.h"
-#include "tpm/tpm_ordinals.h"
+#include "contexts/contexts.h"
+#include "tpm12/marshal.h"
+#include "tpm12/tpm_ordinals.h"
 
 namespace kesttcs {
 

@@ -6,34 +6,10 @@
 #include <span>
 #include <vector>
 
+#include <kesttcs/tcs_capabilities.h>
 #include <kesttcs/tcs_types.h>
 
 namespace kesttcs {
-
-// TCS capability areas and the sub-capabilities the service answers.
-inline constexpr TPM_CAPABILITY_AREA TSS_TCSCAP_ALG = 1;
-inline constexpr TPM_CAPABILITY_AREA TSS_TCSCAP_VERSION = 2;
-inline constexpr TPM_CAPABILITY_AREA TSS_TCSCAP_CACHING = 3;
-inline constexpr TPM_CAPABILITY_AREA TSS_TCSCAP_PERSSTORAGE = 4;
-inline constexpr TPM_CAPABILITY_AREA TSS_TCSCAP_MANUFACTURER = 5;
-inline constexpr TPM_CAPABILITY_AREA TSS_TCSCAP_PLATFORM_CLASS = 6;
-inline constexpr UINT32 TSS_TCSCAP_PROP_KEYCACHE = 0x100;
-inline constexpr UINT32 TSS_TCSCAP_PROP_AUTHCACHE = 0x101;
-inline constexpr UINT32 TSS_TCSCAP_PROP_MANUFACTURER_ID = 0x102;
-inline constexpr UINT32 TSS_TCSCAP_PROP_MANUFACTURER_STR = 0x103;
-
-// TPM capability areas and properties the service reads.
-inline constexpr TPM_CAPABILITY_AREA TPM_CAP_ORD = 1;
-inline constexpr TPM_CAPABILITY_AREA TPM_CAP_PROPERTY = 5;
-inline constexpr TPM_CAPABILITY_AREA TPM_CAP_VERSION = 6;
-inline constexpr TPM_CAPABILITY_AREA TPM_CAP_KEY_HANDLE = 7;
-inline constexpr TPM_CAPABILITY_AREA TPM_CAP_VERSION_VAL = 0x1A;
-inline constexpr UINT32 TPM_CAP_PROP_PCR = 0x101;
-inline constexpr UINT32 TPM_CAP_PROP_DIR = 0x102;
-inline constexpr UINT32 TPM_CAP_PROP_MANUFACTURER = 0x103;
-inline constexpr UINT32 TPM_CAP_PROP_KEYS = 0x104;
-inline constexpr UINT32 TPM_CAP_PROP_MAX_AUTHSESS = 0x10D;
-inline constexpr UINT32 TPM_CAP_PROP_OWNER = 0x111;
 
 // Answers a TCS capability query from fixed values, in a new block of the context's memory:
 //   TSS_TCSCAP_ALG (sub-capability: a TSS algorithm id) one byte, 1 for the algorithms the service

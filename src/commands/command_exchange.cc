@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "rpc/context_memory.h"
-#include "rpc/contexts.h"
+#include "contexts/context_memory.h"
+#include "contexts/contexts.h"
 #include "tpm/req_mgr.h"
 
 namespace kesttcs {

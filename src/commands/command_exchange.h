@@ -15,10 +15,10 @@
 #include <array>
 #include <span>
 
+#include <kesttcs/tcs_results.h>
 #include <kesttcs/tcs_types.h>
 
-#include "commands/marshal.h"
-#include "rpc/result_codes.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 

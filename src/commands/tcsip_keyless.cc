@@ -2,10 +2,11 @@
 
 #include <span>
 
+#include <kesttcs/tcs_results.h>
+
 #include "commands/command_exchange.h"
-#include "commands/marshal.h"
-#include "rpc/result_codes.h"
-#include "tpm/tpm_ordinals.h"
+#include "tpm12/marshal.h"
+#include "tpm12/tpm_ordinals.h"
 
 namespace kesttcs {
 

@@ -15,7 +15,7 @@
 
 #include <kesttcs/tcs_types.h>
 
-#include "commands/tpm_structures.h"
+#include "tpm12/tpm_structures.h"
 
 namespace kesttcs {
 

@@ -5,14 +5,15 @@
 #include <optional>
 #include <vector>
 
+#include <kesttcs/tcs_results.h>
+
 #include "base/mutex.h"
 #include "commands/capability.h"
 #include "commands/command_exchange.h"
-#include "rpc/contexts.h"
-#include "rpc/result_codes.h"
+#include "contexts/contexts.h"
 #include "tpm/req_mgr.h"
 #include "tpm/tpm_cmds.h"
-#include "tpm/tpm_ordinals.h"
+#include "tpm12/tpm_ordinals.h"
 
 namespace kesttcs {
 

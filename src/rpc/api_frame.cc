@@ -6,8 +6,9 @@
 #include <string_view>
 #include <vector>
 
-#include "rpc/result_codes.h"
-#include "service/logging.h"
+#include <kesttcs/tcs_results.h>
+
+#include "base/logging.h"
 
 namespace kesttcs {
 namespace {

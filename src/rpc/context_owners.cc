@@ -7,8 +7,8 @@
 #include <unordered_map>
 
 #include "base/mutex.h"
+#include "contexts/contexts.h"
 #include "rpc/api_frame.h"
-#include "rpc/contexts.h"
 
 namespace kesttcs {
 namespace {

@@ -8,14 +8,15 @@
 #include <type_traits>
 #include <utility>
 
+#include <kesttcs/tcs_results.h>
+
 #include "commands/capability.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/vendor_commands.h"
+#include "contexts/context_memory.h"
+#include "contexts/contexts.h"
 #include "rpc/c_layout.h"
-#include "rpc/context_memory.h"
-#include "rpc/contexts.h"
 #include "rpc/operations.h"
-#include "rpc/result_codes.h"
 
 namespace kesttcs {
 namespace {

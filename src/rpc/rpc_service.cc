@@ -7,13 +7,14 @@
 #include <memory>
 #include <optional>
 
+#include <kesttcs/tcs_results.h>
+
 #include "base/mutex.h"
 #include "rpc/api_frame.h"
 #include "rpc/context_owners.h"
 #include "rpc/dcerpc/server.h"
 #include "rpc/internal_calls.h"
 #include "rpc/operations.h"
-#include "rpc/result_codes.h"
 #include "rpc/rpc_dispatch.h"
 #include "rpc/stubs.h"
 

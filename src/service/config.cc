@@ -12,7 +12,7 @@
 #include <string_view>
 #include <utility>
 
-#include "service/logging.h"
+#include "base/logging.h"
 #include "tpm/backend_config.h"
 
 namespace kesttcs {

@@ -5,9 +5,10 @@
 #include <memory>
 #include <utility>
 
+#include <kesttcs/tcs_results.h>
+
+#include "base/logging.h"
 #include "base/mutex.h"
-#include "rpc/result_codes.h"
-#include "service/logging.h"
 
 namespace kesttcs {
 namespace {

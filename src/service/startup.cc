@@ -8,11 +8,12 @@
 #include <cstdlib>
 #include <ctime>
 
+#include <kesttcs/tcs_results.h>
+
+#include "base/logging.h"
 #include "commands/tpm_metrics.h"
-#include "rpc/contexts.h"
-#include "rpc/result_codes.h"
+#include "contexts/contexts.h"
 #include "rpc/rpc_service.h"
-#include "service/logging.h"
 #include "service/service_status.h"
 #include "tpm/driver.h"
 #include "tpm/req_mgr.h"

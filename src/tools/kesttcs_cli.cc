@@ -13,8 +13,8 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include "commands/capability.h"
-#include "rpc/result_codes.h"
+#include <kesttcs/tcs_capabilities.h>
+#include <kesttcs/tcs_results.h>
 #include "tools/cli_format.h"
 #include "tools/tcs_connection.h"
 

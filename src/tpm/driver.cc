@@ -2,9 +2,9 @@
 
 #include <atomic>
 
+#include "base/logging.h"
 #include "base/mutex.h"
-#include "commands/marshal.h"
-#include "service/logging.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 

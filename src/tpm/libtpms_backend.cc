@@ -20,10 +20,10 @@
 #include <libtpms/tpm_memory.h>
 #include <libtpms/tpm_nvfilename.h>
 
-#include "commands/marshal.h"
 #include "tpm/backends.h"
 #include "tpm/fd_io.h"
 #include "tpm/tpm_bytes.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 

@@ -7,13 +7,13 @@
 #include <mutex>
 #include <thread>
 
+#include "base/logging.h"
 #include "base/mutex.h"
-#include "commands/marshal.h"
-#include "service/logging.h"
 #include "tpm/driver.h"
 #include "tpm/tpm_backend.h"
 #include "tpm/tpm_bytes.h"
 #include "tpm/tpm_cmds.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 

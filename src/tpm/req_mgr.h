@@ -28,10 +28,10 @@
 #include <chrono>
 #include <span>
 
+#include <kesttcs/tcs_results.h>
 #include <kesttcs/tcs_types.h>
 
-#include "rpc/result_codes.h"
-#include "tpm/tpm_ordinals.h"
+#include "tpm12/tpm_ordinals.h"
 
 namespace kesttcs {
 

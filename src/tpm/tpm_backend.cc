@@ -7,10 +7,10 @@
 #include <array>
 #include <cstdio>
 
-#include "commands/marshal.h"
 #include "tpm/backend_config.h"
 #include "tpm/backends.h"
 #include "tpm/tpm_bytes.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 

@@ -26,7 +26,7 @@
 
 #include <kesttcs/tcs_types.h>
 
-#include "rpc/result_codes.h"
+#include <kesttcs/tcs_results.h>
 
 namespace kesttcs {
 

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <span>
 
-#include "commands/marshal.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 

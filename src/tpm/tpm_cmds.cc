@@ -3,10 +3,10 @@
 #include <array>
 #include <atomic>
 
-#include "commands/marshal.h"
-#include "service/logging.h"
+#include "base/logging.h"
 #include "tpm/req_mgr.h"
 #include "tpm/tpm_backend.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 

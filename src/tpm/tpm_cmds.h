@@ -3,10 +3,10 @@
 // 4096-byte buffer and sends it with transmit_timed; the caller holds the TPM lock (LockTPM).
 #pragma once
 
+#include <kesttcs/tcs_results.h>
 #include <kesttcs/tcs_types.h>
 
-#include "rpc/result_codes.h"
-#include "tpm/tpm_ordinals.h"
+#include "tpm12/tpm_ordinals.h"
 
 namespace kesttcs {
 

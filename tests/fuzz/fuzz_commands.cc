@@ -8,13 +8,13 @@
 #include <memory>
 #include <span>
 
+#include "base/logging.h"
 #include "commands/capability.h"
-#include "commands/key_eviction.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tpm_metrics.h"
 #include "commands/vendor_commands.h"
-#include "rpc/contexts.h"
-#include "service/logging.h"
+#include "contexts/contexts.h"
+#include "keys/key_eviction.h"
 #include "tpm/driver.h"
 #include "tpm/fake_tpm_backend.h"
 #include "tpm/req_mgr.h"

@@ -8,7 +8,7 @@
 #include <span>
 #include <vector>
 
-#include "commands/marshal.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 namespace {

@@ -7,10 +7,10 @@
 #include <memory>
 #include <span>
 
-#include "commands/marshal.h"
 #include "tpm/driver.h"
 #include "tpm/fake_tpm_backend.h"
 #include "tpm/req_mgr.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 namespace {

@@ -14,16 +14,16 @@
 #include <string>
 #include <vector>
 
+#include "base/logging.h"
 #include "commands/capability.h"
-#include "commands/marshal.h"
-#include "commands/sha1.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tpm_metrics.h"
-#include "rpc/context_memory.h"
-#include "rpc/contexts.h"
-#include "service/logging.h"
+#include "contexts/context_memory.h"
+#include "contexts/contexts.h"
 #include "tpm/driver.h"
 #include "tpm/req_mgr.h"
+#include "tpm12/marshal.h"
+#include "tpm12/sha1.h"
 
 namespace kesttcs::testing {
 

@@ -7,10 +7,10 @@
 #include <thread>
 #include <vector>
 
-#include "commands/marshal.h"
 #include "swtpm_process.h"
 #include "tpm/driver.h"
 #include "tpm/req_mgr.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 namespace {

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <kesttcs/tcs_client.h>
+#include <kesttcs/tcs_results.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -21,22 +22,21 @@
 #include <thread>
 #include <vector>
 
-#include "commands/sha1.h"
+#include "base/logging.h"
 #include "commands/tpm_metrics.h"
+#include "contexts/context_memory.h"
+#include "contexts/contexts.h"
 #include "impacket_run.h"
 #include "rpc/api_frame.h"
-#include "rpc/context_memory.h"
 #include "rpc/context_owners.h"
-#include "rpc/contexts.h"
 #include "rpc/dcerpc/client.h"
-#include "rpc/result_codes.h"
 #include "rpc/rpc_dispatch.h"
 #include "rpc/rpc_service.h"
 #include "rpc/stubs.h"
-#include "service/logging.h"
 #include "swtpm_process.h"
 #include "tpm/driver.h"
 #include "tpm/req_mgr.h"
+#include "tpm12/sha1.h"
 
 namespace kesttcs::testing {
 namespace {

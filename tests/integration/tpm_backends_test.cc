@@ -7,12 +7,12 @@
 #include <cstdlib>
 #include <vector>
 
-#include "commands/marshal.h"
 #include "swtpm_process.h"
 #include "tpm/backends.h"
 #include "tpm/driver.h"
 #include "tpm/req_mgr.h"
 #include "tpm/tpm_backend.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 namespace {

@@ -15,9 +15,9 @@
 #include <thread>
 #include <vector>
 
+#include "base/logging.h"
 #include "service/host_paths.h"
 #include "service/linux/host.h"
-#include "service/logging.h"
 #include "service/service_status.h"
 
 extern char** environ;

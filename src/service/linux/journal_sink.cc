@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <string>
 
-#include "service/logging.h"
+#include "service/linux/journal_sink.h"
 
 namespace kesttcs {
 namespace {

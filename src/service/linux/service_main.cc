@@ -15,9 +15,11 @@
 #include <thread>
 #include <utility>
 
-#include "rpc/result_codes.h"
+#include <kesttcs/tcs_results.h>
+
+#include "base/logging.h"
 #include "service/linux/host.h"
-#include "service/logging.h"
+#include "service/linux/journal_sink.h"
 #include "service/service_status.h"
 #include "service/startup.h"
 
@@ -105,6 +107,7 @@ bool UnderJournal() {
 
 int ServiceMain() {
   SetTraceSink(UnderJournal() ? JournalTraceSink() : StderrTraceSink());
+  SetEventSink(SystemEventSink());
   WriteDebugLine("ServiceMain");
   SetServiceStatusSink(SdNotifyStatusSink());
   UINT32 serviceResult = 0;
@@ -121,6 +124,7 @@ int ServiceMain() {
 
 void CmdDebugService() {
   SetTraceSink(StderrTraceSink());
+  SetEventSink(SystemEventSink());
   StopSignalThread stopThread([] {
     std::printf("Stopping %s.\n", kServiceDisplayName);
     std::fflush(stdout);

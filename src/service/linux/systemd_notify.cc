@@ -5,7 +5,8 @@
 #include <cstring>
 #include <string>
 
-#include "rpc/result_codes.h"
+#include <kesttcs/tcs_results.h>
+
 #include "service/linux/host.h"
 
 namespace kesttcs::host {

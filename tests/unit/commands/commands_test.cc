@@ -11,19 +11,19 @@
 #include <string>
 #include <vector>
 
+#include "base/logging.h"
 #include "commands/capability.h"
-#include "commands/key_eviction.h"
-#include "commands/marshal.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tpm_metrics.h"
 #include "commands/vendor_commands.h"
-#include "rpc/context_memory.h"
-#include "rpc/contexts.h"
-#include "service/logging.h"
+#include "contexts/context_memory.h"
+#include "contexts/contexts.h"
+#include "keys/key_eviction.h"
 #include "tpm/driver.h"
 #include "tpm/fake_tpm_backend.h"
 #include "tpm/req_mgr.h"
 #include "tpm/tpm_cmds.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 namespace {
@@ -669,10 +669,12 @@ TEST_F(CommandsTest, TcsCapabilitiesAreAnsweredWithoutTheTpm) {
   EXPECT_EQ(rc, TSS_SUCCESS);
   EXPECT_EQ(ctx_CountMemoryBlocks(ctx_), 8u);
 
-  for (auto [area, sub] :
-       {std::pair{TSS_TCSCAP_CACHING, 0x102u}, std::pair{TSS_TCSCAP_ALG, 0x99u},
-        std::pair{TSS_TCSCAP_MANUFACTURER, 0x101u}, std::pair{TSS_TCSCAP_PLATFORM_CLASS, 0x101u},
-        std::pair{0u, 0u}, std::pair{7u, 0u}}) {
+  for (auto [area, sub] : {std::pair<UINT32, UINT32>{TSS_TCSCAP_CACHING, 0x102u},
+                           {TSS_TCSCAP_ALG, 0x99u},
+                           {TSS_TCSCAP_MANUFACTURER, 0x101u},
+                           {TSS_TCSCAP_PLATFORM_CLASS, 0x101u},
+                           {0u, 0u},
+                           {7u, 0u}}) {
     ask(area, sub, &rc);
     EXPECT_EQ(rc, TCS_E_FAIL) << area << "/" << sub;
   }

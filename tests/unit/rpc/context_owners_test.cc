@@ -5,7 +5,7 @@
 #include <chrono>
 #include <future>
 
-#include "rpc/contexts.h"
+#include "contexts/contexts.h"
 
 namespace kesttcs {
 namespace {

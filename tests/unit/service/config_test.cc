@@ -10,7 +10,7 @@
 #include <tuple>
 #include <vector>
 
-#include "service/logging.h"
+#include "base/logging.h"
 
 namespace kesttcs {
 namespace {

@@ -7,8 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/logging.h"
 #include "service/linux/host.h"
-#include "service/logging.h"
 #include "service/service_status.h"
 #include "service/startup.h"
 

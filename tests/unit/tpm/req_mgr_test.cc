@@ -12,11 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "commands/marshal.h"
-#include "service/logging.h"
+#include "base/logging.h"
 #include "tpm/driver.h"
 #include "tpm/fake_tpm_backend.h"
 #include "tpm/tpm_cmds.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 namespace {

@@ -1,5 +1,5 @@
 // Trace lines, the hourly TPM traffic file, service events and the time strings they use.
-#include "service/logging.h"
+#include "base/logging.h"
 
 #include <atomic>
 #include <cstdarg>
@@ -9,8 +9,9 @@
 #include <set>
 #include <utility>
 
+#include <kesttcs/tcs_results.h>
+
 #include "base/mutex.h"
-#include "rpc/result_codes.h"
 
 namespace kesttcs {
 namespace {
@@ -29,6 +30,19 @@ std::shared_ptr<const LocalTimeSource> g_time_source GUARDED_BY(g_mu);
 std::string g_traffic_directory GUARDED_BY(g_mu);
 // Traffic files that already failed to open; each is reported once.
 std::set<std::string> g_failed_traffic_files GUARDED_BY(g_mu);
+
+// Without a host's event log (unit tests, tools) an event is one line on stderr.
+void StderrEventSink(const ServiceEvent& event) {
+  std::string line = "KestTCS event 0x";
+  char code[9];
+  std::snprintf(code, sizeof(code), "%.8X", event.eventCode);
+  line += code;
+  for (size_t i = 0; i < event.strings.size(); ++i) {
+    line += (i == 0 ? ": " : "; ") + event.strings[i];
+  }
+  line += '\n';
+  std::fwrite(line.data(), 1, line.size(), stderr);
+}
 
 std::shared_ptr<const TraceSink> CurrentTraceSink() {
   MutexLock lock(g_mu);
@@ -266,7 +280,7 @@ void ReportServiceEvent(UINT32 eventCode, UINT16 category, UINT16 stringCount,
   if (sink) {
     (*sink)(event);
   } else {
-    SystemEventSink()(event);
+    StderrEventSink(event);
   }
 }
 

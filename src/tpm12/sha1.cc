@@ -1,4 +1,4 @@
-#include "commands/sha1.h"
+#include "tpm12/sha1.h"
 
 #include <algorithm>
 #include <bit>
@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "commands/marshal.h"
+#include "tpm12/marshal.h"
 
 namespace kesttcs {
 namespace {

@@ -1,5 +1,5 @@
 // SHA-1, HMAC-SHA-1 and MGF1 against the RFC 2202 vectors and against OpenSSL on random inputs.
-#include "commands/sha1.h"
+#include "tpm12/sha1.h"
 
 #include <openssl/evp.h>
 #include <openssl/hmac.h>

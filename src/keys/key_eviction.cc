@@ -1,4 +1,4 @@
-#include "commands/key_eviction.h"
+#include "keys/key_eviction.h"
 
 #include "tpm/req_mgr.h"
 #include "tpm/tpm_cmds.h"

@@ -32,9 +32,6 @@ using TraceSink = std::function<void(std::string_view line)>;
 void SetTraceSink(TraceSink sink);
 // Sink writing each line to stderr (the default, and the host's choice in -debug).
 TraceSink StderrTraceSink();
-// Sink writing each line to the journal at debug priority under the identifier "KestTCS", or to
-// stderr when the journal refuses it (the host's choice when running as a service).
-TraceSink JournalTraceSink();
 
 // Writes "TCS:<text>\n", or "TCS:<text> result = 0x%.8x\n" when pResult is not null, to the trace
 // sink while needLog is on. A null text does nothing. A line that would not fit 256 bytes (with its
@@ -102,14 +99,9 @@ struct ServiceEvent {
   std::vector<std::string> strings;
 };
 using EventSink = std::function<void(const ServiceEvent& event)>;
-// Installs the event sink; an empty function restores the default (the journal, else syslog).
+// Installs the event sink; an empty function restores the default, one line on stderr. The host
+// installs its system event log at start.
 void SetEventSink(EventSink sink);
-// The default sink: one journal entry with SYSLOG_IDENTIFIER=KestTCS, PRIORITY from the type (error
-// LOG_ERR, warning LOG_WARNING, information LOG_INFO, success LOG_NOTICE), MESSAGE the strings
-// joined by "; ", and the fields KESTTCS_EVENT_CODE and KESTTCS_EVENT_CATEGORY. Without a journal
-// (no /run/systemd/journal/socket) one syslog(3) message under the ident "KestTCS". When the
-// journal refuses the entry, "Could not report the event." goes to the trace sink.
-EventSink SystemEventSink();
 
 // Writes one entry to the event log under the identifier "KestTCS", whatever needLog says. Null
 // entries of `strings` count as empty strings; a null `strings` as none.

@@ -1,6 +1,6 @@
 // Byte-exact fixtures for every marshalled structure, the header and auth trailers, the designed
 // quirks (masked key flags, zero sizes, delegate blobs) and rejection of short or lying input.
-#include "commands/marshal.h"
+#include "tpm12/marshal.h"
 
 #include <gtest/gtest.h>
 

@@ -16,7 +16,7 @@
 
 #include <kesttcs/tcs_types.h>
 
-#include "rpc/context_memory.h"
+#include "contexts/context_memory.h"
 
 namespace kesttcs {
 

@@ -1,7 +1,7 @@
 // Blob marshalling. Each structure's wire layout is written once, as a list of its fields in wire
 // order (FieldsOf below); the same list drives marshalling and unmarshalling, so the two directions
 // cannot drift apart. Sized parts and the masked key flags are expressed by small wrapper types.
-#include "commands/marshal.h"
+#include "tpm12/marshal.h"
 
 #include <algorithm>
 #include <atomic>

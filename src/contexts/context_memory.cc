@@ -1,4 +1,4 @@
-#include "rpc/context_memory.h"
+#include "contexts/context_memory.h"
 
 #include <algorithm>
 #include <memory>
@@ -6,8 +6,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include <kesttcs/tcs_results.h>
+
 #include "base/mutex.h"
-#include "rpc/result_codes.h"
 
 namespace kesttcs {
 namespace {

@@ -1,4 +1,4 @@
-#include "rpc/result_codes.h"
+#include <kesttcs/tcs_results.h>
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "service/logging.h"
+#include "base/logging.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "rpc/result_codes.h"
+#include <kesttcs/tcs_results.h>
 
 namespace kesttcs {
 namespace {
@@ -115,7 +115,7 @@ TEST_F(LoggingTest, TrafficRecordsMatchTheFixture) {
   const fs::path file = dir_ / "LogTransDataWithTpm2007-05-14-09.txt";
   ASSERT_EQ(TrafficLogFileName(), file.string());
   EXPECT_EQ(ReadFile(file),
-            ReadFile(fs::path(KESTTCS_SOURCE_DIR) / "tests/unit/service/testdata/traffic_log.txt"));
+            ReadFile(fs::path(KESTTCS_SOURCE_DIR) / "tests/unit/base/testdata/traffic_log.txt"));
   EXPECT_TRUE(events_.empty());
 }
 

@@ -1,6 +1,6 @@
 // Client contexts: handle generation, validation, key references, close order, per-context memory,
 // and concurrent use.
-#include "rpc/contexts.h"
+#include "contexts/contexts.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,8 +16,9 @@
 #include <thread>
 #include <vector>
 
-#include "rpc/result_codes.h"
-#include "service/logging.h"
+#include <kesttcs/tcs_results.h>
+
+#include "base/logging.h"
 
 namespace kesttcs {
 namespace {

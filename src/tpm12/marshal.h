@@ -14,14 +14,14 @@
 // mapping is the only module state (an atomic setting).
 #pragma once
 
+#include <kesttcs/tcs_results.h>
 #include <kesttcs/tcs_types.h>
 
 #include <cstddef>
 #include <span>
 #include <vector>
 
-#include "commands/tpm_structures.h"
-#include "rpc/result_codes.h"
+#include "tpm12/tpm_structures.h"
 
 namespace kesttcs {
 

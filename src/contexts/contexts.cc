@@ -1,4 +1,4 @@
-#include "rpc/contexts.h"
+#include "contexts/contexts.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -7,9 +7,10 @@
 #include <new>
 #include <vector>
 
+#include <kesttcs/tcs_results.h>
+
+#include "base/logging.h"
 #include "base/mutex.h"
-#include "rpc/result_codes.h"
-#include "service/logging.h"
 
 namespace kesttcs {
 namespace {
