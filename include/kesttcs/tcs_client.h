@@ -34,34 +34,6 @@ extern "C" {
 
 #define KESTTCS_CLIENT_API __attribute__((visibility("default")))
 
-/* Types of the interface beyond <kesttcs/tcs_types.h>. */
-typedef UINT32 TSS_NV_INDEX;
-typedef UINT32 TSS_COUNTER_ID;
-typedef UINT32 TSS_CMK_DELEGATE;
-typedef UINT32 TPM_MODIFIER_INDICATOR;
-typedef UINT32 TPM_FAMILY_ID;
-typedef UINT32 TPM_FAMILY_OPERATION;
-typedef UINT32 TPM_DELEGATE_INDEX;
-typedef UINT32 TPM_REDIR_COMMAND;
-typedef UINT32 TPM_ACTUAL_COUNT;
-typedef UINT16 TPM_MIGRATE_SCHEME;
-typedef UINT16 TPM_PHYSICAL_PRESENCE;
-typedef TPM_DIGEST TPM_DIRVALUE;
-typedef TPM_DIGEST TPM_HMAC;
-typedef TPM_DIGEST TPM_CHOSENID_HASH;
-
-typedef struct tdTPM_COUNTER_VALUE {
-  TPM_STRUCTURE_TAG tag;
-  BYTE label[4];
-  TPM_ACTUAL_COUNT counter;
-} TPM_COUNTER_VALUE;
-
-typedef struct tdTPM_CMK_AUTH {
-  TPM_DIGEST migrationAuthorityDigest;
-  TPM_DIGEST destinationKeyDigest;
-  TPM_DIGEST sourceKeyDigest;
-} TPM_CMK_AUTH;
-
 /* Results of this library besides the service's own. */
 #define TCS_CLIENT_E_COMM_FAILURE ((TSS_RESULT)0xE0282011)
 #define TCS_CLIENT_E_BAD_PARAMETER ((TSS_RESULT)0xE0282003)

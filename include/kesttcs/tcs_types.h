@@ -118,6 +118,33 @@ typedef struct tdTCS_LOADKEY_INFO {
   TPM_AUTH authData;
 } TCS_LOADKEY_INFO;
 
+typedef UINT32 TSS_NV_INDEX;
+typedef UINT32 TSS_COUNTER_ID;
+typedef UINT32 TSS_CMK_DELEGATE;
+typedef UINT32 TPM_MODIFIER_INDICATOR;
+typedef UINT32 TPM_FAMILY_ID;
+typedef UINT32 TPM_FAMILY_OPERATION;
+typedef UINT32 TPM_DELEGATE_INDEX;
+typedef UINT32 TPM_REDIR_COMMAND;
+typedef UINT32 TPM_ACTUAL_COUNT;
+typedef UINT16 TPM_MIGRATE_SCHEME;
+typedef UINT16 TPM_PHYSICAL_PRESENCE;
+typedef TPM_DIGEST TPM_DIRVALUE;
+typedef TPM_DIGEST TPM_HMAC;
+typedef TPM_DIGEST TPM_CHOSENID_HASH;
+
+typedef struct tdTPM_COUNTER_VALUE {
+  TPM_STRUCTURE_TAG tag;
+  BYTE label[4];
+  TPM_ACTUAL_COUNT counter;
+} TPM_COUNTER_VALUE;
+
+typedef struct tdTPM_CMK_AUTH {
+  TPM_DIGEST migrationAuthorityDigest;
+  TPM_DIGEST destinationKeyDigest;
+  TPM_DIGEST sourceKeyDigest;
+} TPM_CMK_AUTH;
+
 #ifdef __cplusplus
 }
 #endif

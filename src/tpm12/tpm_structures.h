@@ -138,12 +138,6 @@ struct TPM_CURRENT_TICKS {
   TPM_NONCE tickNonce{};
 };
 
-struct TPM_COUNTER_VALUE {
-  TPM_STRUCTURE_TAG tag = 0;
-  std::array<BYTE, 4> label{};
-  UINT32 counter = 0;
-};
-
 struct TPM_NV_ATTRIBUTES {
   TPM_STRUCTURE_TAG tag = 0;
   UINT32 attributes = 0;

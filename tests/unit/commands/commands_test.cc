@@ -273,7 +273,7 @@ TEST_F(CommandsTest, OutputsAreCopiedOnlyWhenTheWholeResponseIsThere) {
   ASSERT_EQ(Tcsip_ReadCounter_Internal(ctx_, 3, &counter), TSS_SUCCESS);
   EXPECT_EQ(counter.tag, 0x0E);
   EXPECT_EQ(counter.counter, 42u);
-  EXPECT_EQ(std::memcmp(counter.label.data(), "abcd", 4), 0);
+  EXPECT_EQ(std::memcmp(counter.label, "abcd", 4), 0);
 }
 
 TEST_F(CommandsTest, SizeBoundsAndPointersAreCheckedBeforeSending) {
