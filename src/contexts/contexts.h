@@ -1,6 +1,6 @@
 // Client contexts: the list of open contexts and their handles, handle validation for every
 // operation, the TPM keys each context references, and the teardown of a context. The memory handed
-// out to contexts lives in rpc/context_memory.h.
+// out to contexts lives in contexts/context_memory.h.
 //
 // The module's state is created by ctx_init and destroyed by ctx_final; no other function may run
 // concurrently with either.
