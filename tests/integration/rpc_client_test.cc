@@ -463,10 +463,10 @@ TEST_F(RpcClientTest, FaultsAndServiceGone) {
   ASSERT_EQ(raw.ConnectUnix(socket_), dcerpc::kRpcOk);
   ASSERT_EQ(raw.Bind(rpc::TcsInterfaceSyntax()), dcerpc::kRpcOk);
   std::vector<uint8_t> out;
-  EXPECT_EQ(raw.Call(126, {}, out), dcerpc::kNcaOpRangeError);
+  EXPECT_EQ(raw.Call(rpc::kOperationCount, {}, out), dcerpc::kNcaOpRangeError);
   const std::vector<uint8_t> garbage = {1, 2, 3};
-  EXPECT_EQ(raw.Call(6, garbage, out), dcerpc::kRpcBadStubData);
-  ASSERT_EQ(raw.Call(124, garbage, out), dcerpc::kRpcOk);
+  EXPECT_EQ(raw.Call(rpc::OpnumOf("Tcsi_GetCapability"), garbage, out), dcerpc::kRpcBadStubData);
+  ASSERT_EQ(raw.Call(rpc::OpnumOf("Tcsi_Reserved124"), garbage, out), dcerpc::kRpcOk);
   EXPECT_EQ(out, (std::vector<uint8_t>{0x06, 0x20, 0x28, 0xE0}));
 
   // The service stops while the host waits for the end of listening, and the stop path goes on
