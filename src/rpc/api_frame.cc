@@ -230,18 +230,19 @@ void TraceResult(const OperationTexts& t, const CallFrame& frame, TSS_RESULT res
   Trace(t.extra, frame, result);
 }
 
+template <typename Call>
+TSS_RESULT CallUnderApiLock(const Call& call) {
+  MutexLock lock(ApiSerialisationLock());
+  return call();
+}
+
 // The frame's trace lines around the internal call, and the API lock around the call alone when
 // the frame takes it there.
 TSS_RESULT TracedCall(const Operation& op, const OperationTexts& t, const CallFrame& frame,
                       const std::function<TSS_RESULT()>& internal) {
   if (op.frame.start_line) TraceStart(op, t, frame);
-  TSS_RESULT result = TCS_E_NOTIMPL;
-  if (op.frame.lock == rpc::ApiLock::kAroundCall) {
-    MutexLock lock(ApiSerialisationLock());
-    result = internal();
-  } else {
-    result = internal();
-  }
+  const TSS_RESULT result =
+      op.frame.lock == rpc::ApiLock::kAroundCall ? CallUnderApiLock(internal) : internal();
   if (op.frame.result_line) TraceResult(t, frame, result);
   return result;
 }
@@ -259,11 +260,7 @@ TSS_RESULT RunApiFrame(const Operation& op, const CallFrame& frame,
   if (!f.has_handler) return TCS_E_NOTIMPL;
   const OperationTexts& t = AllTexts()[op.opnum];
   if (f.lock != rpc::ApiLock::kAcrossTraceLines) return TracedCall(op, t, frame, internal);
-  TSS_RESULT result = TCS_E_NOTIMPL;
-  {
-    MutexLock lock(ApiSerialisationLock());
-    result = TracedCall(op, t, frame, internal);
-  }
+  const TSS_RESULT result = CallUnderApiLock([&] { return TracedCall(op, t, frame, internal); });
   if (NeedLog()) TcsTrace(kUnlockText, nullptr);
   return result;
 }
