@@ -221,13 +221,17 @@ constexpr const WireType* FindWireType(std::string_view name) {
 }
 
 // What a parameter of type `name` is, or nullopt for an undeclared type or one that cannot be a
-// parameter.
+// parameter. (Walks the declarations by name, not by pointer: GCC's undefined-behaviour checks do
+// not let a constant expression compare a pointer with null.)
 constexpr std::optional<Kind> ParamKindOf(std::string_view name) {
-  const WireType* type = FindWireType(name);
-  while (type != nullptr && !type->kind && !type->alias_of.empty()) {
-    type = FindWireType(type->alias_of);
+  for (const TypeGroup& group : kInterfaceTypes) {
+    for (const WireType& type : group.types) {
+      if (type.name != name) continue;
+      if (type.kind || type.alias_of.empty()) return type.kind;
+      return ParamKindOf(type.alias_of);
+    }
   }
-  return type != nullptr ? type->kind : std::nullopt;
+  return std::nullopt;
 }
 
 }  // namespace kesttcs::rpc

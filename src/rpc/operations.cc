@@ -100,4 +100,12 @@ consteval bool TableIsValid() {
 static_assert(TableIsValid());
 
 }  // namespace
+
+const Operation* FindOperation(std::string_view name) {
+  for (const Operation& op : kOperations) {
+    if (op.name == name) return &op;
+  }
+  return nullptr;
+}
+
 }  // namespace kesttcs::rpc

@@ -1147,6 +1147,10 @@ inline constexpr Param kTcsi_Reserved125[] = {
 };
 
 // clang-format on
+
+inline constexpr std::string_view kReservedNote =
+    "Reserved: answers \"not implemented\" without looking at hContext.";
+
 }  // namespace detail
 
 // By opnum: {opnum, name, frame, TPM ordinal, parameters, note, trace style}.
@@ -1424,11 +1428,11 @@ inline constexpr std::array<Operation, kOperationCount> kOperations = {{
     {122, "Tcsip_ResetLockValue", kResultTraced, Sends<&TPM_ORD_ResetLockValue>(),
      detail::kTcsip_ResetLockValue},
     {123, "Tcsi_Reserved123", kNoHandler, kNoOrdinal, detail::kTcsi_Reserved123,
-     "Reserved: answers \"not implemented\" without looking at hContext."},
+     detail::kReservedNote},
     {124, "Tcsi_Reserved124", kNoHandler, kNoOrdinal, detail::kTcsi_Reserved124,
-     "Reserved: answers \"not implemented\" without looking at hContext."},
+     detail::kReservedNote},
     {125, "Tcsi_Reserved125", kNoHandler, kNoOrdinal, detail::kTcsi_Reserved125,
-     "Reserved: answers \"not implemented\" without looking at hContext."},
+     detail::kReservedNote},
 }};
 
 // The index of the size parameter of `op.params[index]` (kArray, kArrayPtr), or nullopt when the
@@ -1448,12 +1452,7 @@ constexpr const Operation* FindOperation(uint32_t opnum) {
 }
 
 // The operation with this name, or null.
-constexpr const Operation* FindOperation(std::string_view name) {
-  for (const Operation& op : kOperations) {
-    if (op.name == name) return &op;
-  }
-  return nullptr;
-}
+const Operation* FindOperation(std::string_view name);
 
 namespace detail {
 // Deliberately not constexpr: reaching it in OpnumOf stops the compilation.
@@ -1463,9 +1462,11 @@ void NoOperationHasThisName();
 // The opnum of the operation called `name`, the way code names an operation; a name the table does
 // not have does not compile.
 consteval uint16_t OpnumOf(std::string_view name) {
-  const Operation* op = FindOperation(name);
-  if (op == nullptr) detail::NoOperationHasThisName();
-  return op != nullptr ? op->opnum : 0;
+  for (const Operation& op : kOperations) {
+    if (op.name == name) return op.opnum;
+  }
+  detail::NoOperationHasThisName();
+  return 0;
 }
 
 }  // namespace kesttcs::rpc

@@ -347,7 +347,7 @@ TEST(StubsTest, InconsistentOrHostileDataIsRefused) {
   good.SetOutput(6, Bytes{5});
   const Bytes request = Request(good);
   // hContext(4) keyHandle(4) encAuth(20) pcrInfoSize at 28, its conformance at 32.
-  auto refused = [&](Bytes stub) {
+  auto refused = [&seal](Bytes stub) {
     CallFrame frame(seal);
     NdrReader reader(stub);
     return !UnmarshalRequest(reader, frame);
