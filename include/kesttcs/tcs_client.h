@@ -60,9 +60,10 @@ KESTTCS_CLIENT_API void Tcs_FreeBuffer(void* buffer);
  * NULL, every buffer handed out under hContext, then asks the service, which checks the context:
  * returns 0 or TCS_E_INVALID_CONTEXT (the buffers are freed either way). */
 
-/* The generated section keeps the generator's layout. */
+/* The operations, written from the operation table (src/rpc/operations.h); the generated section
+ * keeps the generator's layout. */
 /* clang-format off */
-/* BEGIN GENERATED OPERATIONS (src/client/proxygen.cc) */
+/* BEGIN GENERATED OPERATIONS (kesttcs_ifgen) */
 
 /* opnum 0 */
 KESTTCS_CLIENT_API TSS_RESULT Tcsip_VendorCommand3(

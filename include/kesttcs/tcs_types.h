@@ -1,5 +1,6 @@
-/* Scalar types and the structures that cross the TCS interface. Shared by the service, the client
- * library and its users; plain C so that a service-provider layer written in C can include it. */
+/* Scalar types and the structures that cross the TCS interface, and the few other TPM types that
+ * the service and its clients share. Plain C so that a service-provider layer written in C can
+ * include it. */
 #ifndef KESTTCS_TCS_TYPES_H
 #define KESTTCS_TCS_TYPES_H
 
@@ -9,55 +10,69 @@
 extern "C" {
 #endif
 
+/* The interface's types, declared once in src/rpc/interface_types.h; the generated section keeps
+ * the generator's layout. */
+/* clang-format off */
+/* BEGIN GENERATED TYPES (kesttcs_ifgen) */
+
+/* Base types. */
 typedef uint8_t BYTE;
-typedef uint8_t TSS_BOOL;
 typedef uint16_t UINT16;
 typedef uint32_t UINT32;
 typedef uint64_t UINT64;
+typedef BYTE TSS_BOOL;
 
+/* 32-bit scalars. */
 typedef UINT32 TSS_RESULT;
 typedef UINT32 TCS_CONTEXT_HANDLE;
 typedef UINT32 TCS_KEY_HANDLE;
 typedef UINT32 TCS_AUTHHANDLE;
 typedef UINT32 TCS_HANDLE;
-typedef UINT32 TSS_FLAG;
 typedef UINT32 TSS_EVENTTYPE;
-typedef UINT32 TPM_RESULT;
-typedef UINT32 TPM_COMMAND_CODE;
+typedef UINT32 TSS_NV_INDEX;
+typedef UINT32 TSS_COUNTER_ID;
+typedef UINT32 TSS_CMK_DELEGATE;
 typedef UINT32 TPM_CAPABILITY_AREA;
-typedef UINT32 TPM_KEY_HANDLE;
-typedef UINT32 TPM_HANDLE;
+typedef UINT32 TPM_ALGORITHM_ID;
 typedef UINT32 TPM_PCRINDEX;
 typedef UINT32 TPM_DIRINDEX;
-typedef UINT16 TPM_TAG;
-typedef UINT16 TPM_STRUCTURE_TAG;
+typedef UINT32 TPM_HANDLE;
+typedef UINT32 TPM_COMMAND_CODE;
+typedef UINT32 TPM_RESULT;
+typedef UINT32 TPM_MODIFIER_INDICATOR;
+typedef UINT32 TPM_FAMILY_ID;
+typedef UINT32 TPM_FAMILY_OPERATION;
+typedef UINT32 TPM_DELEGATE_INDEX;
+typedef UINT32 TPM_REDIR_COMMAND;
+typedef UINT32 TPM_ACTUAL_COUNT;
+
+/* 16-bit scalars. */
 typedef UINT16 TPM_PROTOCOL_ID;
 typedef UINT16 TPM_ENTITY_TYPE;
-typedef UINT16 TPM_KEY_USAGE;
-typedef UINT32 TPM_KEY_FLAGS;
-typedef BYTE TPM_AUTH_DATA_USAGE;
-typedef UINT32 TPM_ALGORITHM_ID;
-typedef UINT16 TPM_ENC_SCHEME;
-typedef UINT16 TPM_SIG_SCHEME;
+typedef UINT16 TPM_MIGRATE_SCHEME;
+typedef UINT16 TPM_PHYSICAL_PRESENCE;
+typedef UINT16 TPM_STRUCTURE_TAG;
 
-#define TPM_SHA1_160_HASH_LEN 20
-
+/* 20-byte values, passed by value. */
 typedef struct tdTPM_DIGEST {
-  BYTE digest[TPM_SHA1_160_HASH_LEN];
+  BYTE digest[20];
 } TPM_DIGEST;
 typedef TPM_DIGEST TPM_PCRVALUE;
-typedef TPM_DIGEST TPM_COMPOSITE_HASH;
+typedef TPM_DIGEST TPM_DIRVALUE;
+typedef TPM_DIGEST TPM_HMAC;
+typedef TPM_DIGEST TPM_CHOSENID_HASH;
 
 typedef struct tdTPM_NONCE {
-  BYTE nonce[TPM_SHA1_160_HASH_LEN];
+  BYTE nonce[20];
 } TPM_NONCE;
 
 typedef struct tdTPM_AUTHDATA {
-  BYTE authdata[TPM_SHA1_160_HASH_LEN];
+  BYTE authdata[20];
 } TPM_AUTHDATA;
 typedef TPM_AUTHDATA TPM_ENCAUTH;
 typedef TPM_AUTHDATA TPM_SECRET;
 
+/* Structures. */
 /* The authorisation record of one session as the TCS carries it. */
 typedef struct tdTPM_AUTH {
   TCS_AUTHHANDLE AuthHandle;
@@ -80,7 +95,6 @@ typedef struct tdTPM_VERSION {
   BYTE revMajor;
   BYTE revMinor;
 } TPM_VERSION;
-typedef TPM_VERSION TPM_STRUCT_VER;
 
 typedef struct tdTSS_UUID {
   UINT32 ulTimeLow;
@@ -118,21 +132,6 @@ typedef struct tdTCS_LOADKEY_INFO {
   TPM_AUTH authData;
 } TCS_LOADKEY_INFO;
 
-typedef UINT32 TSS_NV_INDEX;
-typedef UINT32 TSS_COUNTER_ID;
-typedef UINT32 TSS_CMK_DELEGATE;
-typedef UINT32 TPM_MODIFIER_INDICATOR;
-typedef UINT32 TPM_FAMILY_ID;
-typedef UINT32 TPM_FAMILY_OPERATION;
-typedef UINT32 TPM_DELEGATE_INDEX;
-typedef UINT32 TPM_REDIR_COMMAND;
-typedef UINT32 TPM_ACTUAL_COUNT;
-typedef UINT16 TPM_MIGRATE_SCHEME;
-typedef UINT16 TPM_PHYSICAL_PRESENCE;
-typedef TPM_DIGEST TPM_DIRVALUE;
-typedef TPM_DIGEST TPM_HMAC;
-typedef TPM_DIGEST TPM_CHOSENID_HASH;
-
 typedef struct tdTPM_COUNTER_VALUE {
   TPM_STRUCTURE_TAG tag;
   BYTE label[4];
@@ -144,6 +143,23 @@ typedef struct tdTPM_CMK_AUTH {
   TPM_DIGEST destinationKeyDigest;
   TPM_DIGEST sourceKeyDigest;
 } TPM_CMK_AUTH;
+/* END GENERATED TYPES */
+/* clang-format on */
+
+/* Types the interface does not carry. */
+typedef UINT32 TSS_FLAG;
+typedef UINT32 TPM_KEY_HANDLE;
+typedef UINT32 TPM_KEY_FLAGS;
+typedef UINT16 TPM_TAG;
+typedef UINT16 TPM_KEY_USAGE;
+typedef UINT16 TPM_ENC_SCHEME;
+typedef UINT16 TPM_SIG_SCHEME;
+typedef BYTE TPM_AUTH_DATA_USAGE;
+typedef TPM_DIGEST TPM_COMPOSITE_HASH;
+typedef TPM_VERSION TPM_STRUCT_VER;
+
+/* The size of a SHA-1 digest, and so of every 20-byte value above. */
+#define TPM_SHA1_160_HASH_LEN 20
 
 #ifdef __cplusplus
 }

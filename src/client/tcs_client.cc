@@ -15,9 +15,6 @@
 #include "rpc/dcerpc/client.h"
 #include "rpc/dcerpc/server.h"
 
-static_assert(sizeof(TPM_COUNTER_VALUE) == sizeof(kesttcs::rpc::CCounterValue));
-static_assert(sizeof(TPM_CMK_AUTH) == sizeof(kesttcs::rpc::CCmkAuth));
-
 namespace kesttcs::client {
 namespace {
 
@@ -246,7 +243,8 @@ TSS_RESULT Tcsi_FreeMemory(TCS_CONTEXT_HANDLE hContext, BYTE* pMemory) {
   // The service holds no copy of returned buffers; it checks the context and answers as designed.
   // A placeholder byte stands for the freed pointer, which must not be read any more.
   static BYTE placeholder = 0;
-  return kesttcs::client::Invoke<5>(hContext, pMemory != nullptr ? &placeholder : nullptr);
+  return kesttcs::client::Invoke<kesttcs::rpc::OpnumOf("Tcsi_FreeMemory")>(
+      hContext, pMemory != nullptr ? &placeholder : nullptr);
 }
 
 }  // extern "C"

@@ -156,7 +156,7 @@ OperationTexts BuildTexts(const Operation& op) {
       break;
     }
   }
-  const std::string name(op.log_name);
+  const std::string name(op.log_name());
   const Text standard_start{"", {"hContext"}};
   const Text standard_auth{"", {"hContext", "@auth"}};
   const Text standard_result{"", {"hContext", "result"}};
@@ -175,7 +175,7 @@ OperationTexts BuildTexts(const Operation& op) {
     return line;
   };
   t.start = pick(own ? &own->start : nullptr, standard_start, start_format);
-  if (op.auth_start_text)
+  if (op.trace.session_form)
     t.start_auth = pick(own ? &own->start_auth : nullptr, standard_auth, auth_format);
   t.result = pick(own ? &own->result : nullptr, standard_result, result_format);
   if (own != nullptr && !own->extra.format.empty()) t.extra = MakeLine(op, t, own->extra);
@@ -220,7 +220,7 @@ void Trace(const Line& line, const CallFrame& frame, TSS_RESULT result) {
 void TraceStart(const Operation& op, const OperationTexts& t, const CallFrame& frame) {
   if (!NeedLog()) return;
   const bool with_session =
-      op.auth_start_text && t.auth_index &&
+      op.trace.session_form && t.auth_index &&
       (op.params[*t.auth_index].form != Form::kUnique || frame.arg(*t.auth_index).present);
   Trace(with_session ? t.start_auth : t.start, frame, 0);
 }
@@ -228,6 +228,23 @@ void TraceStart(const Operation& op, const OperationTexts& t, const CallFrame& f
 void TraceResult(const OperationTexts& t, const CallFrame& frame, TSS_RESULT result) {
   Trace(t.result, frame, result);
   Trace(t.extra, frame, result);
+}
+
+template <typename Call>
+TSS_RESULT CallUnderApiLock(const Call& call) {
+  MutexLock lock(ApiSerialisationLock());
+  return call();
+}
+
+// The frame's trace lines around the internal call, and the API lock around the call alone when
+// the frame takes it there.
+TSS_RESULT TracedCall(const Operation& op, const OperationTexts& t, const CallFrame& frame,
+                      const std::function<TSS_RESULT()>& internal) {
+  if (op.frame.start_line) TraceStart(op, t, frame);
+  const TSS_RESULT result =
+      op.frame.lock == rpc::ApiLock::kAroundCall ? CallUnderApiLock(internal) : internal();
+  if (op.frame.result_line) TraceResult(t, frame, result);
+  return result;
 }
 
 }  // namespace
@@ -239,48 +256,12 @@ Mutex& ApiSerialisationLock() {
 
 TSS_RESULT RunApiFrame(const Operation& op, const CallFrame& frame,
                        const std::function<TSS_RESULT()>& internal) {
+  const rpc::Frame& f = op.frame;
+  if (!f.has_handler) return TCS_E_NOTIMPL;
   const OperationTexts& t = AllTexts()[op.opnum];
-  TSS_RESULT result = TCS_E_NOTIMPL;
-  switch (op.frame) {
-    case rpc::Frame::kA:
-      TraceStart(op, t, frame);
-      result = internal();
-      TraceResult(t, frame, result);
-      break;
-    case rpc::Frame::kB:
-      TraceStart(op, t, frame);
-      {
-        MutexLock lock(ApiSerialisationLock());
-        result = internal();
-      }
-      TraceResult(t, frame, result);
-      break;
-    case rpc::Frame::kC: {
-      MutexLock lock(ApiSerialisationLock());
-      TraceStart(op, t, frame);
-      result = internal();
-      TraceResult(t, frame, result);
-    }
-      if (NeedLog()) TcsTrace(kUnlockText, nullptr);
-      break;
-    case rpc::Frame::kD:
-      result = internal();
-      TraceResult(t, frame, result);
-      break;
-    case rpc::Frame::kE: {
-      MutexLock lock(ApiSerialisationLock());
-      result = internal();
-    }
-      TraceResult(t, frame, result);
-      break;
-    case rpc::Frame::kF: {
-      MutexLock lock(ApiSerialisationLock());
-      result = internal();
-      break;
-    }
-    case rpc::Frame::kReserved:
-      break;
-  }
+  if (f.lock != rpc::ApiLock::kAcrossTraceLines) return TracedCall(op, t, frame, internal);
+  const TSS_RESULT result = CallUnderApiLock([&] { return TracedCall(op, t, frame, internal); });
+  if (NeedLog()) TcsTrace(kUnlockText, nullptr);
   return result;
 }
 

@@ -1,11 +1,12 @@
-// The entry frame every operation runs in: start trace line, the API serialisation lock for the
-// operations that take it, the operation's internal function, result trace line, in the variant
-// (A to F) the operation table gives. Trace texts are the operation's standard texts unless the
+// The entry frame every operation runs in, as the operation table's Frame describes it: the
+// start trace line, the API serialisation lock where the frame takes it, the operation's internal
+// function, the result trace line. Trace texts are the operation's standard texts unless the
 // operation has texts of its own (api_frame.cc lists them); nothing is formatted while needLog is
 // off.
 //
-// Lock: the API serialisation mutex, process-wide, held only around the internal call (frames B,
-// E, F) or across both trace lines (frame C). It comes before every other lock of the service.
+// Lock: the API serialisation mutex, process-wide, held only around the internal call
+// (ApiLock::kAroundCall) or across both trace lines (ApiLock::kAcrossTraceLines). It comes before
+// every other lock of the service.
 #pragma once
 
 #include <functional>
@@ -24,8 +25,8 @@ Mutex& ApiSerialisationLock();
 
 // Runs `op`'s frame around `internal` (which calls the internal function with `frame`) and
 // returns its result unchanged. Trace values are read from `frame`: inputs before the call,
-// outputs after it (printed even when the call failed). Reserved operations are not run through
-// here.
+// outputs after it (printed even when the call failed). Operations without a handler are not run
+// through here.
 [[nodiscard]] TSS_RESULT RunApiFrame(const rpc::Operation& op, const rpc::CallFrame& frame,
                                      const std::function<TSS_RESULT()>& internal);
 

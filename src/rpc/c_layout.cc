@@ -95,7 +95,7 @@ void SingleToC(Kind kind, const Value& v, void* c) {
       Put(c, static_cast<UINT64>(std::get<uint64_t>(v)));
       return;
     case Kind::kDigest:
-      Put(c, std::get<Digest>(v));
+      Put(c, std::get<TPM_DIGEST>(v));
       return;
     case Kind::kAuth:
       Put(c, std::get<TPM_AUTH>(v));
@@ -106,24 +106,12 @@ void SingleToC(Kind kind, const Value& v, void* c) {
     case Kind::kVersion:
       Put(c, std::get<TPM_VERSION>(v));
       return;
-    case Kind::kCounterValue: {
-      const auto& cv = std::get<CounterValue>(v);
-      CCounterValue out{};
-      out.tag = cv.tag;
-      std::memcpy(out.label, cv.label.data(), sizeof(out.label));
-      out.counter = cv.counter;
-      Put(c, out);
+    case Kind::kCounterValue:
+      Put(c, std::get<TPM_COUNTER_VALUE>(v));
       return;
-    }
-    case Kind::kCmkAuth: {
-      const auto& a = std::get<CmkAuth>(v);
-      CCmkAuth out{};
-      std::memcpy(out.migrationAuthorityDigest.digest, a.migrationAuthorityDigest.data(), 20);
-      std::memcpy(out.destinationKeyDigest.digest, a.destinationKeyDigest.data(), 20);
-      std::memcpy(out.sourceKeyDigest.digest, a.sourceKeyDigest.data(), 20);
-      Put(c, out);
+    case Kind::kCmkAuth:
+      Put(c, std::get<TPM_CMK_AUTH>(v));
       return;
-    }
     case Kind::kPcrEvent:
       Put(c, EventToC(std::get<PcrEvent>(v)));
       return;
@@ -148,29 +136,17 @@ Value SingleFromC(Kind kind, const void* c) {
     case Kind::kUint64:
       return uint64_t{Get<UINT64>(c)};
     case Kind::kDigest:
-      return Get<Digest>(c);
+      return Get<TPM_DIGEST>(c);
     case Kind::kAuth:
       return Get<TPM_AUTH>(c);
     case Kind::kUuid:
       return Get<TSS_UUID>(c);
     case Kind::kVersion:
       return Get<TPM_VERSION>(c);
-    case Kind::kCounterValue: {
-      const auto in = Get<CCounterValue>(c);
-      CounterValue cv;
-      cv.tag = in.tag;
-      std::memcpy(cv.label.data(), in.label, sizeof(in.label));
-      cv.counter = in.counter;
-      return cv;
-    }
-    case Kind::kCmkAuth: {
-      const auto in = Get<CCmkAuth>(c);
-      CmkAuth a;
-      std::memcpy(a.migrationAuthorityDigest.data(), in.migrationAuthorityDigest.digest, 20);
-      std::memcpy(a.destinationKeyDigest.data(), in.destinationKeyDigest.digest, 20);
-      std::memcpy(a.sourceKeyDigest.data(), in.sourceKeyDigest.digest, 20);
-      return a;
-    }
+    case Kind::kCounterValue:
+      return Get<TPM_COUNTER_VALUE>(c);
+    case Kind::kCmkAuth:
+      return Get<TPM_CMK_AUTH>(c);
     case Kind::kPcrEvent:
       return EventFromC(Get<TSS_PCR_EVENT>(c));
     case Kind::kKeyInfo:

@@ -14,19 +14,6 @@
 
 namespace kesttcs::rpc {
 
-// C layouts of the two interface structures <kesttcs/tcs_types.h> does not declare; the client
-// header declares TPM_COUNTER_VALUE and TPM_CMK_AUTH with these layouts.
-struct CCounterValue {
-  UINT16 tag;
-  BYTE label[4];
-  UINT32 counter;
-};
-struct CCmkAuth {
-  TPM_DIGEST migrationAuthorityDigest;
-  TPM_DIGEST destinationKeyDigest;
-  TPM_DIGEST sourceKeyDigest;
-};
-
 // Size of one element of `kind` in its C layout.
 constexpr size_t CSize(Kind kind) {
   switch (kind) {
@@ -48,9 +35,9 @@ constexpr size_t CSize(Kind kind) {
     case Kind::kVersion:
       return sizeof(TPM_VERSION);
     case Kind::kCounterValue:
-      return sizeof(CCounterValue);
+      return sizeof(TPM_COUNTER_VALUE);
     case Kind::kCmkAuth:
-      return sizeof(CCmkAuth);
+      return sizeof(TPM_CMK_AUTH);
     case Kind::kPcrEvent:
       return sizeof(TSS_PCR_EVENT);
     case Kind::kKeyInfo:

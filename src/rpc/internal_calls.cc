@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 #include <optional>
+#include <string_view>
 #include <tuple>
 #include <type_traits>
 #include <utility>
@@ -16,6 +17,7 @@
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"
 #include "rpc/c_layout.h"
+#include "rpc/name_of.h"
 #include "rpc/operations.h"
 
 namespace kesttcs {
@@ -176,42 +178,54 @@ struct Binding {
   InternalCall call;
 };
 
-template <uint16_t Op, auto Fn>
-constexpr Binding Bind() {
-  return Binding{Op, &Invoke<Op, Fn>};
+// The operation an internal function belongs to: the one its name ("<operation>_Internal") names.
+// A function named after no operation does not compile.
+template <auto Fn>
+consteval uint16_t OpnumOfInternal() {
+  constexpr std::string_view kSuffix = "_Internal";
+  constexpr std::string_view name = rpc::NameOf<Fn>();
+  static_assert(name.ends_with(kSuffix), "an internal function's name ends in _Internal");
+  return rpc::OpnumOf(name.substr(0, name.size() - kSuffix.size()));
 }
 
-// Every internal function the service has, by opnum.
+template <auto Fn>
+constexpr Binding Bind() {
+  constexpr uint16_t kOpnum = OpnumOfInternal<Fn>();
+  return Binding{kOpnum, &Invoke<kOpnum, Fn>};
+}
+
+// Every internal function the service has, in opnum order (a second binding of an operation does
+// not compile).
 constexpr Binding kBindings[] = {
-    Bind<0, &Tcsip_VendorCommand3_Internal>(),
-    Bind<1, &Tcsip_VendorCommand2_Internal>(),
-    Bind<2, &Tcsip_VendorCommand1_Internal>(),
-    Bind<3, &Tcsi_OpenContext_Internal>(),
-    Bind<4, &Tcsi_CloseContext_Internal>(),
-    Bind<5, &Tcsi_FreeMemory_Internal>(),
-    Bind<6, &Tcsi_GetCapability_Internal>(),
-    Bind<25, &Tcsip_SetOwnerInstall_Internal>(),
-    Bind<39, &Tcsip_Extend_Internal>(),
-    Bind<40, &Tcsip_PcrRead_Internal>(),
-    Bind<44, &Tcsip_DirRead_Internal>(),
-    Bind<56, &Tcsip_GetRandom_Internal>(),
-    Bind<57, &Tcsip_StirRandom_Internal>(),
-    Bind<58, &Tcsip_GetCapability_Internal>(),
-    Bind<61, &Tcsip_CreateEndorsementKeyPair_Internal>(),
-    Bind<62, &Tcsip_ReadPubek_Internal>(),
-    Bind<65, &Tcsip_SelfTestFull_Internal>(),
-    Bind<67, &Tcsip_ContinueSelfTest_Internal>(),
-    Bind<68, &Tcsip_GetTestResult_Internal>(),
-    Bind<72, &Tcsip_ForceClear_Internal>(),
-    Bind<73, &Tcsip_DisableForceClear_Internal>(),
-    Bind<74, &Tcsip_PhysicalDisable_Internal>(),
-    Bind<75, &Tcsip_PhysicalEnable_Internal>(),
-    Bind<76, &Tcsip_PhysicalSetDeactivated_Internal>(),
-    Bind<77, &Tcsip_SetTempDeactivated_Internal>(),
-    Bind<79, &Tcsip_PhysicalPresence_Internal>(),
-    Bind<101, &Tcsip_PcrReset_Internal>(),
-    Bind<102, &Tcsip_ReadCounter_Internal>(),
-    Bind<107, &Tcsip_TPM_ReadCurrentTicks_Internal>(),
+    Bind<&Tcsip_VendorCommand3_Internal>(),
+    Bind<&Tcsip_VendorCommand2_Internal>(),
+    Bind<&Tcsip_VendorCommand1_Internal>(),
+    Bind<&Tcsi_OpenContext_Internal>(),
+    Bind<&Tcsi_CloseContext_Internal>(),
+    Bind<&Tcsi_FreeMemory_Internal>(),
+    Bind<&Tcsi_GetCapability_Internal>(),
+    Bind<&Tcsip_SetOwnerInstall_Internal>(),
+    Bind<&Tcsip_Extend_Internal>(),
+    Bind<&Tcsip_PcrRead_Internal>(),
+    Bind<&Tcsip_DirRead_Internal>(),
+    Bind<&Tcsip_GetRandom_Internal>(),
+    Bind<&Tcsip_StirRandom_Internal>(),
+    Bind<&Tcsip_GetCapability_Internal>(),
+    Bind<&Tcsip_CreateEndorsementKeyPair_Internal>(),
+    Bind<&Tcsip_ReadPubek_Internal>(),
+    Bind<&Tcsip_SelfTestFull_Internal>(),
+    Bind<&Tcsip_ContinueSelfTest_Internal>(),
+    Bind<&Tcsip_GetTestResult_Internal>(),
+    Bind<&Tcsip_ForceClear_Internal>(),
+    Bind<&Tcsip_DisableForceClear_Internal>(),
+    Bind<&Tcsip_PhysicalDisable_Internal>(),
+    Bind<&Tcsip_PhysicalEnable_Internal>(),
+    Bind<&Tcsip_PhysicalSetDeactivated_Internal>(),
+    Bind<&Tcsip_SetTempDeactivated_Internal>(),
+    Bind<&Tcsip_PhysicalPresence_Internal>(),
+    Bind<&Tcsip_PcrReset_Internal>(),
+    Bind<&Tcsip_ReadCounter_Internal>(),
+    Bind<&Tcsip_TPM_ReadCurrentTicks_Internal>(),
 };
 
 constexpr std::array<InternalCall, rpc::kOperationCount> MakeTable() {
@@ -235,8 +249,12 @@ constexpr std::array<InternalCall, rpc::kOperationCount> kTable = MakeTable();
 
 }  // namespace
 
+bool HasInternalFunction(uint16_t opnum) {
+  return opnum < kTable.size() && kTable[opnum] != nullptr;
+}
+
 TSS_RESULT CallInternalFunction(uint16_t opnum, rpc::CallFrame& frame) {
-  if (opnum >= kTable.size() || kTable[opnum] == nullptr) return TCS_E_NOTIMPL;
+  if (!HasInternalFunction(opnum)) return TCS_E_NOTIMPL;
   return kTable[opnum](frame);
 }
 

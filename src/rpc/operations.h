@@ -1,9 +1,10 @@
-// The 126 operations of the RPC interface as data: for each opnum the operation's name, its
-// parameters (name, type, direction, how it is passed) and the shape of its entry handler.
-//
-// This table and src/rpc/kesttcs.idl describe the same interface; tests/unit/rpc/idl_test.cc
-// proves them identical. The server stubs, the client proxies and the handler frame all read this
-// table; nothing else lists the operations.
+// The 126 operations of the RPC interface as data, the one hand-written description of them: for
+// each opnum the operation's name, the frame of its entry handler, the TPM ordinal it sends, its
+// parameters (name, type, direction, how it is passed) and a note on why it is as it is. The
+// server stubs, the handler frame, the internal-function bindings and the client proxies read this
+// table when they are compiled; kesttcs_ifgen writes it out as src/rpc/kesttcs.idl, the
+// declarations of <kesttcs/tcs_client.h>, the client proxies and docs/operations.md. The types
+// the parameters name are declared in rpc/interface_types.h.
 //
 // How a parameter crosses the wire follows from its form and kind:
 //   Form::kValue     [in] T name                                 a scalar or a structure by value
@@ -18,8 +19,10 @@
 //   Form::kPtr       [out] T** name                              one element behind a pointer
 //                                                                that may come back null
 // `size_is` names the size parameter of the two array forms; SizeParamIndex() turns it into an
-// index. Kind says what one element is; the type name is the one the interface definition uses.
+// index. Kind says what one element is; the type name is one of rpc/interface_types.h.
 #pragma once
+
+#include <kesttcs/tcs_types.h>
 
 #include <array>
 #include <cstddef>
@@ -28,43 +31,68 @@
 #include <span>
 #include <string_view>
 
-namespace kesttcs::rpc {
+#include "commands/vendor_commands.h"
+#include "rpc/interface_types.h"
+#include "rpc/name_of.h"
+#include "tpm12/tpm_ordinals.h"
 
-// What one element of a parameter is.
-enum class Kind : uint8_t {
-  kUint32,        // UINT32 and the 32-bit handle and code types
-  kUint16,        // UINT16 and the 16-bit TPM types
-  kByte,          // BYTE
-  kBool,          // TSS_BOOL (one byte)
-  kUint64,        // UINT64
-  kDigest,        // 20 bytes: TPM_DIGEST, TPM_NONCE, TPM_AUTHDATA and their aliases
-  kAuth,          // TPM_AUTH
-  kUuid,          // TSS_UUID
-  kVersion,       // TPM_VERSION
-  kCounterValue,  // TPM_COUNTER_VALUE
-  kCmkAuth,       // TPM_CMK_AUTH
-  kPcrEvent,      // TSS_PCR_EVENT
-  kKeyInfo,       // TSS_KM_KEYINFO
-  kLoadKeyInfo,   // TCS_LOADKEY_INFO
-};
+namespace kesttcs::rpc {
 
 enum class Dir : uint8_t { kIn, kOut, kInOut };
 
 enum class Form : uint8_t { kValue, kRef, kUnique, kArray, kArrayPtr, kPtr };
 
-// The entry handler's frame:
-//   kA  start line, internal call, result line; no lock
-//   kB  start line, internal call under the API lock, result line
-//   kC  API lock held across both trace lines, then the unlock trace line
-//   kD  internal call, result line; no lock
-//   kE  internal call under the API lock, result line after the release
-//   kF  internal call under the API lock, no trace at all
-//   kReserved  no handler: the operation answers "not implemented" without reading anything
-enum class Frame : uint8_t { kA, kB, kC, kD, kE, kF, kReserved };
+// Where an entry handler holds the API serialisation lock.
+enum class ApiLock : uint8_t {
+  kNone,
+  kAroundCall,        // around the internal call alone; the trace lines come outside it
+  kAcrossTraceLines,  // from before the start line to after the result line, then the unlock line
+};
+
+// What an operation's entry handler does around the operation's internal function.
+struct Frame {
+  bool has_handler;  // false: the operation answers "not implemented" without reading its stub
+  bool start_line;   // traces the start line before the call
+  bool result_line;  // traces the result line (and the operation's extra line) after the call
+  ApiLock lock;
+
+  constexpr bool operator==(const Frame&) const = default;
+};
+
+// The frames operations use.
+inline constexpr Frame kTraced{true, true, true, ApiLock::kNone};
+inline constexpr Frame kTracedLocked{true, true, true, ApiLock::kAroundCall};
+inline constexpr Frame kTracedInsideLock{true, true, true, ApiLock::kAcrossTraceLines};
+inline constexpr Frame kResultTraced{true, false, true, ApiLock::kNone};
+inline constexpr Frame kResultTracedLocked{true, false, true, ApiLock::kAroundCall};
+inline constexpr Frame kSilentLocked{true, false, false, ApiLock::kAroundCall};
+inline constexpr Frame kNoHandler{false, false, false, ApiLock::kNone};
+
+// How an operation's trace lines differ from the standard ones (rpc/api_frame.cc writes them).
+struct TraceStyle {
+  // The start line has a second form, with the session handle of the authorisation record, used
+  // when the record is present.
+  bool session_form = false;
+  std::string_view log_name{};  // the name the lines carry, when not the operation's own
+};
+
+// The TPM ordinal an operation sends, and the name of the constant that holds it.
+struct Ordinal {
+  TPM_COMMAND_CODE value = 0;  // 0: the operation sends no command of its own
+  std::string_view name{};
+};
+
+inline constexpr Ordinal kNoOrdinal{};
+
+// The ordinal held by the constant `kConstant` (of tpm12/tpm_ordinals.h or a vendor ordinal).
+template <const TPM_COMMAND_CODE* kConstant>
+consteval Ordinal Sends() {
+  return Ordinal{*kConstant, NameOf<kConstant>()};
+}
 
 struct Param {
   std::string_view name;
-  std::string_view type;  // as the interface definition spells it
+  std::string_view type;  // a type of rpc/interface_types.h
   Kind kind;              // what one element is, derived from `type`
   Dir dir;
   Form form;
@@ -76,16 +104,20 @@ struct Param {
 
 struct Operation {
   uint16_t opnum;
-  std::string_view name;      // the operation, its handler, and with "_Internal" its function
-  std::string_view log_name;  // the name its trace lines carry
+  std::string_view name;  // the operation, its handler, and with "_Internal" its function
   Frame frame;
-  bool auth_start_text;  // start line has a form with and one without the session handle
-  uint32_t tpm_ordinal;  // the TPM ordinal it sends; 0 when it sends none of its own
+  Ordinal tpm_ordinal;
   std::span<const Param> params;
+  // Why the operation or its parameter list is as it is; written above its declaration in the
+  // interface definition and in the list of operations.
+  std::string_view note{};
+  TraceStyle trace{};
 
-  // Takes the API serialisation lock (the frame says so).
-  constexpr bool locked() const {
-    return frame == Frame::kB || frame == Frame::kC || frame == Frame::kE || frame == Frame::kF;
+  // Takes the API serialisation lock.
+  constexpr bool locked() const { return frame.lock != ApiLock::kNone; }
+  // The name its trace lines carry.
+  constexpr std::string_view log_name() const {
+    return trace.log_name.empty() ? name : trace.log_name;
   }
 };
 
@@ -93,74 +125,13 @@ inline constexpr size_t kOperationCount = 126;
 
 namespace detail {
 
-struct TypeKind {
-  std::string_view type;
-  Kind kind;
-};
-
-// Every type name a parameter may use, with its kind. The interface definition declares each of
-// these; the test checks that each resolves there to the base type its kind implies.
-inline constexpr TypeKind kTypeKinds[] = {
-    {"UINT32", Kind::kUint32},
-    {"TSS_RESULT", Kind::kUint32},
-    {"TCS_CONTEXT_HANDLE", Kind::kUint32},
-    {"TCS_KEY_HANDLE", Kind::kUint32},
-    {"TCS_AUTHHANDLE", Kind::kUint32},
-    {"TCS_HANDLE", Kind::kUint32},
-    {"TSS_EVENTTYPE", Kind::kUint32},
-    {"TSS_NV_INDEX", Kind::kUint32},
-    {"TSS_COUNTER_ID", Kind::kUint32},
-    {"TSS_CMK_DELEGATE", Kind::kUint32},
-    {"TPM_CAPABILITY_AREA", Kind::kUint32},
-    {"TPM_ALGORITHM_ID", Kind::kUint32},
-    {"TPM_PCRINDEX", Kind::kUint32},
-    {"TPM_DIRINDEX", Kind::kUint32},
-    {"TPM_HANDLE", Kind::kUint32},
-    {"TPM_COMMAND_CODE", Kind::kUint32},
-    {"TPM_RESULT", Kind::kUint32},
-    {"TPM_MODIFIER_INDICATOR", Kind::kUint32},
-    {"TPM_FAMILY_ID", Kind::kUint32},
-    {"TPM_FAMILY_OPERATION", Kind::kUint32},
-    {"TPM_DELEGATE_INDEX", Kind::kUint32},
-    {"TPM_REDIR_COMMAND", Kind::kUint32},
-    {"TPM_ACTUAL_COUNT", Kind::kUint32},
-    {"UINT16", Kind::kUint16},
-    {"TPM_PROTOCOL_ID", Kind::kUint16},
-    {"TPM_ENTITY_TYPE", Kind::kUint16},
-    {"TPM_MIGRATE_SCHEME", Kind::kUint16},
-    {"TPM_PHYSICAL_PRESENCE", Kind::kUint16},
-    {"TPM_STRUCTURE_TAG", Kind::kUint16},
-    {"BYTE", Kind::kByte},
-    {"TSS_BOOL", Kind::kBool},
-    {"UINT64", Kind::kUint64},
-    {"TPM_DIGEST", Kind::kDigest},
-    {"TPM_PCRVALUE", Kind::kDigest},
-    {"TPM_DIRVALUE", Kind::kDigest},
-    {"TPM_HMAC", Kind::kDigest},
-    {"TPM_CHOSENID_HASH", Kind::kDigest},
-    {"TPM_NONCE", Kind::kDigest},
-    {"TPM_AUTHDATA", Kind::kDigest},
-    {"TPM_ENCAUTH", Kind::kDigest},
-    {"TPM_SECRET", Kind::kDigest},
-    {"TPM_AUTH", Kind::kAuth},
-    {"TSS_UUID", Kind::kUuid},
-    {"TPM_VERSION", Kind::kVersion},
-    {"TPM_COUNTER_VALUE", Kind::kCounterValue},
-    {"TPM_CMK_AUTH", Kind::kCmkAuth},
-    {"TSS_PCR_EVENT", Kind::kPcrEvent},
-    {"TSS_KM_KEYINFO", Kind::kKeyInfo},
-    {"TCS_LOADKEY_INFO", Kind::kLoadKeyInfo},
-};
-
 // Deliberately not constexpr: reaching it while building the table stops the compilation.
-void TypeNameMissingFromkTypeKinds();
+void TypeIsNotAParameterTypeOfInterfaceTypes();
 
 consteval Kind KindOf(std::string_view type) {
-  for (const TypeKind& t : kTypeKinds) {
-    if (t.type == type) return t.kind;
-  }
-  TypeNameMissingFromkTypeKinds();
-  return Kind::kUint32;
+  const std::optional<Kind> kind = ParamKindOf(type);
+  if (!kind) TypeIsNotAParameterTypeOfInterfaceTypes();
+  return kind.value_or(Kind::kUint32);
 }
 
 consteval Param Make(Dir dir, Form form, std::string_view type, std::string_view name,
@@ -195,8 +166,7 @@ consteval Param InOutArray(std::string_view type, std::string_view name, std::st
   return Make(Dir::kInOut, Form::kArrayPtr, type, name, size);
 }
 
-// Parameter lists, in opnum order. The comments in the interface definition say why a list is as
-// it is.
+// Parameter lists, in opnum order. The operations' notes say why a list is as it is.
 // clang-format off
 inline constexpr Param kTcsip_VendorCommand3[] = {
     In("TCS_CONTEXT_HANDLE", "hContext"),
@@ -1177,242 +1147,292 @@ inline constexpr Param kTcsi_Reserved125[] = {
 };
 
 // clang-format on
+
+inline constexpr std::string_view kReservedNote =
+    "Reserved: answers \"not implemented\" without looking at hContext.";
+
 }  // namespace detail
 
-// By opnum: {opnum, name, log name, frame, auth start text, TPM ordinal, parameters}.
+// By opnum: {opnum, name, frame, TPM ordinal, parameters, note, trace style}.
 inline constexpr std::array<Operation, kOperationCount> kOperations = {{
-    {0, "Tcsip_VendorCommand3", "Tcsip_VendorCommand3", Frame::kF, false, 0x20000003,
-     detail::kTcsip_VendorCommand3},
-    {1, "Tcsip_VendorCommand2", "Tcsip_VendorCommand2", Frame::kF, false, 0x20000002,
-     detail::kTcsip_VendorCommand2},
-    {2, "Tcsip_VendorCommand1", "Tcsip_VendorCommand1", Frame::kF, false, 0x20000001,
-     detail::kTcsip_VendorCommand1},
-    {3, "Tcsi_OpenContext", "Tcsi_OpenContext", Frame::kA, false, 0, detail::kTcsi_OpenContext},
-    {4, "Tcsi_CloseContext", "Tcsi_CloseContext", Frame::kB, false, 0, detail::kTcsi_CloseContext},
-    {5, "Tcsi_FreeMemory", "Tcsi_FreeMemory", Frame::kA, false, 0, detail::kTcsi_FreeMemory},
-    {6, "Tcsi_GetCapability", "Tcsi_GetCapability", Frame::kA, false, 0,
-     detail::kTcsi_GetCapability},
-    {7, "Tcsi_RegisterKey", "Tcsi_RegisterKey", Frame::kA, false, 0, detail::kTcsi_RegisterKey},
-    {8, "Tcsip_UnregisterKey", "Tcsip_UnregisterKey", Frame::kA, false, 0,
-     detail::kTcsip_UnregisterKey},
-    {9, "Tcsip_KeyControlOwner", "Tcsip_KeyControlOwner", Frame::kE, false, 0x00000023,
+    {0, "Tcsip_VendorCommand3", kSilentLocked, Sends<&kVendorCommand3Ordinal>(),
+     detail::kTcsip_VendorCommand3,
+     "Vendor command 3, the only vendor command that returns data: the TPM's response, in a buffer "
+     "allocated for the caller."},
+    {1, "Tcsip_VendorCommand2", kSilentLocked, Sends<&kVendorCommand2Ordinal>(),
+     detail::kTcsip_VendorCommand2,
+     "Vendor command 2. The authorisation record follows the data and is required."},
+    {2, "Tcsip_VendorCommand1", kSilentLocked, Sends<&kVendorCommand1Ordinal>(),
+     detail::kTcsip_VendorCommand1, "Vendor command 1."},
+    {3, "Tcsi_OpenContext", kTraced, kNoOrdinal, detail::kTcsi_OpenContext},
+    {4, "Tcsi_CloseContext", kTracedLocked, kNoOrdinal, detail::kTcsi_CloseContext},
+    {5, "Tcsi_FreeMemory", kTraced, kNoOrdinal, detail::kTcsi_FreeMemory,
+     "A client address means nothing in the service, so only whether pMemory is null crosses the "
+     "wire (null frees all of the context's memory); the byte it points at is sent but not used."},
+    {6, "Tcsi_GetCapability", kTraced, kNoOrdinal, detail::kTcsi_GetCapability},
+    {7, "Tcsi_RegisterKey", kTraced, kNoOrdinal, detail::kTcsi_RegisterKey},
+    {8, "Tcsip_UnregisterKey", kTraced, kNoOrdinal, detail::kTcsip_UnregisterKey},
+    {9, "Tcsip_KeyControlOwner", kResultTracedLocked, Sends<&TPM_ORD_KeyControlOwner>(),
      detail::kTcsip_KeyControlOwner},
-    {10, "Tcsi_EnumRegisteredKeys", "Tcsi_EnumRegisteredKeys", Frame::kA, false, 0,
-     detail::kTcsi_EnumRegisteredKeys},
-    {11, "Tcsi_GetRegisteredKey", "Tcsi_GetRegisteredKey", Frame::kA, false, 0,
-     detail::kTcsi_GetRegisteredKey},
-    {12, "Tcsi_GetRegisteredKeyBlob", "Tcsi_GetRegisteredKeyBlob", Frame::kA, false, 0,
-     detail::kTcsi_GetRegisteredKeyBlob},
-    {13, "Tcsip_GetRegisteredKeyByPublicInfo", "Tcsip_GetRegisteredKeyByPublicInfo", Frame::kA,
-     false, 0, detail::kTcsip_GetRegisteredKeyByPublicInfo},
-    {14, "Tcsip_LoadKeyByBlob", "Tcsip_LoadKeyByBlob_Internal", Frame::kB, true, 0x00000020,
-     detail::kTcsip_LoadKeyByBlob},
-    {15, "Tcsip_LoadKey2ByBlob", "Tcsip_LoadKey2ByBlob_Internal", Frame::kB, true, 0x00000041,
-     detail::kTcsip_LoadKey2ByBlob},
-    {16, "Tcsip_LoadKeyByUUID", "Tcsip_LoadKeyByUUID", Frame::kB, false, 0,
-     detail::kTcsip_LoadKeyByUUID},
-    {17, "Tcsip_EvictKey", "Tcsip_EvictKey", Frame::kB, false, 0x00000022, detail::kTcsip_EvictKey},
-    {18, "Tcsip_CreateWrapKey", "Tcsip_CreateWrapKey", Frame::kB, true, 0x0000001F,
-     detail::kTcsip_CreateWrapKey},
-    {19, "Tcsip_GetPubKey", "Tcsip_GetPubKey_Internal", Frame::kB, true, 0x00000021,
-     detail::kTcsip_GetPubKey},
-    {20, "Tcsip_MakeIdentity", "Tcsip_MakeIdentity", Frame::kA, false, 0x00000079,
-     detail::kTcsip_MakeIdentity},
-    {21, "Tcsi_LogPcrEvent", "Tcsi_LogPcrEvent", Frame::kA, false, 0, detail::kTcsi_LogPcrEvent},
-    {22, "Tcsi_GetPcrEvent", "Tcsi_GetPcrEvent", Frame::kA, false, 0, detail::kTcsi_GetPcrEvent},
-    {23, "Tcsi_GetPcrEventsByPcr", "Tcsi_GetPcrEventsByPcr", Frame::kA, false, 0,
-     detail::kTcsi_GetPcrEventsByPcr},
-    {24, "Tcsi_GetPcrEventLog", "Tcsi_GetPcrEventLog", Frame::kA, false, 0,
-     detail::kTcsi_GetPcrEventLog},
-    {25, "Tcsip_SetOwnerInstall", "Tcsip_SetOwnerInstall", Frame::kA, false, 0x00000071,
+    {10, "Tcsi_EnumRegisteredKeys", kTraced, kNoOrdinal, detail::kTcsi_EnumRegisteredKeys,
+     "A null pKeyUUID asks for the whole hierarchy. The size is a number of entries."},
+    {11, "Tcsi_GetRegisteredKey", kTraced, kNoOrdinal, detail::kTcsi_GetRegisteredKey,
+     "One entry, returned through a pointer that may come back null."},
+    {12, "Tcsi_GetRegisteredKeyBlob", kTraced, kNoOrdinal, detail::kTcsi_GetRegisteredKeyBlob},
+    {13, "Tcsip_GetRegisteredKeyByPublicInfo", kTraced, kNoOrdinal,
+     detail::kTcsip_GetRegisteredKeyByPublicInfo},
+    {14, "Tcsip_LoadKeyByBlob", kTracedLocked, Sends<&TPM_ORD_LoadKey>(),
+     detail::kTcsip_LoadKeyByBlob, "Deprecated ordinal; a TPM 1.2 also takes LoadKey2.",
+     TraceStyle{.session_form = true, .log_name = "Tcsip_LoadKeyByBlob_Internal"}},
+    {15, "Tcsip_LoadKey2ByBlob", kTracedLocked, Sends<&TPM_ORD_LoadKey2>(),
+     detail::kTcsip_LoadKey2ByBlob, "",
+     TraceStyle{.session_form = true, .log_name = "Tcsip_LoadKey2ByBlob_Internal"}},
+    {16, "Tcsip_LoadKeyByUUID", kTracedLocked, kNoOrdinal, detail::kTcsip_LoadKeyByUUID,
+     "Loads the key and its parents with the key-loading ordinals. pLoadKeyInfo is optional: when "
+     "a parent needs authorisation the service fills in the UUIDs and parameter digest and the "
+     "caller retries with authData set."},
+    {17, "Tcsip_EvictKey", kTracedLocked, Sends<&TPM_ORD_EvictKey>(), detail::kTcsip_EvictKey,
+     "Deprecated ordinal; a TPM 1.2 uses FlushSpecific."},
+    {18, "Tcsip_CreateWrapKey", kTracedLocked, Sends<&TPM_ORD_CreateWrapKey>(),
+     detail::kTcsip_CreateWrapKey,
+     "The authorisation record (an OSAP session, needed for the encrypted secrets) is required, so "
+     "the handler always traces its handle; it sits between the inputs and the outputs, as "
+     "everywhere else.",
+     TraceStyle{.session_form = true}},
+    {19, "Tcsip_GetPubKey", kTracedLocked, Sends<&TPM_ORD_GetPubKey>(), detail::kTcsip_GetPubKey,
+     "", TraceStyle{.session_form = true, .log_name = "Tcsip_GetPubKey_Internal"}},
+    {20, "Tcsip_MakeIdentity", kTraced, Sends<&TPM_ORD_MakeIdentity>(), detail::kTcsip_MakeIdentity,
+     "The three credentials come from the service's own files, not from the TPM."},
+    {21, "Tcsi_LogPcrEvent", kTraced, kNoOrdinal, detail::kTcsi_LogPcrEvent},
+    {22, "Tcsi_GetPcrEvent", kTraced, kNoOrdinal, detail::kTcsi_GetPcrEvent,
+     "pNumber names the event wanted; the event comes back through a pointer that may be null."},
+    {23, "Tcsi_GetPcrEventsByPcr", kTraced, kNoOrdinal, detail::kTcsi_GetPcrEventsByPcr,
+     "pEventCount carries the number wanted in and the number returned out."},
+    {24, "Tcsi_GetPcrEventLog", kTraced, kNoOrdinal, detail::kTcsi_GetPcrEventLog},
+    {25, "Tcsip_SetOwnerInstall", kTraced, Sends<&TPM_ORD_SetOwnerInstall>(),
      detail::kTcsip_SetOwnerInstall},
-    {26, "Tcsip_TakeOwnership", "Tcsip_TakeOwnership", Frame::kA, false, 0x0000000D,
+    {26, "Tcsip_TakeOwnership", kTraced, Sends<&TPM_ORD_TakeOwnership>(),
      detail::kTcsip_TakeOwnership},
-    {27, "Tcsip_OIAP", "Tcsip_OIAP", Frame::kA, false, 0x0000000A, detail::kTcsip_OIAP},
-    {28, "Tcsip_OSAP", "Tcsip_OSAP", Frame::kB, false, 0x0000000B, detail::kTcsip_OSAP},
-    {29, "Tcsip_DSAP", "Tcsip_DSAP", Frame::kB, false, 0x00000011, detail::kTcsip_DSAP},
-    {30, "Tcsip_ChangeAuth", "Tcsip_ChangeAuth", Frame::kB, false, 0x0000000C,
-     detail::kTcsip_ChangeAuth},
-    {31, "Tcsip_ChangeAuthOwner", "Tcsip_ChangeAuthOwner", Frame::kA, true, 0x00000010,
-     detail::kTcsip_ChangeAuthOwner},
-    {32, "Tcsip_ChangeAuthAsymStart", "Tcsip_ChangeAuthAsymStart", Frame::kB, false, 0x0000000E,
-     detail::kTcsip_ChangeAuthAsymStart},
-    {33, "Tcsip_ChangeAuthAsymFinish", "Tcsip_ChangeAuthAsymFinish", Frame::kB, false, 0x0000000F,
-     detail::kTcsip_ChangeAuthAsymFinish},
-    {34, "Tcsip_TerminateHandle", "Tcsip_TerminateHandle", Frame::kA, false, 0x00000096,
-     detail::kTcsip_TerminateHandle},
-    {35, "Tcsip_ActivateTPMIdentity", "Tcsip_ActivateTPMIdentity", Frame::kB, false, 0x0000007A,
+    {27, "Tcsip_OIAP", kTraced, Sends<&TPM_ORD_OIAP>(), detail::kTcsip_OIAP},
+    {28, "Tcsip_OSAP", kTracedLocked, Sends<&TPM_ORD_OSAP>(), detail::kTcsip_OSAP},
+    {29, "Tcsip_DSAP", kTracedLocked, Sends<&TPM_ORD_DSAP>(), detail::kTcsip_DSAP,
+     "entityValue is a delegation blob or a table row index."},
+    {30, "Tcsip_ChangeAuth", kTracedLocked, Sends<&TPM_ORD_ChangeAuth>(), detail::kTcsip_ChangeAuth,
+     "ownerAuth is the parent key's session, entityAuth the entity's."},
+    {31, "Tcsip_ChangeAuthOwner", kTraced, Sends<&TPM_ORD_ChangeAuthOwner>(),
+     detail::kTcsip_ChangeAuthOwner,
+     "The owner session is required, so the handler always traces its handle.",
+     TraceStyle{.session_form = true}},
+    {32, "Tcsip_ChangeAuthAsymStart", kTracedLocked, Sends<&TPM_ORD_ChangeAuthAsymStart>(),
+     detail::kTcsip_ChangeAuthAsymStart,
+     "Deprecated ordinal. Outputs come in this order, not in the TPM's; the service reorders "
+     "them."},
+    {33, "Tcsip_ChangeAuthAsymFinish", kTracedLocked, Sends<&TPM_ORD_ChangeAuthAsymFinish>(),
+     detail::kTcsip_ChangeAuthAsymFinish, "Deprecated ordinal."},
+    {34, "Tcsip_TerminateHandle", kTraced, Sends<&TPM_ORD_Terminate_Handle>(),
+     detail::kTcsip_TerminateHandle, "Deprecated ordinal; a TPM 1.2 uses FlushSpecific."},
+    {35, "Tcsip_ActivateTPMIdentity", kTracedLocked, Sends<&TPM_ORD_ActivateIdentity>(),
      detail::kTcsip_ActivateTPMIdentity},
-    {36, "Tcsip_EstablishTransport", "Tcsip_EstablishTransport", Frame::kE, false, 0x000000E6,
-     detail::kTcsip_EstablishTransport},
-    {37, "Tcsip_ExecuteTransport", "Tcsip_ExecuteTransport", Frame::kD, false, 0x000000E7,
-     detail::kTcsip_ExecuteTransport},
-    {38, "Tcsip_ReleaseTransportSigned", "Tcsip_ReleaseTransportSigned", Frame::kE, false,
-     0x000000E8, detail::kTcsip_ReleaseTransportSigned},
-    {39, "Tcsip_Extend", "Tcsip_Extend", Frame::kA, false, 0x00000014, detail::kTcsip_Extend},
-    {40, "Tcsip_PcrRead", "Tcsip_PcrRead", Frame::kA, false, 0x00000015, detail::kTcsip_PcrRead},
-    {41, "Tcsip_Quote", "Tcsip_Quote", Frame::kB, false, 0x00000016, detail::kTcsip_Quote},
-    {42, "Tcsip_Quote2", "Tcsip_Quote2", Frame::kB, false, 0x0000003E, detail::kTcsip_Quote2},
-    {43, "Tcsip_DirWriteAuth", "Tcsip_DirWriteAuth", Frame::kA, false, 0x00000019,
-     detail::kTcsip_DirWriteAuth},
-    {44, "Tcsip_DirRead", "Tcsip_DirRead", Frame::kA, false, 0x0000001A, detail::kTcsip_DirRead},
-    {45, "Tcsip_Seal", "Tcsip_Seal", Frame::kB, false, 0x00000017, detail::kTcsip_Seal},
-    {46, "Tcsip_UnSeal", "Tcsip_UnSeal", Frame::kB, false, 0x00000018, detail::kTcsip_UnSeal},
-    {47, "Tcsip_Unbind", "Tcsip_Unbind", Frame::kC, true, 0x0000001E, detail::kTcsip_Unbind},
-    {48, "Tcsip_Sealx", "Tcsip_Sealx", Frame::kB, false, 0x0000003D, detail::kTcsip_Sealx},
-    {49, "Tcsip_CreateMigrationBlob", "Tcsip_CreateMigrationBlob", Frame::kB, true, 0x00000028,
-     detail::kTcsip_CreateMigrationBlob},
-    {50, "Tcsip_ConvertMigrationBlob", "Tcsip_ConvertMigrationBlob", Frame::kB, true, 0x0000002A,
-     detail::kTcsip_ConvertMigrationBlob},
-    {51, "Tcsip_AuthorizeMigrationKey", "Tcsip_AuthorizeMigrationKey", Frame::kA, true, 0x0000002B,
-     detail::kTcsip_AuthorizeMigrationKey},
-    {52, "Tcsip_SetOperatorAuth", "Tcsip_SetOperatorAuth", Frame::kD, false, 0x00000074,
-     detail::kTcsip_SetOperatorAuth},
-    {53, "Tcsip_CertifyKey", "Tcsip_CertifyKey", Frame::kB, false, 0x00000032,
+    {36, "Tcsip_EstablishTransport", kResultTracedLocked, Sends<&TPM_ORD_EstablishTransport>(),
+     detail::kTcsip_EstablishTransport,
+     "hEncKey is TPM_KH_TRANSPORT when the session has no encryption key."},
+    {37, "Tcsip_ExecuteTransport", kResultTraced, Sends<&TPM_ORD_ExecuteTransport>(),
+     detail::kTcsip_ExecuteTransport,
+     "The handle list is a number of handles; the service maps them between its own and the TPM's "
+     "and returns the list it used."},
+    {38, "Tcsip_ReleaseTransportSigned", kResultTracedLocked,
+     Sends<&TPM_ORD_ReleaseTransportSigned>(), detail::kTcsip_ReleaseTransportSigned},
+    {39, "Tcsip_Extend", kTraced, Sends<&TPM_ORD_Extend>(), detail::kTcsip_Extend},
+    {40, "Tcsip_PcrRead", kTraced, Sends<&TPM_ORD_PcrRead>(), detail::kTcsip_PcrRead},
+    {41, "Tcsip_Quote", kTracedLocked, Sends<&TPM_ORD_Quote>(), detail::kTcsip_Quote},
+    {42, "Tcsip_Quote2", kTracedLocked, Sends<&TPM_ORD_Quote2>(), detail::kTcsip_Quote2,
+     "versionInfo comes back empty when addVersion is false."},
+    {43, "Tcsip_DirWriteAuth", kTraced, Sends<&TPM_ORD_DirWriteAuth>(), detail::kTcsip_DirWriteAuth,
+     "Deprecated ordinal."},
+    {44, "Tcsip_DirRead", kTraced, Sends<&TPM_ORD_DirRead>(), detail::kTcsip_DirRead,
+     "Deprecated ordinal."},
+    {45, "Tcsip_Seal", kTracedLocked, Sends<&TPM_ORD_Seal>(), detail::kTcsip_Seal,
+     "PcrInfo may be empty."},
+    {46, "Tcsip_UnSeal", kTracedLocked, Sends<&TPM_ORD_Unseal>(), detail::kTcsip_UnSeal},
+    {47, "Tcsip_Unbind", kTracedInsideLock, Sends<&TPM_ORD_UnBind>(), detail::kTcsip_Unbind, "",
+     TraceStyle{.session_form = true}},
+    {48, "Tcsip_Sealx", kTracedLocked, Sends<&TPM_ORD_Sealx>(), detail::kTcsip_Sealx,
+     "Same list as Tcsip_Seal."},
+    {49, "Tcsip_CreateMigrationBlob", kTracedLocked, Sends<&TPM_ORD_CreateMigrationBlob>(),
+     detail::kTcsip_CreateMigrationBlob, "", TraceStyle{.session_form = true}},
+    {50, "Tcsip_ConvertMigrationBlob", kTracedLocked, Sends<&TPM_ORD_ConvertMigrationBlob>(),
+     detail::kTcsip_ConvertMigrationBlob, "", TraceStyle{.session_form = true}},
+    {51, "Tcsip_AuthorizeMigrationKey", kTraced, Sends<&TPM_ORD_AuthorizeMigrationKey>(),
+     detail::kTcsip_AuthorizeMigrationKey,
+     "The owner session is required, so the handler always traces its handle.",
+     TraceStyle{.session_form = true}},
+    {52, "Tcsip_SetOperatorAuth", kResultTraced, Sends<&TPM_ORD_SetOperatorAuth>(),
+     detail::kTcsip_SetOperatorAuth, "Needs physical presence, no session."},
+    {53, "Tcsip_CertifyKey", kTracedLocked, Sends<&TPM_ORD_CertifyKey>(),
      detail::kTcsip_CertifyKey},
-    {54, "Tcsip_CertifyKey2", "Tcsip_CertifyKey2", Frame::kB, false, 0x00000032,
-     detail::kTcsip_CertifyKey2},
-    {55, "Tcsip_Sign", "Tcsip_Sign", Frame::kB, false, 0x0000003C, detail::kTcsip_Sign},
-    {56, "Tcsip_GetRandom", "Tcsip_GetRandom", Frame::kA, false, 0x00000046,
-     detail::kTcsip_GetRandom},
-    {57, "Tcsip_StirRandom", "Tcsip_StirRandom", Frame::kA, false, 0x00000047,
-     detail::kTcsip_StirRandom},
-    {58, "Tcsip_GetCapability", "Tcsip_GetCapability", Frame::kA, false, 0x00000065,
+    {54, "Tcsip_CertifyKey2", kTracedLocked, Sends<&TPM_ORD_CertifyKey>(),
+     detail::kTcsip_CertifyKey2,
+     "Sends its sibling's ordinal, CertifyKey, not CertifyKey2's: the service's defined behaviour, "
+     "kept on purpose. Follows the TPM command's order: the certified key comes before the "
+     "certifying key, and its session is the first. MSAdigest is all zero for a key that is not a "
+     "certifiable migration key."},
+    {55, "Tcsip_Sign", kTracedLocked, Sends<&TPM_ORD_Sign>(), detail::kTcsip_Sign},
+    {56, "Tcsip_GetRandom", kTraced, Sends<&TPM_ORD_GetRandom>(), detail::kTcsip_GetRandom,
+     "bytesRequested carries the number wanted in and the number delivered out."},
+    {57, "Tcsip_StirRandom", kTraced, Sends<&TPM_ORD_StirRandom>(), detail::kTcsip_StirRandom},
+    {58, "Tcsip_GetCapability", kTraced, Sends<&TPM_ORD_GetCapability>(),
      detail::kTcsip_GetCapability},
-    {59, "Tcsip_GetCapabilitySigned", "Tcsip_GetCapabilitySigned", Frame::kB, false, 0x00000064,
-     detail::kTcsip_GetCapabilitySigned},
-    {60, "Tcsip_GetCapabilityOwner", "Tcsip_GetCapabilityOwner", Frame::kA, false, 0x00000066,
+    {59, "Tcsip_GetCapabilitySigned", kTracedLocked, Sends<&TPM_ORD_GetCapabilitySigned>(),
+     detail::kTcsip_GetCapabilitySigned,
+     "Ordinal removed from TPM 1.2; the TPM's answer is passed back."},
+    {60, "Tcsip_GetCapabilityOwner", kTraced, Sends<&TPM_ORD_GetCapabilityOwner>(),
      detail::kTcsip_GetCapabilityOwner},
-    {61, "Tcsip_CreateEndorsementKeyPair", "Tcsip_CreateEndorsementKeyPair", Frame::kA, false,
-     0x00000078, detail::kTcsip_CreateEndorsementKeyPair},
-    {62, "Tcsip_ReadPubek", "Tcsip_ReadPubek", Frame::kA, false, 0x0000007C,
-     detail::kTcsip_ReadPubek},
-    {63, "Tcsip_DisablePubekRead", "Tcsip_DisablePubekRead", Frame::kA, false, 0x0000007E,
-     detail::kTcsip_DisablePubekRead},
-    {64, "Tcsip_OwnerReadPubek", "Tcsip_OwnerReadPubek", Frame::kA, false, 0x0000007D,
-     detail::kTcsip_OwnerReadPubek},
-    {65, "Tcsip_SelfTestFull", "Tcsip_SelfTestFull", Frame::kA, false, 0x00000050,
+    {61, "Tcsip_CreateEndorsementKeyPair", kTraced, Sends<&TPM_ORD_CreateEndorsementKeyPair>(),
+     detail::kTcsip_CreateEndorsementKeyPair},
+    {62, "Tcsip_ReadPubek", kTraced, Sends<&TPM_ORD_ReadPubek>(), detail::kTcsip_ReadPubek},
+    {63, "Tcsip_DisablePubekRead", kTraced, Sends<&TPM_ORD_DisablePubekRead>(),
+     detail::kTcsip_DisablePubekRead, "Deprecated ordinal."},
+    {64, "Tcsip_OwnerReadPubek", kTraced, Sends<&TPM_ORD_OwnerReadPubek>(),
+     detail::kTcsip_OwnerReadPubek, "Deprecated ordinal."},
+    {65, "Tcsip_SelfTestFull", kTraced, Sends<&TPM_ORD_SelfTestFull>(),
      detail::kTcsip_SelfTestFull},
-    {66, "Tcsip_CertifySelfTest", "Tcsip_CertifySelfTest", Frame::kB, false, 0x00000052,
-     detail::kTcsip_CertifySelfTest},
-    {67, "Tcsip_ContinueSelfTest", "Tcsip_ContinueSelfTest", Frame::kA, false, 0x00000053,
+    {66, "Tcsip_CertifySelfTest", kTracedLocked, Sends<&TPM_ORD_CertifySelfTest>(),
+     detail::kTcsip_CertifySelfTest,
+     "Ordinal removed from TPM 1.2; the TPM's answer is passed back."},
+    {67, "Tcsip_ContinueSelfTest", kTraced, Sends<&TPM_ORD_ContinueSelfTest>(),
      detail::kTcsip_ContinueSelfTest},
-    {68, "Tcsip_GetTestResult", "Tcsip_GetTestResult", Frame::kA, false, 0x00000054,
+    {68, "Tcsip_GetTestResult", kTraced, Sends<&TPM_ORD_GetTestResult>(),
      detail::kTcsip_GetTestResult},
-    {69, "Tcsip_OwnerSetDisable", "Tcsip_OwnerSetDisable", Frame::kA, false, 0x0000006E,
+    {69, "Tcsip_OwnerSetDisable", kTraced, Sends<&TPM_ORD_OwnerSetDisable>(),
      detail::kTcsip_OwnerSetDisable},
-    {70, "Tcsip_OwnerClear", "Tcsip_OwnerClear", Frame::kA, false, 0x0000005B,
-     detail::kTcsip_OwnerClear},
-    {71, "Tcsip_DisableOwnerClear", "Tcsip_DisableOwnerClear", Frame::kA, false, 0x0000005C,
+    {70, "Tcsip_OwnerClear", kTraced, Sends<&TPM_ORD_OwnerClear>(), detail::kTcsip_OwnerClear},
+    {71, "Tcsip_DisableOwnerClear", kTraced, Sends<&TPM_ORD_DisableOwnerClear>(),
      detail::kTcsip_DisableOwnerClear},
-    {72, "Tcsip_ForceClear", "Tcsip_ForceClear", Frame::kA, false, 0x0000005D,
-     detail::kTcsip_ForceClear},
-    {73, "Tcsip_DisableForceClear", "Tcsip_DisableForceClear", Frame::kA, false, 0x0000005E,
+    {72, "Tcsip_ForceClear", kTraced, Sends<&TPM_ORD_ForceClear>(), detail::kTcsip_ForceClear},
+    {73, "Tcsip_DisableForceClear", kTraced, Sends<&TPM_ORD_DisableForceClear>(),
      detail::kTcsip_DisableForceClear},
-    {74, "Tcsip_PhysicalDisable", "Tcsip_PhysicalDisable", Frame::kA, false, 0x00000070,
+    {74, "Tcsip_PhysicalDisable", kTraced, Sends<&TPM_ORD_PhysicalDisable>(),
      detail::kTcsip_PhysicalDisable},
-    {75, "Tcsip_PhysicalEnable", "Tcsip_PhysicalEnable", Frame::kA, false, 0x0000006F,
+    {75, "Tcsip_PhysicalEnable", kTraced, Sends<&TPM_ORD_PhysicalEnable>(),
      detail::kTcsip_PhysicalEnable},
-    {76, "Tcsip_PhysicalSetDeactivated", "Tcsip_PhysicalSetDeactivated", Frame::kA, false,
-     0x00000072, detail::kTcsip_PhysicalSetDeactivated},
-    {77, "Tcsip_SetTempDeactivated", "Tcsip_SetTempDeactivated", Frame::kA, false, 0x00000073,
-     detail::kTcsip_SetTempDeactivated},
-    {78, "Tcsip_SetTempDeactivated2", "Tcsip_SetTempDeactivated2", Frame::kA, false, 0x00000073,
-     detail::kTcsip_SetTempDeactivated2},
-    {79, "Tcsip_PhysicalPresence", "Tcsip_PhysicalPresence", Frame::kA, false, 0x4000000A,
+    {76, "Tcsip_PhysicalSetDeactivated", kTraced, Sends<&TPM_ORD_PhysicalSetDeactivated>(),
+     detail::kTcsip_PhysicalSetDeactivated},
+    {77, "Tcsip_SetTempDeactivated", kTraced, Sends<&TPM_ORD_SetTempDeactivated>(),
+     detail::kTcsip_SetTempDeactivated, "The form without a session (physical presence)."},
+    {78, "Tcsip_SetTempDeactivated2", kTraced, Sends<&TPM_ORD_SetTempDeactivated>(),
+     detail::kTcsip_SetTempDeactivated2,
+     "With an operator session, or null to rely on physical presence. Sends the same ordinal as "
+     "Tcsip_SetTempDeactivated."},
+    {79, "Tcsip_PhysicalPresence", kTraced, Sends<&TSC_ORD_PhysicalPresence>(),
      detail::kTcsip_PhysicalPresence},
-    {80, "Tcsip_FieldUpgrade", "Tcsip_FieldUpgrade", Frame::kA, false, 0x000000AA,
-     detail::kTcsip_FieldUpgrade},
-    {81, "Tcsip_SetRedirection", "Tcsip_SetRedirection", Frame::kE, false, 0x0000009A,
-     detail::kTcsip_SetRedirection},
-    {82, "Tcsip_Delegate_Manage", "Tcsip_Delegate_Manage", Frame::kD, false, 0x000000D2,
+    {80, "Tcsip_FieldUpgrade", kTraced, Sends<&TPM_ORD_FieldUpgrade>(), detail::kTcsip_FieldUpgrade,
+     "The owner session is optional (without an owner the TPM relies on physical presence) and "
+     "sits between the inputs and the outputs."},
+    {81, "Tcsip_SetRedirection", kResultTracedLocked, Sends<&TPM_ORD_SetRedirection>(),
+     detail::kTcsip_SetRedirection,
+     "Takes what a TPM 1.2 needs: the redirection command and its variable input data under the "
+     "owner's session (the older form with two fixed words has no TPM 1.2 meaning)."},
+    {82, "Tcsip_Delegate_Manage", kResultTraced, Sends<&TPM_ORD_Delegate_Manage>(),
      detail::kTcsip_Delegate_Manage},
-    {83, "Tcsip_Delegate_CreateKeyDelegation", "Tcsip_Delegate_CreateKeyDelegation", Frame::kE,
-     false, 0x000000D4, detail::kTcsip_Delegate_CreateKeyDelegation},
-    {84, "Tcsip_Delegate_CreateOwnerDelegation", "Tcsip_Delegate_CreateOwnerDelegation", Frame::kD,
-     false, 0x000000D5, detail::kTcsip_Delegate_CreateOwnerDelegation},
-    {85, "Tcsip_Delegate_LoadOwnerDelegation", "Tcsip_Delegate_LoadOwnerDelegation", Frame::kD,
-     false, 0x000000D8, detail::kTcsip_Delegate_LoadOwnerDelegation},
-    {86, "Tcsip_Delegate_UpdateVerificationCount", "Tcsip_Delegate_UpdateVerificationCount",
-     Frame::kD, false, 0x000000D1, detail::kTcsip_Delegate_UpdateVerificationCount},
-    {87, "Tcsip_Delegate_VerifyDelegation", "Tcsip_Delegate_VerifyDelegation", Frame::kD, false,
-     0x000000D6, detail::kTcsip_Delegate_VerifyDelegation},
-    {88, "Tcsip_Delegate_ReadTable", "Tcsip_Delegate_ReadTable", Frame::kD, false, 0x000000DB,
+    {83, "Tcsip_Delegate_CreateKeyDelegation", kResultTracedLocked,
+     Sends<&TPM_ORD_Delegate_CreateKeyDelegat>(), detail::kTcsip_Delegate_CreateKeyDelegation},
+    {84, "Tcsip_Delegate_CreateOwnerDelegation", kResultTraced,
+     Sends<&TPM_ORD_Delegate_CreateOwnerDele>(), detail::kTcsip_Delegate_CreateOwnerDelegation},
+    {85, "Tcsip_Delegate_LoadOwnerDelegation", kResultTraced,
+     Sends<&TPM_ORD_Delegate_LoadOwnerDelega>(), detail::kTcsip_Delegate_LoadOwnerDelegation},
+    {86, "Tcsip_Delegate_UpdateVerificationCount", kResultTraced,
+     Sends<&TPM_ORD_Delegate_UpdateVerification>(), detail::kTcsip_Delegate_UpdateVerificationCount,
+     "Sends TPM_Delegate_UpdateVerification; input is a blob or a row index."},
+    {87, "Tcsip_Delegate_VerifyDelegation", kResultTraced,
+     Sends<&TPM_ORD_Delegate_VerifyDelegation>(), detail::kTcsip_Delegate_VerifyDelegation},
+    {88, "Tcsip_Delegate_ReadTable", kResultTraced, Sends<&TPM_ORD_Delegate_ReadTable>(),
      detail::kTcsip_Delegate_ReadTable},
-    {89, "Tcsip_NV_DefineOrReleaseSpace", "Tcsip_NV_DefineOrReleaseSpace", Frame::kD, false,
-     0x000000CC, detail::kTcsip_NV_DefineOrReleaseSpace},
-    {90, "Tcsip_NV_WriteValue", "Tcsip_NV_WriteValue", Frame::kD, false, 0x000000CD,
+    {89, "Tcsip_NV_DefineOrReleaseSpace", kResultTraced, Sends<&TPM_ORD_NV_DefineSpace>(),
+     detail::kTcsip_NV_DefineOrReleaseSpace,
+     "Defines the space; a public area with data size 0 releases it."},
+    {90, "Tcsip_NV_WriteValue", kResultTraced, Sends<&TPM_ORD_NV_WriteValue>(),
      detail::kTcsip_NV_WriteValue},
-    {91, "Tcsip_NV_WriteValueAuth", "Tcsip_NV_WriteValueAuth", Frame::kD, false, 0x000000CE,
+    {91, "Tcsip_NV_WriteValueAuth", kResultTraced, Sends<&TPM_ORD_NV_WriteValueAuth>(),
      detail::kTcsip_NV_WriteValueAuth},
-    {92, "Tcsip_NV_ReadValue", "Tcsip_NV_ReadValue", Frame::kD, false, 0x000000CF,
-     detail::kTcsip_NV_ReadValue},
-    {93, "Tcsip_NV_ReadValueAuth", "Tcsip_NV_ReadValueAuth", Frame::kD, false, 0x000000D0,
+    {92, "Tcsip_NV_ReadValue", kResultTraced, Sends<&TPM_ORD_NV_ReadValue>(),
+     detail::kTcsip_NV_ReadValue,
+     "pulDataLength carries the number wanted in and the number read out."},
+    {93, "Tcsip_NV_ReadValueAuth", kResultTraced, Sends<&TPM_ORD_NV_ReadValueAuth>(),
      detail::kTcsip_NV_ReadValueAuth},
-    {94, "Tcsip_CreateMaintenanceArchive", "Tcsip_CreateMaintenanceArchive", Frame::kD, false,
-     0x0000002C, detail::kTcsip_CreateMaintenanceArchive},
-    {95, "Tcsip_LoadMaintenanceArchive", "Tcsip_LoadMaintenanceArchive", Frame::kD, false,
-     0x0000002D, detail::kTcsip_LoadMaintenanceArchive},
-    {96, "Tcsip_KillMaintenanceFeature", "Tcsip_KillMaintenanceFeature", Frame::kD, false,
-     0x0000002E, detail::kTcsip_KillMaintenanceFeature},
-    {97, "Tcsip_LoadManuMaintPub", "Tcsip_LoadManuMaintPub", Frame::kD, false, 0x0000002F,
+    {94, "Tcsip_CreateMaintenanceArchive", kResultTraced,
+     Sends<&TPM_ORD_CreateMaintenanceArchive>(), detail::kTcsip_CreateMaintenanceArchive},
+    {95, "Tcsip_LoadMaintenanceArchive", kResultTraced, Sends<&TPM_ORD_LoadMaintenanceArchive>(),
+     detail::kTcsip_LoadMaintenanceArchive,
+     "A TPM 1.2 returns no data here; dataOut comes back empty."},
+    {96, "Tcsip_KillMaintenanceFeature", kResultTraced, Sends<&TPM_ORD_KillMaintenanceFeature>(),
+     detail::kTcsip_KillMaintenanceFeature},
+    {97, "Tcsip_LoadManuMaintPub", kResultTraced, Sends<&TPM_ORD_LoadManuMaintPub>(),
      detail::kTcsip_LoadManuMaintPub},
-    {98, "Tcsip_ReadManuMaintPub", "Tcsip_ReadManuMaintPub", Frame::kD, false, 0x00000030,
+    {98, "Tcsip_ReadManuMaintPub", kResultTraced, Sends<&TPM_ORD_ReadManuMaintPub>(),
      detail::kTcsip_ReadManuMaintPub},
-    {99, "Tcsip_CreateRevocableEndorsementKeyPair", "Tcsip_CreateRevocableEndorsementKeyPair",
-     Frame::kD, false, 0x0000007F, detail::kTcsip_CreateRevocableEndorsementKeyPair},
-    {100, "Tcsip_RevokeEndorsementKeyPair", "Tcsip_RevokeEndorsementKeyPair", Frame::kD, false,
-     0x00000080, detail::kTcsip_RevokeEndorsementKeyPair},
-    {101, "Tcsip_PcrReset", "Tcsip_PcrReset", Frame::kD, false, 0x000000C8,
-     detail::kTcsip_PcrReset},
-    {102, "Tcsip_ReadCounter", "Tcsip_ReadCounter", Frame::kD, false, 0x000000DE,
+    {99, "Tcsip_CreateRevocableEndorsementKeyPair", kResultTraced,
+     Sends<&TPM_ORD_CreateRevocableEK>(), detail::kTcsip_CreateRevocableEndorsementKeyPair,
+     "eKResetAuth is the reset value given (in) and the one the TPM made (out)."},
+    {100, "Tcsip_RevokeEndorsementKeyPair", kResultTraced, Sends<&TPM_ORD_RevokeTrust>(),
+     detail::kTcsip_RevokeEndorsementKeyPair},
+    {101, "Tcsip_PcrReset", kResultTraced, Sends<&TPM_ORD_PCR_Reset>(), detail::kTcsip_PcrReset},
+    {102, "Tcsip_ReadCounter", kResultTraced, Sends<&TPM_ORD_ReadCounter>(),
      detail::kTcsip_ReadCounter},
-    {103, "Tcsip_CreateCounter", "Tcsip_CreateCounter", Frame::kD, false, 0x000000DC,
-     detail::kTcsip_CreateCounter},
-    {104, "Tcsip_IncrementCounter", "Tcsip_IncrementCounter", Frame::kD, false, 0x000000DD,
+    {103, "Tcsip_CreateCounter", kResultTraced, Sends<&TPM_ORD_CreateCounter>(),
+     detail::kTcsip_CreateCounter,
+     "The label is 4 bytes. Outputs come in this order, not in the TPM's."},
+    {104, "Tcsip_IncrementCounter", kResultTraced, Sends<&TPM_ORD_IncrementCounter>(),
      detail::kTcsip_IncrementCounter},
-    {105, "Tcsip_ReleaseCounter", "Tcsip_ReleaseCounter", Frame::kD, false, 0x000000DF,
+    {105, "Tcsip_ReleaseCounter", kResultTraced, Sends<&TPM_ORD_ReleaseCounter>(),
      detail::kTcsip_ReleaseCounter},
-    {106, "Tcsip_ReleaseCounterOwner", "Tcsip_ReleaseCounterOwner", Frame::kD, false, 0x000000DF,
-     detail::kTcsip_ReleaseCounterOwner},
-    {107, "Tcsip_TPM_ReadCurrentTicks", "Tcsip_TPM_ReadCurrentTicks", Frame::kD, false, 0x000000F1,
-     detail::kTcsip_TPM_ReadCurrentTicks},
-    {108, "Tcsip_TickStampBlob", "Tcsip_TickStampBlob", Frame::kE, false, 0x000000F2,
-     detail::kTcsip_TickStampBlob},
-    {109, "Tcsip_TPM_DAA_Join", "Tcsip_TPM_DAA_Join", Frame::kD, false, 0x00000029,
-     detail::kTcsip_TPM_DAA_Join},
-    {110, "Tcsip_TPM_DAA_Sign", "Tcsip_TPM_DAA_Sign", Frame::kD, false, 0x00000031,
+    {106, "Tcsip_ReleaseCounterOwner", kResultTraced, Sends<&TPM_ORD_ReleaseCounter>(),
+     detail::kTcsip_ReleaseCounterOwner,
+     "Sends its sibling's ordinal, ReleaseCounter, with tag 0x00C2, not ReleaseCounterOwner's: the "
+     "service's defined behaviour, kept on purpose."},
+    {107, "Tcsip_TPM_ReadCurrentTicks", kResultTraced, Sends<&TPM_ORD_GetTicks>(),
+     detail::kTcsip_TPM_ReadCurrentTicks,
+     "Sends TPM_GetTicks; the result is the TPM's current-ticks structure."},
+    {108, "Tcsip_TickStampBlob", kResultTracedLocked, Sends<&TPM_ORD_TickStampBlob>(),
+     detail::kTcsip_TickStampBlob, "Outputs come in this order, not in the TPM's."},
+    {109, "Tcsip_TPM_DAA_Join", kResultTraced, Sends<&TPM_ORD_DAA_Join>(),
+     detail::kTcsip_TPM_DAA_Join, "handle is the join session, 0 at stage 0."},
+    {110, "Tcsip_TPM_DAA_Sign", kResultTraced, Sends<&TPM_ORD_DAA_Sign>(),
      detail::kTcsip_TPM_DAA_Sign},
-    {111, "Tcsip_MigrateKey", "Tcsip_MigrateKey", Frame::kE, false, 0x00000025,
-     detail::kTcsip_MigrateKey},
-    {112, "Tcsip_CMK_SetRestrictions", "Tcsip_CMK_SetRestrictions", Frame::kD, false, 0x0000001C,
+    {111, "Tcsip_MigrateKey", kResultTracedLocked, Sends<&TPM_ORD_MigrateKey>(),
+     detail::kTcsip_MigrateKey, "ownerAuth authorises the migration-authority key hMaKey."},
+    {112, "Tcsip_CMK_SetRestrictions", kResultTraced, Sends<&TPM_ORD_CMK_SetRestrictions>(),
      detail::kTcsip_CMK_SetRestrictions},
-    {113, "Tcsip_CMK_ApproveMA", "Tcsip_CMK_ApproveMA", Frame::kD, false, 0x0000001D,
+    {113, "Tcsip_CMK_ApproveMA", kResultTraced, Sends<&TPM_ORD_CMK_ApproveMA>(),
      detail::kTcsip_CMK_ApproveMA},
-    {114, "Tcsip_CMK_CreateKey", "Tcsip_CMK_CreateKey", Frame::kE, false, 0x00000013,
-     detail::kTcsip_CMK_CreateKey},
-    {115, "Tcsip_CMK_CreateTicket", "Tcsip_CMK_CreateTicket", Frame::kD, false, 0x00000012,
+    {114, "Tcsip_CMK_CreateKey", kResultTracedLocked, Sends<&TPM_ORD_CMK_CreateKey>(),
+     detail::kTcsip_CMK_CreateKey,
+     "keyDataSize and prgbKeyData carry the key template in and the wrapped key out."},
+    {115, "Tcsip_CMK_CreateTicket", kResultTraced, Sends<&TPM_ORD_CMK_CreateTicket>(),
      detail::kTcsip_CMK_CreateTicket},
-    {116, "Tcsip_CMK_CreateBlob", "Tcsip_CMK_CreateBlob", Frame::kE, false, 0x0000001B,
-     detail::kTcsip_CMK_CreateBlob},
-    {117, "Tcsip_CMK_ConvertMigration", "Tcsip_CMK_ConvertMigration", Frame::kE, false, 0x00000024,
+    {116, "Tcsip_CMK_CreateBlob", kResultTracedLocked, Sends<&TPM_ORD_CMK_CreateBlob>(),
+     detail::kTcsip_CMK_CreateBlob, "restrictTicket and sigTicket may be empty."},
+    {117, "Tcsip_CMK_ConvertMigration", kResultTracedLocked, Sends<&TPM_ORD_CMK_ConvertMigration>(),
      detail::kTcsip_CMK_ConvertMigration},
-    {118, "Tcsip_SetCapability", "Tcsip_SetCapability", Frame::kD, false, 0x0000003F,
-     detail::kTcsip_SetCapability},
-    {119, "Tcsip_GetAuditDigest", "Tcsip_GetAuditDigest", Frame::kD, false, 0x00000085,
-     detail::kTcsip_GetAuditDigest},
-    {120, "Tcsip_GetAuditDigestSigned", "Tcsip_GetAuditDigestSigned", Frame::kE, false, 0x00000086,
+    {118, "Tcsip_SetCapability", kResultTraced, Sends<&TPM_ORD_SetCapability>(),
+     detail::kTcsip_SetCapability,
+     "Some capabilities are gated by physical presence instead of the owner."},
+    {119, "Tcsip_GetAuditDigest", kResultTraced, Sends<&TPM_ORD_GetAuditDigest>(),
+     detail::kTcsip_GetAuditDigest,
+     "ordSize is the number of ordinals in ordList (the TPM counts bytes; the service divides by "
+     "four). Outputs come in this order, not in the TPM's."},
+    {120, "Tcsip_GetAuditDigestSigned", kResultTracedLocked, Sends<&TPM_ORD_GetAuditDigestSigned>(),
      detail::kTcsip_GetAuditDigestSigned},
-    {121, "Tcsip_SetOrdinalAuditStatus", "Tcsip_SetOrdinalAuditStatus", Frame::kD, false,
-     0x0000008D, detail::kTcsip_SetOrdinalAuditStatus},
-    {122, "Tcsip_ResetLockValue", "Tcsip_ResetLockValue", Frame::kD, false, 0x00000040,
+    {121, "Tcsip_SetOrdinalAuditStatus", kResultTraced, Sends<&TPM_ORD_SetOrdinalAuditStatus>(),
+     detail::kTcsip_SetOrdinalAuditStatus,
+     "This operation's own list puts the owner session right after the context."},
+    {122, "Tcsip_ResetLockValue", kResultTraced, Sends<&TPM_ORD_ResetLockValue>(),
      detail::kTcsip_ResetLockValue},
-    {123, "Tcsi_Reserved123", "Tcsi_Reserved123", Frame::kReserved, false, 0,
-     detail::kTcsi_Reserved123},
-    {124, "Tcsi_Reserved124", "Tcsi_Reserved124", Frame::kReserved, false, 0,
-     detail::kTcsi_Reserved124},
-    {125, "Tcsi_Reserved125", "Tcsi_Reserved125", Frame::kReserved, false, 0,
-     detail::kTcsi_Reserved125},
+    {123, "Tcsi_Reserved123", kNoHandler, kNoOrdinal, detail::kTcsi_Reserved123,
+     detail::kReservedNote},
+    {124, "Tcsi_Reserved124", kNoHandler, kNoOrdinal, detail::kTcsi_Reserved124,
+     detail::kReservedNote},
+    {125, "Tcsi_Reserved125", kNoHandler, kNoOrdinal, detail::kTcsi_Reserved125,
+     detail::kReservedNote},
 }};
 
 // The index of the size parameter of `op.params[index]` (kArray, kArrayPtr), or nullopt when the
@@ -1433,5 +1453,20 @@ constexpr const Operation* FindOperation(uint32_t opnum) {
 
 // The operation with this name, or null.
 const Operation* FindOperation(std::string_view name);
+
+namespace detail {
+// Deliberately not constexpr: reaching it in OpnumOf stops the compilation.
+void NoOperationHasThisName();
+}  // namespace detail
+
+// The opnum of the operation called `name`, the way code names an operation; a name the table does
+// not have does not compile.
+consteval uint16_t OpnumOf(std::string_view name) {
+  for (const Operation& op : kOperations) {
+    if (op.name == name) return op.opnum;
+  }
+  detail::NoOperationHasThisName();
+  return 0;
+}
 
 }  // namespace kesttcs::rpc

@@ -23,8 +23,8 @@ namespace {
 
 using rpc::Operation;
 
-constexpr uint16_t kOpenContext = 3;
-constexpr uint16_t kCloseContext = 4;
+constexpr uint16_t kOpenContext = rpc::OpnumOf("Tcsi_OpenContext");
+constexpr uint16_t kCloseContext = rpc::OpnumOf("Tcsi_CloseContext");
 
 // Runs the operation's frame; the internal call is refused when the caller does not own the
 // context it presents. A call holds its context open until its outputs have left the context's
@@ -75,7 +75,7 @@ uint32_t DispatchTcsCall(const dcerpc::CallInfo& info, uint16_t opnum,
   const Operation* op = rpc::FindOperation(opnum);
   if (op == nullptr) return dcerpc::kNcaOpRangeError;
   dcerpc::NdrWriter writer(stub_out);
-  if (op->frame == rpc::Frame::kReserved) {
+  if (!op->frame.has_handler) {
     writer.WriteUint32(TCS_E_NOTIMPL);
     return 0;
   }

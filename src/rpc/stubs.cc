@@ -52,8 +52,8 @@ void WriteRaw(NdrWriter& w, const void* in, size_t n) {
   w.WriteBytes(std::span<const uint8_t>(static_cast<const uint8_t*>(in), n));
 }
 
-bool Read(NdrReader& r, Digest& d) { return r.ReadFixed(d); }
-void Write(NdrWriter& w, const Digest& d) { w.WriteBytes(d); }
+bool Read(NdrReader& r, TPM_DIGEST& d) { return ReadRaw(r, &d, sizeof(d)); }
+void Write(NdrWriter& w, const TPM_DIGEST& d) { WriteRaw(w, &d, sizeof(d)); }
 
 bool Read(NdrReader& r, TPM_VERSION& v) { return ReadRaw(r, &v, sizeof(v)); }
 void Write(NdrWriter& w, const TPM_VERSION& v) { WriteRaw(w, &v, sizeof(v)); }
@@ -89,30 +89,30 @@ void Write(NdrWriter& w, const TPM_AUTH& a) {
 }
 
 bool Read(NdrReader& r, TCS_LOADKEY_INFO& k) {
-  return Read(r, k.keyUUID) && Read(r, k.parentKeyUUID) &&
-         ReadRaw(r, &k.paramDigest, sizeof(k.paramDigest)) && Read(r, k.authData);
+  return Read(r, k.keyUUID) && Read(r, k.parentKeyUUID) && Read(r, k.paramDigest) &&
+         Read(r, k.authData);
 }
 void Write(NdrWriter& w, const TCS_LOADKEY_INFO& k) {
   Write(w, k.keyUUID);
   Write(w, k.parentKeyUUID);
-  WriteRaw(w, &k.paramDigest, sizeof(k.paramDigest));
+  Write(w, k.paramDigest);
   Write(w, k.authData);
 }
 
-bool Read(NdrReader& r, CounterValue& c) {
-  return r.ReadUint16(c.tag) && r.ReadFixed(c.label) && r.ReadUint32(c.counter);
+bool Read(NdrReader& r, TPM_COUNTER_VALUE& c) {
+  return r.ReadUint16(c.tag) && ReadRaw(r, c.label, sizeof(c.label)) && r.ReadUint32(c.counter);
 }
-void Write(NdrWriter& w, const CounterValue& c) {
+void Write(NdrWriter& w, const TPM_COUNTER_VALUE& c) {
   w.WriteUint16(c.tag);
-  w.WriteBytes(c.label);
+  WriteRaw(w, c.label, sizeof(c.label));
   w.WriteUint32(c.counter);
 }
 
-bool Read(NdrReader& r, CmkAuth& c) {
+bool Read(NdrReader& r, TPM_CMK_AUTH& c) {
   return Read(r, c.migrationAuthorityDigest) && Read(r, c.destinationKeyDigest) &&
          Read(r, c.sourceKeyDigest);
 }
-void Write(NdrWriter& w, const CmkAuth& c) {
+void Write(NdrWriter& w, const TPM_CMK_AUTH& c) {
   Write(w, c.migrationAuthorityDigest);
   Write(w, c.destinationKeyDigest);
   Write(w, c.sourceKeyDigest);
@@ -443,7 +443,7 @@ Value ValueFor(const Param& param) {
   }
   switch (param.kind) {
     case Kind::kDigest:
-      return Digest{};
+      return TPM_DIGEST{};
     case Kind::kAuth:
       return TPM_AUTH{};
     case Kind::kUuid:
@@ -451,9 +451,9 @@ Value ValueFor(const Param& param) {
     case Kind::kVersion:
       return TPM_VERSION{};
     case Kind::kCounterValue:
-      return CounterValue{};
+      return TPM_COUNTER_VALUE{};
     case Kind::kCmkAuth:
-      return CmkAuth{};
+      return TPM_CMK_AUTH{};
     case Kind::kPcrEvent:
       return PcrEvent{};
     case Kind::kKeyInfo:

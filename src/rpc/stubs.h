@@ -20,7 +20,6 @@
 
 #include <kesttcs/tcs_types.h>
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <variant>
@@ -36,21 +35,6 @@ namespace kesttcs::rpc {
 dcerpc::SyntaxId TcsInterfaceSyntax();
 
 using Bytes = std::vector<uint8_t>;
-using Digest = std::array<uint8_t, 20>;
-
-struct CounterValue {
-  uint16_t tag = 0;
-  std::array<uint8_t, 4> label{};
-  uint32_t counter = 0;
-  bool operator==(const CounterValue&) const = default;
-};
-
-struct CmkAuth {
-  Digest migrationAuthorityDigest{};
-  Digest destinationKeyDigest{};
-  Digest sourceKeyDigest{};
-  bool operator==(const CmkAuth&) const = default;
-};
 
 // TSS_PCR_EVENT with owned data; a null pointer on the wire is nullopt. The lengths travel as
 // given; when data is present its size must equal its length.
@@ -78,14 +62,14 @@ struct KeyInfo {
 // The value of one parameter. Which alternative it holds follows from the parameter's kind and
 // form (ValueFor() makes the right empty one):
 //   single scalar (any integer kind)  uint64_t
-//   single structure                  Digest, TPM_AUTH, TSS_UUID, TPM_VERSION, CounterValue,
-//                                     CmkAuth, PcrEvent, KeyInfo or TCS_LOADKEY_INFO
+//   single structure                  the C structure of <kesttcs/tcs_types.h> (TPM_DIGEST for
+//                                     every 20-byte kind), or PcrEvent or KeyInfo
 //   array of BYTE or TSS_BOOL         Bytes
 //   array of a 32-bit kind            std::vector<uint32_t>
 //   array of structures               std::vector<PcrEvent> or std::vector<KeyInfo>
-using Value = std::variant<uint64_t, Digest, TPM_AUTH, TSS_UUID, TPM_VERSION, CounterValue, CmkAuth,
-                           PcrEvent, KeyInfo, TCS_LOADKEY_INFO, Bytes, std::vector<uint32_t>,
-                           std::vector<PcrEvent>, std::vector<KeyInfo>>;
+using Value = std::variant<uint64_t, TPM_DIGEST, TPM_AUTH, TSS_UUID, TPM_VERSION, TPM_COUNTER_VALUE,
+                           TPM_CMK_AUTH, PcrEvent, KeyInfo, TCS_LOADKEY_INFO, Bytes,
+                           std::vector<uint32_t>, std::vector<PcrEvent>, std::vector<KeyInfo>>;
 
 struct Arg {
   // False for a null pointer (Form::kUnique, kPtr, kArrayPtr); always true for the other forms.

@@ -282,7 +282,7 @@ TEST_F(RpcClientTest, TraceTextsPerFrameVariant) {
                   "TCS:TCSMakehContext=" + h_lower + "\n"));
 
   TSS_RESULT r = 0;
-  TcsCap(h, 2, 0, &r);  // A
+  TcsCap(h, 2, 0, &r);  // kTraced
   EXPECT_THAT(
       TakeTraces(),
       ElementsAre("TCS:RecvApiCall:Tcsi_GetCapability start:hContext=" + H + "\n",
@@ -290,7 +290,7 @@ TEST_F(RpcClientTest, TraceTextsPerFrameVariant) {
 
   UINT32 ticksSize = 0;
   BYTE* ticks = nullptr;
-  ASSERT_EQ(Tcsip_TPM_ReadCurrentTicks(h, &ticksSize, &ticks), TSS_SUCCESS);  // D
+  ASSERT_EQ(Tcsip_TPM_ReadCurrentTicks(h, &ticksSize, &ticks), TSS_SUCCESS);  // kResultTraced
   Tcs_FreeBuffer(ticks);
   std::vector<std::string> lines;
   for (const std::string& l : TakeTraces()) {
@@ -308,7 +308,7 @@ TEST_F(RpcClientTest, TraceTextsPerFrameVariant) {
                                  "TCS:RecvApiCall:Tcsip_SelfTestFull:hContext=" + H +
                                      ",result=0x00000000\n"));
 
-  // B with the session form, on an operation the service does not implement yet.
+  // kTracedLocked with the session form, on an operation the service does not implement yet.
   TPM_AUTH auth{};
   auth.AuthHandle = 0x01020304;
   TCS_KEY_HANDLE key = 0, hmac = 0;
@@ -323,7 +323,7 @@ TEST_F(RpcClientTest, TraceTextsPerFrameVariant) {
                                                 std::string(hex) + ",hContext=" + H +
                                                 ",hUnwrappingkey=0x40000000,hKey=")));
 
-  // C: both lines under the lock, then the unlock line.
+  // kTracedInsideLock: both lines under the lock, then the unlock line.
   UINT32 outSize = 0;
   BYTE* out = nullptr;
   const TSS_RESULT ub = Tcsip_Unbind(h, 0x22330000, 4, blob, nullptr, &outSize, &out);
@@ -336,12 +336,12 @@ TEST_F(RpcClientTest, TraceTextsPerFrameVariant) {
   ASSERT_TRUE(ApiSerialisationLock().native().try_lock());
   ApiSerialisationLock().native().unlock();
 
-  // F: vendor commands trace nothing of the frame.
+  // kSilentLocked: vendor commands trace nothing of the frame.
   BYTE data[4] = {};
   Tcsip_VendorCommand1(h, 1, 4, data);
   for (const std::string& l : TakeTraces()) EXPECT_FALSE(l.starts_with("TCS:RecvApiCall")) << l;
 
-  ASSERT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);  // B with its extra line
+  ASSERT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);  // kTracedLocked, with its extra line
   EXPECT_THAT(TakeTraces(),
               ::testing::IsSupersetOf(
                   {"TCS:RecvApiCall:Tcsi_CloseContext start:hContext=" + H + "\n",
@@ -463,10 +463,10 @@ TEST_F(RpcClientTest, FaultsAndServiceGone) {
   ASSERT_EQ(raw.ConnectUnix(socket_), dcerpc::kRpcOk);
   ASSERT_EQ(raw.Bind(rpc::TcsInterfaceSyntax()), dcerpc::kRpcOk);
   std::vector<uint8_t> out;
-  EXPECT_EQ(raw.Call(126, {}, out), dcerpc::kNcaOpRangeError);
+  EXPECT_EQ(raw.Call(rpc::kOperationCount, {}, out), dcerpc::kNcaOpRangeError);
   const std::vector<uint8_t> garbage = {1, 2, 3};
-  EXPECT_EQ(raw.Call(6, garbage, out), dcerpc::kRpcBadStubData);
-  ASSERT_EQ(raw.Call(124, garbage, out), dcerpc::kRpcOk);
+  EXPECT_EQ(raw.Call(rpc::OpnumOf("Tcsi_GetCapability"), garbage, out), dcerpc::kRpcBadStubData);
+  ASSERT_EQ(raw.Call(rpc::OpnumOf("Tcsi_Reserved124"), garbage, out), dcerpc::kRpcOk);
   EXPECT_EQ(out, (std::vector<uint8_t>{0x06, 0x20, 0x28, 0xE0}));
 
   // The service stops while the host waits for the end of listening, and the stop path goes on

@@ -1,11 +1,15 @@
 // The generic stubs: round trips over every opnum with generated arguments, byte-exact wire
-// layouts for a few operations, and rejection of every malformed request.
+// layouts for a few operations and for every fixed structure as its declaration lays it out, and
+// rejection of every malformed request.
 #include "rpc/stubs.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
+
+#include "rpc/c_layout.h"
 
 namespace kesttcs::rpc {
 namespace {
@@ -239,6 +243,75 @@ TEST(StubsTest, LoadKeyByBlobWireLayout) {
   ASSERT_TRUE(UnmarshalRequest(reader, server));
   EXPECT_EQ(server.auth(4), nullptr);
   EXPECT_EQ(server.bytes(3), (Bytes{0xAA, 0xBB, 0xCC}));
+}
+
+// A declared type with its typedefs followed to the base type or structure they name.
+const WireType& Resolved(std::string_view name) {
+  const WireType* type = FindWireType(name);
+  while (!type->alias_of.empty()) type = FindWireType(type->alias_of);
+  return *type;
+}
+
+size_t RoundUp(size_t n, size_t to) { return (n + to - 1) / to * to; }
+
+// Size of a base type; alignment of any fixed type, the same in C and in NDR: a base type's size,
+// a structure's widest member.
+size_t BaseSize(const WireType& base) { return CSize(*base.kind); }
+size_t AlignOf(std::string_view name) {
+  const WireType& type = Resolved(name);
+  if (!type.is_struct()) return BaseSize(type);
+  size_t align = 1;
+  for (const Field& f : type.fields) align = std::max(align, AlignOf(f.type));
+  return align;
+}
+
+// Appends the NDR form of the C object `c` of the declared type `name` to `ndr`, member by member
+// as the declaration lists them (each member aligned within the stub, padding zero), and returns
+// the object's C size.
+size_t AppendAsDeclared(std::string_view name, const uint8_t* c, Bytes& ndr) {
+  const WireType& type = Resolved(name);
+  if (!type.is_struct()) {
+    ndr.resize(RoundUp(ndr.size(), BaseSize(type)));
+    ndr.insert(ndr.end(), c, c + BaseSize(type));  // NDR little-endian, as this host
+    return BaseSize(type);
+  }
+  ndr.resize(RoundUp(ndr.size(), AlignOf(name)));
+  size_t offset = 0;
+  for (const Field& f : type.fields) {
+    for (uint32_t i = 0; i < std::max(f.count, 1u); ++i) {
+      offset = RoundUp(offset, AlignOf(f.type));
+      offset += AppendAsDeclared(f.type, c + offset, ndr);
+    }
+  }
+  return RoundUp(offset, AlignOf(name));
+}
+
+TEST(StubsTest, FixedStructuresTravelAsDeclared) {
+  // Every structure a parameter can be (those without embedded data, whose layout the tests above
+  // pin) is sent member by member as rpc/interface_types.h declares it, and its C layout has the
+  // size the declaration implies.
+  Generator gen(3);
+  int checked = 0;
+  for (const TypeGroup& group : kInterfaceTypes) {
+    for (const WireType& type : group.types) {
+      const bool embedded_data = std::any_of(type.fields.begin(), type.fields.end(),
+                                             [](const Field& f) { return !f.size_is.empty(); });
+      if (!type.is_struct() || !type.kind || embedded_data) continue;
+      SCOPED_TRACE(std::string(type.name));
+      std::array<uint8_t, kMaxCSize> c;
+      for (uint8_t& b : c) b = static_cast<uint8_t>(gen.Below(256));
+      Bytes expected;
+      EXPECT_EQ(AppendAsDeclared(type.name, c.data(), expected), CSize(*type.kind));
+
+      const Param param[] = {{"value", type.name, *type.kind, Dir::kIn, Form::kValue, {}}};
+      const Operation op{0, "Send", kTraced, kNoOrdinal, param};
+      CallFrame frame(op);
+      frame.arg(0).value = SingleFromC(*type.kind, c.data());
+      EXPECT_EQ(Request(frame), expected);
+      ++checked;
+    }
+  }
+  EXPECT_EQ(checked, 9);  // three 20-byte structures and six others
 }
 
 TEST(StubsTest, PcrEventArrayDefersItsDataUntilAfterAllEvents) {
