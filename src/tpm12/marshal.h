@@ -4,9 +4,10 @@
 // list beside its declaration (tpm_structures.h; layouts in docs/formats.md).
 //
 // Bytes are reached through the cursors of blob_cursor.h, so every access is checked first and a
-// refused one touches nothing and leaves the offset where it was. A structure goes field by field:
-// when a field fails, the fields before it stay written (or stay in the output structure) and the
-// offset is left after them. Reads of sized parts check the size field against the bytes that
+// refused one touches nothing and leaves the offset where it was. A structure goes field by field
+// and stops at the first that fails: the fields before it stay written (or stay in the output
+// structure) and the offset is left after them (after the size field, when a read refuses the
+// part that a size announces). Reads of sized parts check the size field against the bytes that
 // remain before allocating, so a malformed length never allocates or reads out of bounds. An
 // allocation failure returns TCS_E_OUTOFMEMORY and stops at that field.
 //

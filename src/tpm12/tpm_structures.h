@@ -37,8 +37,8 @@ using TPM_FAMILY_ID = UINT32;
 using TPM_FAMILY_VERIFICATION = UINT32;
 using TPM_DELEGATE_TYPE = UINT32;
 
-// ---- The records of the interface (kesttcs/tcs_types.h) that travel inside TPM structures ----
-// TPM_AUTH has no field list: it travels as an authorisation trailer (see marshal.h).
+// ---- Wire forms of the interface records declared in kesttcs/tcs_types.h ----
+// TPM_AUTH has none: it travels as an authorisation trailer (see marshal.h).
 
 template <>
 struct WireForm<TPM_VERSION> : StoredBytes {};

@@ -544,6 +544,31 @@ TEST(MarshalTest, AllocationFailureStopsAtTheFieldAndKeepsEarlierParts) {
   EXPECT_EQ(br.offset(), 0);
 }
 
+TEST(MarshalTest, AFailingNestedFieldStopsTheWalkAndKeepsWhatCameBefore) {
+  // The input ends inside pubKey, a nested structure whose size claims 4 bytes where 2 remain.
+  const std::vector<BYTE> wire = Hex(kSampleKeyHex);
+  const std::vector<BYTE> cut(wire.begin(), wire.begin() + 45);
+  TPM_KEY key;
+  key.pubKey = {1, Hex("aa")};
+  key.encSize = 1;
+  key.encData = Hex("bb");
+  BlobReader r(cut);
+  EXPECT_EQ(UnloadBlob(r, &key), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(key.keyUsage, 0x0011);
+  EXPECT_EQ(ToHex(key.algorithmParms.parms), "000008000000000200000000");
+  EXPECT_EQ(key.pubKey.keyLength, 1u);
+  EXPECT_EQ(ToHex(key.pubKey.key), "aa");
+  EXPECT_EQ(ToHex(key.encData), "bb");
+  EXPECT_EQ(r.offset(), 43);  // past the size field that lied, and no further
+
+  // Writing stops before the first part that does not fit, with everything before it in place.
+  std::vector<BYTE> small(45);
+  BlobWriter w(small);
+  EXPECT_EQ(LoadBlob(w, SampleKey()), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(w.offset(), 39);
+  EXPECT_EQ(ToHex(w.written()), ToHex(std::span(wire).first(39)));
+}
+
 TEST(MarshalTest, LyingLengthsAreRefusedBeforeAllocating) {
   // Each size field claims more bytes than remain; no allocation is even attempted.
   const std::string cases[] = {
