@@ -1,6 +1,6 @@
 // How LoadBlob and UnloadBlob (marshal.h) walk a structure's field list (wire_form.h): a
 // WriteField/ReadField pair per kind of field, and the storage of sized parts. Internal to
-// marshal.h, which defines Write and Read, where every field that is a value leads back.
+// marshal.h; include that instead.
 #pragma once
 
 #include <kesttcs/tcs_results.h>
@@ -22,7 +22,7 @@
 
 namespace kesttcs::marshal_internal {
 
-// LoadBlob and UnloadBlob.
+// LoadBlob and UnloadBlob: what a field that is a value comes back to (defined in marshal.h).
 template <class T>
 TSS_RESULT Write(BlobWriter& blob, const T& in) noexcept;
 template <class T>
@@ -75,6 +75,7 @@ template <class T>
 void Empty(std::vector<T>& items) noexcept {
   std::vector<T>().swap(items);
 }
+// A raw array belongs to the Unloaded holding its record, so emptying or replacing it deletes it.
 inline void Empty(BYTE*& items) noexcept { delete[] std::exchange(items, nullptr); }
 
 template <class T>

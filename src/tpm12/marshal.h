@@ -197,7 +197,8 @@ TSS_RESULT Write(BlobWriter& blob, const T& in) noexcept {
   } else if constexpr (std::same_as<T, TPM_AUTH>) {
     return LoadBlob_Auth(blob, in);
   } else {
-    static_assert(Listed<T>, "no wire form: give the structure a WireForm");
+    static_assert(Listed<T>,
+                  "not marshallable: use a wire integer (UINT32{x}), bytes or a WireForm");
     return WriteFields(blob, in, WireForm<T>::kFields);
   }
 }
@@ -211,7 +212,8 @@ TSS_RESULT Read(BlobReader& blob, T* out) noexcept {
   } else if constexpr (std::same_as<T, TPM_AUTH>) {
     return UnloadBlob_Auth(blob, out);
   } else {
-    static_assert(Listed<T>, "no wire form: give the structure a WireForm");
+    static_assert(Listed<T>,
+                  "not marshallable: use a wire integer (UINT32{x}), bytes or a WireForm");
     static_assert(!HoldsRawArrays<T>, "read a record with raw arrays into an Unloaded");
     if (out == nullptr) {
       T scratch{};
