@@ -93,6 +93,10 @@ template <class... Fields>
 [[nodiscard]] inline TSS_RESULT UnloadBlob_UINT32(BlobReader& blob, UINT32* out) noexcept {
   return UnloadBlob(blob, out);
 }
+// A key blob as storage reads it.
+[[nodiscard]] inline TSS_RESULT UnloadBlob_KEY(BlobReader& blob, TPM_KEY* out) noexcept {
+  return UnloadBlob(blob, out);
+}
 // Reads n bytes into a fresh vector (n = 0 leaves it empty, with no allocation); on failure `out`
 // is unchanged. TCS_E_OUTOFMEMORY when the allocation fails.
 [[nodiscard]] TSS_RESULT UnloadBlob_BYTES(BlobReader& blob, std::size_t n,
