@@ -27,7 +27,7 @@ void BM_LoadBlobKey(benchmark::State& state) {
   std::array<BYTE, kTpmBlobSize> blob{};
   for (auto _ : state) {
     BlobWriter writer(blob);
-    benchmark::DoNotOptimize(LoadBlob_KEY(writer, key));
+    benchmark::DoNotOptimize(LoadBlob(writer, key));
     benchmark::DoNotOptimize(blob.data());
   }
 }
@@ -36,12 +36,12 @@ BENCHMARK(BM_LoadBlobKey);
 void BM_UnloadBlobKey(benchmark::State& state) {
   std::array<BYTE, kTpmBlobSize> blob{};
   BlobWriter writer(blob);
-  if (LoadBlob_KEY(writer, Rsa2048Key()) != TSS_SUCCESS) state.SkipWithError("marshal failed");
+  if (LoadBlob(writer, Rsa2048Key()) != TSS_SUCCESS) state.SkipWithError("marshal failed");
   const auto wire = writer.written();
   for (auto _ : state) {
     BlobReader reader(wire);
     TPM_KEY key;
-    benchmark::DoNotOptimize(UnloadBlob_KEY(reader, &key));
+    benchmark::DoNotOptimize(UnloadBlob(reader, &key));
     benchmark::DoNotOptimize(key.pubKey.key.data());
   }
 }

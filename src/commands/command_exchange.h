@@ -73,7 +73,7 @@ class TpmCommand {
   template <class T>
   [[nodiscard]] TSS_RESULT TakeStructure(std::span<const BYTE>* bytes) noexcept {
     const UINT16 start = outputs_.offset();
-    if (TSS_RESULT rc = UnloadBlob_Field(outputs_, static_cast<T*>(nullptr))) return rc;
+    if (TSS_RESULT rc = UnloadBlob(outputs_, static_cast<T*>(nullptr))) return rc;
     *bytes = outputs_.blob().subspan(start, outputs_.offset() - start);
     return TSS_SUCCESS;
   }

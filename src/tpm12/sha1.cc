@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tpm12/marshal.h"
+#include "tpm12/blob_cursor.h"
 
 namespace kesttcs {
 namespace {

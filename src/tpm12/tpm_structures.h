@@ -1,16 +1,16 @@
 // The TPM 1.2 structures that the service builds into commands and parses out of responses, with
-// their field names as the TPM defines them. Each variable-length part keeps its size field next to
-// an owning byte vector: marshalling writes the size field and that many bytes (and refuses when
-// the vector holds fewer); unmarshalling sets both. A size of 0 leaves the vector empty (no
-// allocation). The free_* routines release the variable parts and zero their sizes; destructors do
-// the same, so calling them is only needed where a structure is reused. Wire layouts are in
-// docs/formats.md.
+// their field names as the TPM defines them, each followed by its WireForm: the list of its fields
+// in wire order, from which marshal.h reads and writes it (the words are in wire_form.h). Each
+// variable-length part keeps its size field next to an owning vector: marshalling writes the size
+// field and that many items (and refuses when the vector holds fewer); unmarshalling sets both. A
+// size of 0 leaves the vector empty (no allocation). Wire layouts are in docs/formats.md.
 #pragma once
 
 #include <kesttcs/tcs_types.h>
 
-#include <array>
 #include <vector>
+
+#include "tpm12/wire_form.h"
 
 namespace kesttcs {
 
@@ -37,6 +37,41 @@ using TPM_FAMILY_ID = UINT32;
 using TPM_FAMILY_VERIFICATION = UINT32;
 using TPM_DELEGATE_TYPE = UINT32;
 
+// ---- Wire forms of the interface records declared in kesttcs/tcs_types.h ----
+// TPM_AUTH has none: it travels as an authorisation trailer (see marshal.h).
+
+template <>
+struct WireForm<TPM_VERSION> : StoredBytes {};
+template <>
+struct WireForm<TSS_VERSION> : StoredBytes {};
+template <>
+struct WireForm<TPM_DIGEST> : StoredBytes {};
+template <>
+struct WireForm<TPM_NONCE> : StoredBytes {};
+template <>
+struct WireForm<TPM_AUTHDATA> : StoredBytes {};
+template <>
+struct WireForm<TSS_UUID> {
+  using S = TSS_UUID;
+  static constexpr auto kFields = FieldList(&S::ulTimeLow, &S::usTimeMid, &S::usTimeHigh,
+                                            &S::bClockSeqHigh, &S::bClockSeqLow, &S::rgbNode);
+};
+template <>
+struct WireForm<TPM_COUNTER_VALUE> {
+  using S = TPM_COUNTER_VALUE;
+  static constexpr auto kFields = FieldList(&S::tag, &S::label, &S::counter);
+};
+// The two arrays are read into an Unloaded<TSS_PCR_EVENT>, which owns them (marshal.h).
+template <>
+struct WireForm<TSS_PCR_EVENT> {
+  using S = TSS_PCR_EVENT;
+  static constexpr auto kFields = FieldList(&S::versionInfo, &S::ulPcrIndex, &S::eventType,
+                                            Sized(&S::ulPcrValueLength, &S::rgbPcrValue),
+                                            Sized(&S::ulEventLength, &S::rgbEvent));
+};
+
+// ---- TPM structures ----
+
 struct TPM_KEY_PARMS {
   TPM_ALGORITHM_ID algorithmID = 0;
   TPM_ENC_SCHEME encScheme = 0;
@@ -44,15 +79,31 @@ struct TPM_KEY_PARMS {
   UINT32 parmSize = 0;
   std::vector<BYTE> parms;
 };
+template <>
+struct WireForm<TPM_KEY_PARMS> {
+  using S = TPM_KEY_PARMS;
+  static constexpr auto kFields =
+      FieldList(&S::algorithmID, &S::encScheme, &S::sigScheme, Sized(&S::parmSize, &S::parms));
+};
 
 struct TPM_STORE_PUBKEY {
   UINT32 keyLength = 0;
   std::vector<BYTE> key;
 };
+template <>
+struct WireForm<TPM_STORE_PUBKEY> {
+  using S = TPM_STORE_PUBKEY;
+  static constexpr auto kFields = FieldList(Sized(&S::keyLength, &S::key));
+};
 
 struct TPM_PUBKEY {
   TPM_KEY_PARMS algorithmParms;
   TPM_STORE_PUBKEY pubKey;
+};
+template <>
+struct WireForm<TPM_PUBKEY> {
+  using S = TPM_PUBKEY;
+  static constexpr auto kFields = FieldList(&S::algorithmParms, &S::pubKey);
 };
 
 // Serves TPM_KEY and TPM_KEY12 alike: for a TPM_KEY12, `ver` carries the tag (major, minor) and the
@@ -69,6 +120,14 @@ struct TPM_KEY {
   UINT32 encSize = 0;
   std::vector<BYTE> encData;
 };
+template <>
+struct WireForm<TPM_KEY> {
+  using S = TPM_KEY;
+  static constexpr auto kFields =
+      FieldList(&S::ver, &S::keyUsage, Masked<kMarshalledKeyFlags>(&S::keyFlags), &S::authDataUsage,
+                &S::algorithmParms, Sized(&S::PCRInfoSize, &S::PCRInfo), &S::pubKey,
+                Sized(&S::encSize, &S::encData));
+};
 using TPM_KEY12 = TPM_KEY;
 using TCPA_KEY = TPM_KEY;
 
@@ -79,6 +138,12 @@ struct TPM_STORED_DATA {
   std::vector<BYTE> sealInfo;
   UINT32 encDataSize = 0;
   std::vector<BYTE> encData;
+};
+template <>
+struct WireForm<TPM_STORED_DATA> {
+  using S = TPM_STORED_DATA;
+  static constexpr auto kFields = FieldList(&S::ver, Sized(&S::sealInfoSize, &S::sealInfo),
+                                            Sized(&S::encDataSize, &S::encData));
 };
 using TPM_STORED_DATA12 = TPM_STORED_DATA;
 
@@ -94,16 +159,34 @@ struct TPM_CERTIFY_INFO {
   UINT32 PCRInfoSize = 0;
   std::vector<BYTE> PCRInfo;
 };
+// The flags of a certify info are signed by the TPM, so they pass through unmasked.
+template <>
+struct WireForm<TPM_CERTIFY_INFO> {
+  using S = TPM_CERTIFY_INFO;
+  static constexpr auto kFields = FieldList(
+      &S::version, &S::keyUsage, &S::keyFlags, &S::authDataUsage, &S::algorithmParms,
+      &S::pubkeyDigest, &S::data, &S::parentPCRStatus, Sized(&S::PCRInfoSize, &S::PCRInfo));
+};
 
 struct TPM_MIGRATIONKEYAUTH {
   TPM_PUBKEY migrationKey;
   TPM_MIGRATE_SCHEME migrationScheme = 0;
   TPM_DIGEST digest{};
 };
+template <>
+struct WireForm<TPM_MIGRATIONKEYAUTH> {
+  using S = TPM_MIGRATIONKEYAUTH;
+  static constexpr auto kFields = FieldList(&S::migrationKey, &S::migrationScheme, &S::digest);
+};
 
 struct TPM_PCR_SELECTION {
   UINT16 sizeOfSelect = 0;
   std::vector<BYTE> pcrSelect;
+};
+template <>
+struct WireForm<TPM_PCR_SELECTION> {
+  using S = TPM_PCR_SELECTION;
+  static constexpr auto kFields = FieldList(Sized(&S::sizeOfSelect, &S::pcrSelect));
 };
 
 // pcrValue holds valueSize bytes: the concatenated 20-byte PCR values.
@@ -112,11 +195,22 @@ struct TPM_PCR_COMPOSITE {
   UINT32 valueSize = 0;
   std::vector<BYTE> pcrValue;
 };
+template <>
+struct WireForm<TPM_PCR_COMPOSITE> {
+  using S = TPM_PCR_COMPOSITE;
+  static constexpr auto kFields = FieldList(&S::select, Sized(&S::valueSize, &S::pcrValue));
+};
 
 struct TPM_PCR_INFO {
   TPM_PCR_SELECTION pcrSelection;
   TPM_COMPOSITE_HASH digestAtRelease{};
   TPM_COMPOSITE_HASH digestAtCreation{};
+};
+template <>
+struct WireForm<TPM_PCR_INFO> {
+  using S = TPM_PCR_INFO;
+  static constexpr auto kFields =
+      FieldList(&S::pcrSelection, &S::digestAtRelease, &S::digestAtCreation);
 };
 
 struct TPM_PCR_INFO_SHORT {
@@ -124,11 +218,22 @@ struct TPM_PCR_INFO_SHORT {
   TPM_LOCALITY_SELECTION localityAtRelease = 0;
   TPM_COMPOSITE_HASH digestAtRelease{};
 };
+template <>
+struct WireForm<TPM_PCR_INFO_SHORT> {
+  using S = TPM_PCR_INFO_SHORT;
+  static constexpr auto kFields =
+      FieldList(&S::pcrSelection, &S::localityAtRelease, &S::digestAtRelease);
+};
 
 // With loaded = 0 on the wire, unmarshalling leaves `handle` as it was.
 struct TPM_KEY_HANDLE_LIST {
   UINT16 loaded = 0;
   std::vector<TPM_KEY_HANDLE> handle;
+};
+template <>
+struct WireForm<TPM_KEY_HANDLE_LIST> {
+  using S = TPM_KEY_HANDLE_LIST;
+  static constexpr auto kFields = FieldList(Sized<SizeRule::kZeroKeeps>(&S::loaded, &S::handle));
 };
 
 struct TPM_CURRENT_TICKS {
@@ -137,10 +242,20 @@ struct TPM_CURRENT_TICKS {
   UINT16 tickRate = 0;
   TPM_NONCE tickNonce{};
 };
+template <>
+struct WireForm<TPM_CURRENT_TICKS> {
+  using S = TPM_CURRENT_TICKS;
+  static constexpr auto kFields = FieldList(&S::tag, &S::currentTicks, &S::tickRate, &S::tickNonce);
+};
 
 struct TPM_NV_ATTRIBUTES {
   TPM_STRUCTURE_TAG tag = 0;
   UINT32 attributes = 0;
+};
+template <>
+struct WireForm<TPM_NV_ATTRIBUTES> {
+  using S = TPM_NV_ATTRIBUTES;
+  static constexpr auto kFields = FieldList(&S::tag, &S::attributes);
 };
 
 struct TPM_NV_DATA_PUBLIC {
@@ -154,12 +269,24 @@ struct TPM_NV_DATA_PUBLIC {
   TSS_BOOL bWriteDefine = 0;
   UINT32 dataSize = 0;
 };
+template <>
+struct WireForm<TPM_NV_DATA_PUBLIC> {
+  using S = TPM_NV_DATA_PUBLIC;
+  static constexpr auto kFields =
+      FieldList(&S::tag, &S::nvIndex, &S::pcrInfoRead, &S::pcrInfoWrite, &S::permission,
+                &S::bReadSTClear, &S::bWriteSTClear, &S::bWriteDefine, &S::dataSize);
+};
 
 struct TPM_DELEGATIONS {
   TPM_STRUCTURE_TAG tag = 0;
   TPM_DELEGATE_TYPE delegateType = 0;
   UINT32 per1 = 0;
   UINT32 per2 = 0;
+};
+template <>
+struct WireForm<TPM_DELEGATIONS> {
+  using S = TPM_DELEGATIONS;
+  static constexpr auto kFields = FieldList(&S::tag, &S::delegateType, &S::per1, &S::per2);
 };
 
 struct TPM_DELEGATE_PUBLIC {
@@ -170,9 +297,22 @@ struct TPM_DELEGATE_PUBLIC {
   TPM_FAMILY_ID familyID = 0;
   TPM_FAMILY_VERIFICATION verificationCount = 0;
 };
+template <>
+struct WireForm<TPM_DELEGATE_PUBLIC> {
+  using S = TPM_DELEGATE_PUBLIC;
+  static constexpr auto kFields = FieldList(&S::tag, &S::label, &S::pcrInfo, &S::permissions,
+                                            &S::familyID, &S::verificationCount);
+};
 
-// For both delegate blobs: an additionalSize of 0 leaves additionalArea as it was; a sensitiveSize
-// of 0 or with its top bit set reads no bytes and leaves sensitiveArea as it was.
+// The two areas that end both delegate blobs. An additionalSize of 0 leaves additionalArea as it
+// was; a sensitiveSize of 0 or with its top bit set reads no bytes and leaves sensitiveArea as it
+// was; when sensitiveArea cannot be allocated, additionalArea is emptied too.
+template <class S>
+inline constexpr auto kDelegateBlobAreas = FieldList(
+    Sized<SizeRule::kZeroKeeps>(&S::additionalSize, &S::additionalArea),
+    EmptyOnOutOfMemory(Sized<SizeRule::kNonPositiveKeeps>(&S::sensitiveSize, &S::sensitiveArea),
+                       Sized(&S::additionalSize, &S::additionalArea)));
+
 struct TPM_DELEGATE_OWNER_BLOB {
   TPM_STRUCTURE_TAG tag = 0;
   TPM_DELEGATE_PUBLIC pub;
@@ -181,6 +321,12 @@ struct TPM_DELEGATE_OWNER_BLOB {
   std::vector<BYTE> additionalArea;
   UINT32 sensitiveSize = 0;
   std::vector<BYTE> sensitiveArea;
+};
+template <>
+struct WireForm<TPM_DELEGATE_OWNER_BLOB> {
+  using S = TPM_DELEGATE_OWNER_BLOB;
+  static constexpr auto kFields =
+      FieldList(&S::tag, &S::pub, &S::integrityDigest, kDelegateBlobAreas<S>);
 };
 
 struct TPM_DELEGATE_KEY_BLOB {
@@ -193,6 +339,12 @@ struct TPM_DELEGATE_KEY_BLOB {
   UINT32 sensitiveSize = 0;
   std::vector<BYTE> sensitiveArea;
 };
+template <>
+struct WireForm<TPM_DELEGATE_KEY_BLOB> {
+  using S = TPM_DELEGATE_KEY_BLOB;
+  static constexpr auto kFields =
+      FieldList(&S::tag, &S::pub, &S::integrityDigest, &S::pubKeyDigest, kDelegateBlobAreas<S>);
+};
 
 struct TPM_FAMILY_TABLE_ENTRY {
   TPM_STRUCTURE_TAG tag = 0;
@@ -201,23 +353,11 @@ struct TPM_FAMILY_TABLE_ENTRY {
   TPM_FAMILY_VERIFICATION verificationCount = 0;
   UINT32 flags = 0;
 };
-
-// Release the variable parts (memory returned, sizes 0). Never fail.
-void free_KEY_PARMS(TPM_KEY_PARMS& parms);
-void free_STORE_PUBKEY(TPM_STORE_PUBKEY& store);
-void free_PUBKEY(TPM_PUBKEY& pubkey);
-void free_KEY(TPM_KEY& key);
-void free_STORED_DATA(TPM_STORED_DATA& data);
-void free_CERTIFY_INFO(TPM_CERTIFY_INFO& info);
-void free_MIGRATIONKEYAUTH(TPM_MIGRATIONKEYAUTH& auth);
-void free_PCR_SELECTION(TPM_PCR_SELECTION& selection);
-void free_PCR_COMPOSITE(TPM_PCR_COMPOSITE& composite);
-void free_PCR_INFO(TPM_PCR_INFO& info);
-void free_PCR_INFO_SHORT(TPM_PCR_INFO_SHORT& info);
-void free_KEY_HANDLE_LIST(TPM_KEY_HANDLE_LIST& list);
-void free_NV_DATA_PUBLIC(TPM_NV_DATA_PUBLIC& data);
-void free_DELEGATE_PUBLIC(TPM_DELEGATE_PUBLIC& pub);
-void free_DELEGATE_OWNER_BLOB(TPM_DELEGATE_OWNER_BLOB& blob);
-void free_DELEGATE_KEY_BLOB(TPM_DELEGATE_KEY_BLOB& blob);
+template <>
+struct WireForm<TPM_FAMILY_TABLE_ENTRY> {
+  using S = TPM_FAMILY_TABLE_ENTRY;
+  static constexpr auto kFields =
+      FieldList(&S::tag, &S::familyLabel, &S::familyID, &S::verificationCount, &S::flags);
+};
 
 }  // namespace kesttcs

@@ -15,18 +15,21 @@ namespace {
 
 using Fuzzer = void (*)(std::span<const BYTE>);
 
-template <class T, auto Unload, auto Load, bool kExact = true>
+// Whether `value`, just read from the first `consumed` bytes of `data`, writes exactly them back.
+template <class T>
+bool WritesBack(const T& value, std::span<const BYTE> data, std::size_t consumed) {
+  std::vector<BYTE> out(consumed);
+  BlobWriter writer(out);
+  return LoadBlob(writer, value) == TSS_SUCCESS && writer.offset() == out.size() &&
+         std::equal(out.begin(), out.end(), data.begin());
+}
+
+template <class T, bool kExact = true>
 void RoundTrip(std::span<const BYTE> data) {
   BlobReader reader(data);
   T value{};
-  if (Unload(reader, &value) != TSS_SUCCESS) return;
-  std::vector<BYTE> out(reader.offset());
-  BlobWriter writer(out);
-  const TSS_RESULT rc = Load(writer, value);
-  if (kExact && (rc != TSS_SUCCESS || writer.offset() != out.size() ||
-                 !std::equal(out.begin(), out.end(), data.begin()))) {
-    __builtin_trap();
-  }
+  if (UnloadBlob(reader, &value) != TSS_SUCCESS) return;
+  if (!WritesBack(value, data, reader.offset()) && kExact) __builtin_trap();
 }
 
 void Header(std::span<const BYTE> data) {
@@ -44,52 +47,44 @@ void Bytes(std::span<const BYTE> data) {
   BlobReader reader(data);
   UINT16 n = 0;
   std::vector<BYTE> bytes;
-  if (UnloadBlob_UINT16(reader, &n) == TSS_SUCCESS) (void)UnloadBlob_BYTES(reader, n, &bytes);
+  if (UnloadBlob(reader, &n) == TSS_SUCCESS) (void)UnloadBlob_BYTES(reader, n, &bytes);
 }
 
 void PcrEvent(std::span<const BYTE> data) {
   BlobReader reader(data);
-  TSS_PCR_EVENT event{};
-  const TSS_RESULT rc = UnloadBlob_PCR_EVENT(reader, &event);
-  if (rc == TSS_SUCCESS) {
-    std::vector<BYTE> out(reader.offset());
-    BlobWriter writer(out);
-    if (LoadBlob_PCR_EVENT(writer, event) != TSS_SUCCESS ||
-        !std::equal(out.begin(), out.end(), data.begin())) {
-      __builtin_trap();
-    }
+  Unloaded<TSS_PCR_EVENT> event;
+  if (UnloadBlob(reader, &event) == TSS_SUCCESS &&
+      !WritesBack(event.record, data, reader.offset())) {
+    __builtin_trap();
   }
-  free_PCR_EVENT(event);
 }
 
 constexpr Fuzzer kFuzzers[] = {
     Header,
     Bytes,
     PcrEvent,
-    RoundTrip<TPM_KEY_PARMS, UnloadBlob_KEY_PARMS, LoadBlob_KEY_PARMS>,
-    RoundTrip<TPM_STORE_PUBKEY, UnloadBlob_STORE_PUBKEY, LoadBlob_STORE_PUBKEY>,
-    RoundTrip<TPM_PUBKEY, UnloadBlob_PUBKEY, LoadBlob_PUBKEY>,
-    RoundTrip<TPM_KEY, UnloadBlob_KEY, LoadBlob_KEY, false>,
-    RoundTrip<TPM_STORED_DATA, UnloadBlob_STORED_DATA, LoadBlob_STORED_DATA>,
-    RoundTrip<TPM_CERTIFY_INFO, UnloadBlob_CERTIFY_INFO, LoadBlob_CERTIFY_INFO>,
-    RoundTrip<TPM_MIGRATIONKEYAUTH, UnloadBlob_MIGRATIONKEYAUTH, LoadBlob_MIGRATIONKEYAUTH>,
-    RoundTrip<TPM_PCR_SELECTION, UnloadBlob_PCR_SELECTION, LoadBlob_PCR_SELECTION>,
-    RoundTrip<TPM_PCR_COMPOSITE, UnloadBlob_PCR_COMPOSITE, LoadBlob_PCR_COMPOSITE>,
-    RoundTrip<TPM_PCR_INFO, UnloadBlob_PCR_INFO, LoadBlob_PCR_INFO>,
-    RoundTrip<TPM_PCR_INFO_SHORT, UnloadBlob_PCR_INFO_SHORT, LoadBlob_PCR_INFO_SHORT>,
-    RoundTrip<TPM_KEY_HANDLE_LIST, UnloadBlob_KEY_HANDLE_LIST, LoadBlob_KEY_HANDLE_LIST>,
-    RoundTrip<TSS_UUID, UnloadBlob_UUID, LoadBlob_UUID>,
-    RoundTrip<TPM_CURRENT_TICKS, UnloadBlob_CURRENT_TICKS, LoadBlob_CURRENT_TICKS>,
-    RoundTrip<TPM_COUNTER_VALUE, UnloadBlob_COUNTER_VALUE, LoadBlob_COUNTER_VALUE>,
-    RoundTrip<TPM_NV_ATTRIBUTES, UnloadBlob_NV_ATTRIBUTES, LoadBlob_NV_ATTRIBUTES>,
-    RoundTrip<TPM_NV_DATA_PUBLIC, UnloadBlob_NV_DATA_PUBLIC, LoadBlob_NV_DATA_PUBLIC>,
-    RoundTrip<TPM_DELEGATIONS, UnloadBlob_DELEGATIONS, LoadBlob_DELEGATIONS>,
-    RoundTrip<TPM_DELEGATE_PUBLIC, UnloadBlob_DELEGATE_PUBLIC, LoadBlob_DELEGATE_PUBLIC>,
-    RoundTrip<TPM_DELEGATE_OWNER_BLOB, UnloadBlob_DELEGATE_OWNER_BLOB, LoadBlob_DELEGATE_OWNER_BLOB,
-              false>,
-    RoundTrip<TPM_DELEGATE_KEY_BLOB, UnloadBlob_DELEGATE_KEY_BLOB, LoadBlob_DELEGATE_KEY_BLOB,
-              false>,
-    RoundTrip<TPM_FAMILY_TABLE_ENTRY, UnloadBlob_FAMILY_TABLE_ENTRY, LoadBlob_FAMILY_TABLE_ENTRY>,
+    RoundTrip<TPM_KEY_PARMS>,
+    RoundTrip<TPM_STORE_PUBKEY>,
+    RoundTrip<TPM_PUBKEY>,
+    RoundTrip<TPM_KEY, false>,
+    RoundTrip<TPM_STORED_DATA>,
+    RoundTrip<TPM_CERTIFY_INFO>,
+    RoundTrip<TPM_MIGRATIONKEYAUTH>,
+    RoundTrip<TPM_PCR_SELECTION>,
+    RoundTrip<TPM_PCR_COMPOSITE>,
+    RoundTrip<TPM_PCR_INFO>,
+    RoundTrip<TPM_PCR_INFO_SHORT>,
+    RoundTrip<TPM_KEY_HANDLE_LIST>,
+    RoundTrip<TSS_UUID>,
+    RoundTrip<TPM_CURRENT_TICKS>,
+    RoundTrip<TPM_COUNTER_VALUE>,
+    RoundTrip<TPM_NV_ATTRIBUTES>,
+    RoundTrip<TPM_NV_DATA_PUBLIC>,
+    RoundTrip<TPM_DELEGATIONS>,
+    RoundTrip<TPM_DELEGATE_PUBLIC>,
+    RoundTrip<TPM_DELEGATE_OWNER_BLOB, false>,
+    RoundTrip<TPM_DELEGATE_KEY_BLOB, false>,
+    RoundTrip<TPM_FAMILY_TABLE_ENTRY>,
 };
 
 }  // namespace

@@ -48,43 +48,38 @@ D Filled(BYTE b) {
   return d;
 }
 
-template <class T>
-using LoadFn = TSS_RESULT (*)(BlobWriter&, const T&) noexcept;
-template <class T>
-using UnloadFn = TSS_RESULT (*)(BlobReader&, T*) noexcept;
-
 // Checks fields -> bytes, bytes -> fields -> the same bytes, and that every shorter input or output
 // buffer is refused with TCS_E_BAD_PARAMETER (each prefix lives in its own exact-size allocation,
 // so an out-of-bounds read shows up under ASan).
 template <class T>
-void ExpectWireForm(const T& value, const std::string& hex, LoadFn<T> load, UnloadFn<T> unload) {
+void ExpectWireForm(const T& value, const std::string& hex) {
   const std::vector<BYTE> wire = Hex(hex);
   std::vector<BYTE> out(wire.size());
   BlobWriter writer(out);
-  ASSERT_EQ(load(writer, value), TSS_SUCCESS);
+  ASSERT_EQ(LoadBlob(writer, value), TSS_SUCCESS);
   EXPECT_EQ(ToHex(writer.written()), ToHex(wire));
   EXPECT_EQ(writer.offset(), wire.size());
 
   T parsed{};
   BlobReader reader(wire);
-  ASSERT_EQ(unload(reader, &parsed), TSS_SUCCESS);
+  ASSERT_EQ(UnloadBlob(reader, &parsed), TSS_SUCCESS);
   EXPECT_EQ(reader.offset(), wire.size());
   BlobWriter again(out);
-  ASSERT_EQ(load(again, parsed), TSS_SUCCESS);
+  ASSERT_EQ(LoadBlob(again, parsed), TSS_SUCCESS);
   EXPECT_EQ(ToHex(again.written()), ToHex(wire));
 
   BlobReader skipper(wire);
-  EXPECT_EQ(unload(skipper, nullptr), TSS_SUCCESS);
+  EXPECT_EQ(UnloadBlob(skipper, static_cast<T*>(nullptr)), TSS_SUCCESS);
   EXPECT_EQ(skipper.offset(), wire.size());
 
   for (std::size_t n = 0; n < wire.size(); ++n) {
     const std::vector<BYTE> prefix(wire.begin(), wire.begin() + n);
     BlobReader short_reader(prefix);
     T scratch{};
-    EXPECT_EQ(unload(short_reader, &scratch), TCS_E_BAD_PARAMETER) << "prefix " << n;
+    EXPECT_EQ(UnloadBlob(short_reader, &scratch), TCS_E_BAD_PARAMETER) << "prefix " << n;
     std::vector<BYTE> small(n);
     BlobWriter short_writer(small);
-    EXPECT_EQ(load(short_writer, value), TCS_E_BAD_PARAMETER) << "buffer " << n;
+    EXPECT_EQ(LoadBlob(short_writer, value), TCS_E_BAD_PARAMETER) << "buffer " << n;
   }
 }
 
@@ -140,9 +135,9 @@ const std::string kDelegatePublicHex =
 TEST(MarshalTest, IntegersAreBigEndianAndBoolsPassThrough) {
   std::array<BYTE, 16> buf{};
   BlobWriter w(buf);
-  ASSERT_EQ(LoadBlob_UINT64(w, 0x0102030405060708ull), TSS_SUCCESS);
+  ASSERT_EQ(LoadBlob(w, UINT64{0x0102030405060708}), TSS_SUCCESS);
   ASSERT_EQ(LoadBlobs(w, UINT32{0xA1B2C3D4}, UINT16{0xC400}, BYTE{0x7F}), TSS_SUCCESS);
-  ASSERT_EQ(LoadBlob_BOOL(w, 0x05), TSS_SUCCESS);
+  ASSERT_EQ(LoadBlob(w, TSS_BOOL{0x05}), TSS_SUCCESS);
   EXPECT_EQ(ToHex(w.written()), "0102030405060708a1b2c3d4c4007f05");
 
   BlobReader r(buf);
@@ -152,7 +147,7 @@ TEST(MarshalTest, IntegersAreBigEndianAndBoolsPassThrough) {
   BYTE byte = 0;
   TSS_BOOL flag = 0;
   ASSERT_EQ(UnloadBlobs(r, &u64, &u32, &u16, &byte), TSS_SUCCESS);
-  ASSERT_EQ(UnloadBlob_BOOL(r, &flag), TSS_SUCCESS);
+  ASSERT_EQ(UnloadBlob(r, &flag), TSS_SUCCESS);
   EXPECT_EQ(u64, 0x0102030405060708ull);
   EXPECT_EQ(u32, 0xA1B2C3D4u);
   EXPECT_EQ(u16, 0xC400);
@@ -177,18 +172,18 @@ TEST(MarshalTest, CursorsRefuseOverrunsAndKeepTheirOffset) {
   EXPECT_EQ(LoadBlob_UINT32(w, 1), TCS_E_BAD_PARAMETER);
   EXPECT_EQ(w.offset(), 4);
   EXPECT_EQ(ToHex(buf), "000000000000");
-  EXPECT_EQ(LoadBlob_BYTES(w, {}), TSS_SUCCESS);
+  EXPECT_EQ(LoadBlob(w, std::span<const BYTE>()), TSS_SUCCESS);
   EXPECT_EQ(LoadBlob_UINT16(w, 0xBEEF), TSS_SUCCESS);
-  EXPECT_EQ(LoadBlob_BYTE(w, 1), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(LoadBlob(w, BYTE{1}), TCS_E_BAD_PARAMETER);
 
   BlobReader r(buf, 5);
   UINT16 v = 0x1234;
-  EXPECT_EQ(UnloadBlob_UINT16(r, &v), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(UnloadBlob(r, &v), TCS_E_BAD_PARAMETER);
   EXPECT_EQ(v, 0x1234);
   EXPECT_EQ(r.offset(), 5);
   BlobReader past(buf, 60000);
   EXPECT_EQ(past.remaining(), 0u);
-  EXPECT_EQ(UnloadBlob_BYTE(past, nullptr), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(UnloadBlob(past, static_cast<BYTE*>(nullptr)), TCS_E_BAD_PARAMETER);
 
   // The running offset is 16 bits wide and wraps after 65535.
   std::vector<BYTE> big(70000);
@@ -296,48 +291,42 @@ TEST(MarshalTest, AuthTrailersAndTheirPlaceBeforeParamSize) {
 }
 
 TEST(MarshalTest, KeyFlagsCarryOnlyTheThreeLowBits) {
-  const std::vector<BYTE> wire = Hex("0000001f");
-  BlobReader r(wire);
-  TPM_KEY_FLAGS flags = 0xFFFFFFFF;
-  ASSERT_EQ(UnloadBlob_KEY_FLAGS(r, &flags), TSS_SUCCESS);
-  EXPECT_EQ(flags, 0x7u);
-  std::array<BYTE, 4> out{};
-  BlobWriter w(out);
-  ASSERT_EQ(LoadBlob_KEY_FLAGS(w, 0xFFFFFFF8 | TPM_KEY_FLAG_MIGRATABLE), TSS_SUCCESS);
-  EXPECT_EQ(ToHex(out), "00000002");
-
   TPM_KEY key;
   const std::vector<BYTE> key_wire = Hex("01010000 0011 0000001f 01 " + kRsaParmsHex +
                                          " 00000000 00000004 deadbeef 00000002 abcd");
   BlobReader kr(key_wire);
-  ASSERT_EQ(UnloadBlob_KEY(kr, &key), TSS_SUCCESS);
+  ASSERT_EQ(UnloadBlob(kr, &key), TSS_SUCCESS);
   EXPECT_EQ(key.keyFlags, 0x7u);
+
+  key.keyFlags = 0xFFFFFFF8 | TPM_KEY_FLAG_MIGRATABLE;
+  std::array<BYTE, 64> out{};
+  BlobWriter w(out);
+  ASSERT_EQ(LoadBlob(w, key), TSS_SUCCESS);
+  EXPECT_EQ(ToHex(w.written().subspan(6, 4)), "00000002");
 }
 
 TEST(MarshalTest, EveryStructureHasItsWireForm) {
-  ExpectWireForm(RsaParms(), kRsaParmsHex, LoadBlob_KEY_PARMS, UnloadBlob_KEY_PARMS);
+  ExpectWireForm(RsaParms(), kRsaParmsHex);
 
   TPM_STORE_PUBKEY store;
   store.keyLength = 3;
   store.key = Hex("aabbcc");
-  ExpectWireForm(store, "00000003 aabbcc", LoadBlob_STORE_PUBKEY, UnloadBlob_STORE_PUBKEY);
+  ExpectWireForm(store, "00000003 aabbcc");
 
   TPM_PUBKEY pub;
   pub.algorithmParms = {1, 3, 1, 0, {}};
   pub.pubKey = {2, Hex("0102")};
   const std::string pub_hex = "00000001 0003 0001 00000000 00000002 0102";
-  ExpectWireForm(pub, pub_hex, LoadBlob_PUBKEY, UnloadBlob_PUBKEY);
+  ExpectWireForm(pub, pub_hex);
 
-  ExpectWireForm(SampleKey(), kSampleKeyHex, LoadBlob_KEY, UnloadBlob_KEY);
+  ExpectWireForm(SampleKey(), kSampleKeyHex);
   // A TPM_KEY12: tag 0x0028 and fill 0 travel as the version group.
   TPM_KEY12 key12 = SampleKey();
   key12.ver = {0x00, 0x28, 0x00, 0x00};
   key12.PCRInfoSize = 3;
   key12.PCRInfo = Hex("010203");
-  ExpectWireForm(key12,
-                 "00280000 0011 00000005 01 " + kRsaParmsHex +
-                     " 00000003 010203 00000004 deadbeef 00000002 abcd",
-                 LoadBlob_KEY, UnloadBlob_KEY);
+  ExpectWireForm(key12, "00280000 0011 00000005 01 " + kRsaParmsHex +
+                            " 00000003 010203 00000004 deadbeef 00000002 abcd");
 
   TPM_STORED_DATA sealed;
   sealed.ver = {1, 1, 0, 0};
@@ -345,8 +334,7 @@ TEST(MarshalTest, EveryStructureHasItsWireForm) {
   sealed.sealInfo = Hex("0102");
   sealed.encDataSize = 3;
   sealed.encData = Hex("a1a2a3");
-  ExpectWireForm(sealed, "01010000 00000002 0102 00000003 a1a2a3", LoadBlob_STORED_DATA,
-                 UnloadBlob_STORED_DATA);
+  ExpectWireForm(sealed, "01010000 00000002 0102 00000003 a1a2a3");
 
   TPM_CERTIFY_INFO certify;
   certify.version = {1, 1, 0, 0};
@@ -356,49 +344,40 @@ TEST(MarshalTest, EveryStructureHasItsWireForm) {
   certify.pubkeyDigest = Filled<TPM_DIGEST>(0x11);
   certify.data = Filled<TPM_NONCE>(0x22);
   certify.parentPCRStatus = 1;
-  ExpectWireForm(certify,
-                 "01010000 0010 0000001f 00 00000001 0003 0001 00000000 " + Rep20(0x11) +
-                     Rep20(0x22) + "01 00000000",
-                 LoadBlob_CERTIFY_INFO, UnloadBlob_CERTIFY_INFO);
+  ExpectWireForm(certify, "01010000 0010 0000001f 00 00000001 0003 0001 00000000 " + Rep20(0x11) +
+                              Rep20(0x22) + "01 00000000");
 
   TPM_MIGRATIONKEYAUTH migration;
   migration.migrationKey = pub;
   migration.migrationScheme = 1;
   migration.digest = Filled<TPM_DIGEST>(0x33);
-  ExpectWireForm(migration, pub_hex + " 0001 " + Rep20(0x33), LoadBlob_MIGRATIONKEYAUTH,
-                 UnloadBlob_MIGRATIONKEYAUTH);
+  ExpectWireForm(migration, pub_hex + " 0001 " + Rep20(0x33));
 
   TPM_PCR_SELECTION selection{3, Hex("010080")};
-  ExpectWireForm(selection, "0003 010080", LoadBlob_PCR_SELECTION, UnloadBlob_PCR_SELECTION);
+  ExpectWireForm(selection, "0003 010080");
 
   TPM_PCR_COMPOSITE composite{{2, Hex("0300")}, 4, Hex("01020304")};
-  ExpectWireForm(composite, "0002 0300 00000004 01020304", LoadBlob_PCR_COMPOSITE,
-                 UnloadBlob_PCR_COMPOSITE);
+  ExpectWireForm(composite, "0002 0300 00000004 01020304");
 
   TPM_PCR_INFO info{{3, Hex("010000")}, Filled<TPM_DIGEST>(0x44), Filled<TPM_DIGEST>(0x55)};
-  ExpectWireForm(info, "0003 010000" + Rep20(0x44) + Rep20(0x55), LoadBlob_PCR_INFO,
-                 UnloadBlob_PCR_INFO);
+  ExpectWireForm(info, "0003 010000" + Rep20(0x44) + Rep20(0x55));
 
-  ExpectWireForm(InfoShort(Hex("000001"), 0x1f, 0x66), "0003 000001 1f" + Rep20(0x66),
-                 LoadBlob_PCR_INFO_SHORT, UnloadBlob_PCR_INFO_SHORT);
+  ExpectWireForm(InfoShort(Hex("000001"), 0x1f, 0x66), "0003 000001 1f" + Rep20(0x66));
 
   TPM_KEY_HANDLE_LIST handles{2, {0x01000000, 0x01000001}};
-  ExpectWireForm(handles, "0002 01000000 01000001", LoadBlob_KEY_HANDLE_LIST,
-                 UnloadBlob_KEY_HANDLE_LIST);
+  ExpectWireForm(handles, "0002 01000000 01000001");
 
   const TSS_UUID uuid{0x01020304, 0x0506, 0x0708, 0x09, 0x0a, {0x0b, 0x0c, 0x0d, 0x0e, 0x0f, 0x10}};
-  ExpectWireForm(uuid, "0102030405060708090a0b0c0d0e0f10", LoadBlob_UUID, UnloadBlob_UUID);
+  ExpectWireForm(uuid, "0102030405060708090a0b0c0d0e0f10");
 
   TPM_CURRENT_TICKS ticks{0x0014, 0x0102030405060708ull, 0x03e8, Filled<TPM_NONCE>(0x77)};
-  ExpectWireForm(ticks, "0014 0102030405060708 03e8" + Rep20(0x77), LoadBlob_CURRENT_TICKS,
-                 UnloadBlob_CURRENT_TICKS);
+  ExpectWireForm(ticks, "0014 0102030405060708 03e8" + Rep20(0x77));
 
   TPM_COUNTER_VALUE counter{0x000e, {'a', 'b', 'c', 'd'}, 7};
-  ExpectWireForm(counter, "000e 61626364 00000007", LoadBlob_COUNTER_VALUE,
-                 UnloadBlob_COUNTER_VALUE);
+  ExpectWireForm(counter, "000e 61626364 00000007");
 
   TPM_NV_ATTRIBUTES attributes{0x0017, 0x00020002};
-  ExpectWireForm(attributes, "0017 00020002", LoadBlob_NV_ATTRIBUTES, UnloadBlob_NV_ATTRIBUTES);
+  ExpectWireForm(attributes, "0017 00020002");
 
   TPM_NV_DATA_PUBLIC nv;
   nv.tag = 0x0018;
@@ -408,17 +387,13 @@ TEST(MarshalTest, EveryStructureHasItsWireForm) {
   nv.permission = {0x0017, 0x00000002};
   nv.bWriteSTClear = 1;
   nv.dataSize = 0x100;
-  ExpectWireForm(nv,
-                 "0018 00011100 0003 000000 1f" + Rep20(0) + "0003 800000 01" + Rep20(0xAB) +
-                     "0017 00000002 00 01 00 00000100",
-                 LoadBlob_NV_DATA_PUBLIC, UnloadBlob_NV_DATA_PUBLIC);
+  ExpectWireForm(nv, "0018 00011100 0003 000000 1f" + Rep20(0) + "0003 800000 01" + Rep20(0xAB) +
+                         "0017 00000002 00 01 00 00000100");
 
   TPM_DELEGATIONS delegations{0x001a, 1, 0x01, 0x02};
-  ExpectWireForm(delegations, "001a 00000001 00000001 00000002", LoadBlob_DELEGATIONS,
-                 UnloadBlob_DELEGATIONS);
+  ExpectWireForm(delegations, "001a 00000001 00000001 00000002");
 
-  ExpectWireForm(DelegatePublic(), kDelegatePublicHex, LoadBlob_DELEGATE_PUBLIC,
-                 UnloadBlob_DELEGATE_PUBLIC);
+  ExpectWireForm(DelegatePublic(), kDelegatePublicHex);
 
   TPM_DELEGATE_OWNER_BLOB owner_blob;
   owner_blob.tag = 0x001b;
@@ -429,8 +404,7 @@ TEST(MarshalTest, EveryStructureHasItsWireForm) {
   owner_blob.sensitiveSize = 2;
   owner_blob.sensitiveArea = Hex("f0f1");
   ExpectWireForm(owner_blob,
-                 "001b " + kDelegatePublicHex + Rep20(0x99) + "00000001 ee 00000002 f0f1",
-                 LoadBlob_DELEGATE_OWNER_BLOB, UnloadBlob_DELEGATE_OWNER_BLOB);
+                 "001b " + kDelegatePublicHex + Rep20(0x99) + "00000001 ee 00000002 f0f1");
 
   TPM_DELEGATE_KEY_BLOB key_blob;
   key_blob.tag = 0x001c;
@@ -440,44 +414,49 @@ TEST(MarshalTest, EveryStructureHasItsWireForm) {
   key_blob.sensitiveSize = 1;
   key_blob.sensitiveArea = Hex("f2");
   ExpectWireForm(key_blob,
-                 "001c " + kDelegatePublicHex + Rep20(0x99) + Rep20(0xAA) + "00000000 00000001 f2",
-                 LoadBlob_DELEGATE_KEY_BLOB, UnloadBlob_DELEGATE_KEY_BLOB);
+                 "001c " + kDelegatePublicHex + Rep20(0x99) + Rep20(0xAA) + "00000000 00000001 f2");
 
   TPM_FAMILY_TABLE_ENTRY family{0x0025, 2, 3, 4, 1};
-  ExpectWireForm(family, "0025 02 00000003 00000004 00000001", LoadBlob_FAMILY_TABLE_ENTRY,
-                 UnloadBlob_FAMILY_TABLE_ENTRY);
+  ExpectWireForm(family, "0025 02 00000003 00000004 00000001");
 }
 
-TEST(MarshalTest, PcrEventOwnsArraysItAllocates) {
+TEST(MarshalTest, PcrEventArraysBelongToTheirHolder) {
   BYTE value[] = {0xab, 0xcd};
   BYTE event_data[] = {'e', 'v', 't'};
   TSS_PCR_EVENT event{{1, 2, 0, 0}, 10, 5, 2, value, 3, event_data};
   std::array<BYTE, 64> buf{};
   BlobWriter w(buf);
-  ASSERT_EQ(LoadBlob_PCR_EVENT(w, event), TSS_SUCCESS);
+  ASSERT_EQ(LoadBlob(w, event), TSS_SUCCESS);
   const std::string hex = Norm("01020000 0000000a 00000005 00000002 abcd 00000003 657674");
   EXPECT_EQ(ToHex(w.written()), hex);
 
-  TSS_PCR_EVENT parsed{};
+  Unloaded<TSS_PCR_EVENT> parsed;
   BlobReader r(w.written());
-  ASSERT_EQ(UnloadBlob_PCR_EVENT(r, &parsed), TSS_SUCCESS);
-  EXPECT_EQ(ToHex(std::span(parsed.rgbPcrValue, parsed.ulPcrValueLength)), "abcd");
-  EXPECT_EQ(ToHex(std::span(parsed.rgbEvent, parsed.ulEventLength)), "657674");
-  EXPECT_EQ(parsed.ulPcrIndex, 10u);
-  free_PCR_EVENT(parsed);
-  EXPECT_EQ(parsed.rgbPcrValue, nullptr);
-  EXPECT_EQ(parsed.ulEventLength, 0u);
+  ASSERT_EQ(UnloadBlob(r, &parsed), TSS_SUCCESS);
+  EXPECT_EQ(ToHex(std::span(parsed.record.rgbPcrValue, parsed.record.ulPcrValueLength)), "abcd");
+  EXPECT_EQ(ToHex(std::span(parsed.record.rgbEvent, parsed.record.ulEventLength)), "657674");
+  EXPECT_EQ(parsed.record.ulPcrIndex, 10u);
+  // Reading again replaces the arrays (under ASan a leak or a double delete fails the test), and
+  // an empty array becomes a null pointer.
+  const std::vector<BYTE> other = Hex("01020000 0000000b 00000005 00000001 ef 00000000");
+  BlobReader again(other);
+  ASSERT_EQ(UnloadBlob(again, &parsed), TSS_SUCCESS);
+  EXPECT_EQ(ToHex(std::span(parsed.record.rgbPcrValue, parsed.record.ulPcrValueLength)), "ef");
+  EXPECT_EQ(parsed.record.rgbEvent, nullptr);
+  EXPECT_EQ(parsed.record.ulEventLength, 0u);
+  BlobReader skipper(w.written());
+  EXPECT_EQ(UnloadBlob(skipper, static_cast<Unloaded<TSS_PCR_EVENT>*>(nullptr)), TSS_SUCCESS);
+  EXPECT_EQ(skipper.offset(), w.offset());
 
   const std::vector<BYTE> lying = Hex("01020000 0000000a 00000005 00000002 abcd ffffffff 65");
   BlobReader lr(lying);
-  TSS_PCR_EVENT partial{};
-  EXPECT_EQ(UnloadBlob_PCR_EVENT(lr, &partial), TCS_E_BAD_PARAMETER);
-  EXPECT_EQ(partial.rgbEvent, nullptr);
-  free_PCR_EVENT(partial);
+  Unloaded<TSS_PCR_EVENT> partial;
+  EXPECT_EQ(UnloadBlob(lr, &partial), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(partial.record.rgbEvent, nullptr);
 
   TSS_PCR_EVENT missing{{1, 2, 0, 0}, 10, 5, 2, nullptr, 0, nullptr};
   BlobWriter w2(buf);
-  EXPECT_EQ(LoadBlob_PCR_EVENT(w2, missing), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(LoadBlob(w2, missing), TCS_E_BAD_PARAMETER);
 }
 
 TEST(MarshalTest, ZeroSizesAllocateNothingAndHandleListKeepsItsHandles) {
@@ -487,24 +466,17 @@ TEST(MarshalTest, ZeroSizesAllocateNothingAndHandleListKeepsItsHandles) {
   TPM_KEY parsed;
   parsed.PCRInfo = Hex("ff");  // replaced by nothing
   BlobReader r(wire);
-  ASSERT_EQ(UnloadBlob_KEY(r, &parsed), TSS_SUCCESS);
+  ASSERT_EQ(UnloadBlob(r, &parsed), TSS_SUCCESS);
   EXPECT_EQ(parsed.PCRInfoSize, 0u);
   EXPECT_TRUE(parsed.PCRInfo.empty());
   EXPECT_EQ(parsed.PCRInfo.data(), nullptr);
   EXPECT_EQ(parsed.keyUsage, 0x0011);
   EXPECT_EQ(ToHex(parsed.pubKey.key), "deadbeef");
 
-  free_KEY(parsed);
-  EXPECT_EQ(parsed.encSize, 0u);
-  EXPECT_EQ(parsed.encData.data(), nullptr);
-  EXPECT_EQ(parsed.pubKey.keyLength, 0u);
-  EXPECT_EQ(parsed.algorithmParms.parmSize, 0u);
-  EXPECT_EQ(parsed.algorithmParms.parms.data(), nullptr);
-
   TPM_KEY_HANDLE_LIST list{5, {1, 2, 3}};
   const std::vector<BYTE> none = Hex("0000");
   BlobReader lr(none);
-  ASSERT_EQ(UnloadBlob_KEY_HANDLE_LIST(lr, &list), TSS_SUCCESS);
+  ASSERT_EQ(UnloadBlob(lr, &list), TSS_SUCCESS);
   EXPECT_EQ(list.loaded, 0);
   EXPECT_EQ(list.handle, (std::vector<TPM_KEY_HANDLE>{1, 2, 3}));
 }
@@ -518,7 +490,7 @@ TEST(MarshalTest, DelegateBlobSizeRules) {
   // additionalSize 0 leaves the additional area; a top-bit sensitiveSize reads nothing.
   const std::vector<BYTE> top_bit = Hex(head + "00000000 80000000");
   BlobReader r(top_bit);
-  ASSERT_EQ(UnloadBlob_DELEGATE_OWNER_BLOB(r, &blob), TSS_SUCCESS);
+  ASSERT_EQ(UnloadBlob(r, &blob), TSS_SUCCESS);
   EXPECT_EQ(r.offset(), top_bit.size());
   EXPECT_EQ(blob.additionalSize, 0u);
   EXPECT_EQ(ToHex(blob.additionalArea), "0a0b");
@@ -527,11 +499,11 @@ TEST(MarshalTest, DelegateBlobSizeRules) {
   // Such a structure cannot be marshalled back: the size claims bytes that are not there.
   std::array<BYTE, 256> out{};
   BlobWriter w(out);
-  EXPECT_EQ(LoadBlob_DELEGATE_OWNER_BLOB(w, blob), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(LoadBlob(w, blob), TCS_E_BAD_PARAMETER);
 
   const std::vector<BYTE> zero = Hex(head + "00000000 00000000");
   BlobReader zr(zero);
-  ASSERT_EQ(UnloadBlob_DELEGATE_OWNER_BLOB(zr, &blob), TSS_SUCCESS);
+  ASSERT_EQ(UnloadBlob(zr, &blob), TSS_SUCCESS);
   EXPECT_EQ(blob.sensitiveSize, 0u);
   EXPECT_EQ(ToHex(blob.sensitiveArea), "0c");
 
@@ -539,7 +511,7 @@ TEST(MarshalTest, DelegateBlobSizeRules) {
   const std::vector<BYTE> both = Hex(head + "00000001 ee 00000002 f0f1");
   BlobReader br(both);
   marshal_testing::FailAllocationsAfter(1);
-  EXPECT_EQ(UnloadBlob_DELEGATE_OWNER_BLOB(br, &blob), TCS_E_OUTOFMEMORY);
+  EXPECT_EQ(UnloadBlob(br, &blob), TCS_E_OUTOFMEMORY);
   marshal_testing::FailAllocationsAfter(-1);
   EXPECT_TRUE(blob.additionalArea.empty());
   EXPECT_EQ(ToHex(blob.sensitiveArea), "0c");
@@ -549,7 +521,7 @@ TEST(MarshalTest, DelegateBlobSizeRules) {
       Hex("001c " + kDelegatePublicHex + Rep20(0x99) + Rep20(0xAA) + "00000001 ee 00000001 f2");
   BlobReader kr(key_wire);
   marshal_testing::FailAllocationsAfter(1);
-  EXPECT_EQ(UnloadBlob_DELEGATE_KEY_BLOB(kr, &key_blob), TCS_E_OUTOFMEMORY);
+  EXPECT_EQ(UnloadBlob(kr, &key_blob), TCS_E_OUTOFMEMORY);
   marshal_testing::FailAllocationsAfter(-1);
   EXPECT_TRUE(key_blob.additionalArea.empty());
 }
@@ -559,7 +531,7 @@ TEST(MarshalTest, AllocationFailureStopsAtTheFieldAndKeepsEarlierParts) {
   TPM_KEY key;
   BlobReader r(wire);
   marshal_testing::FailAllocationsAfter(1);
-  EXPECT_EQ(UnloadBlob_KEY(r, &key), TCS_E_OUTOFMEMORY);
+  EXPECT_EQ(UnloadBlob(r, &key), TCS_E_OUTOFMEMORY);
   marshal_testing::FailAllocationsAfter(-1);
   EXPECT_EQ(key.algorithmParms.parms.size(), 12u);
   EXPECT_TRUE(key.pubKey.key.empty());
@@ -570,6 +542,31 @@ TEST(MarshalTest, AllocationFailureStopsAtTheFieldAndKeepsEarlierParts) {
   EXPECT_EQ(UnloadBlob_BYTES(br, 4, &bytes), TCS_E_OUTOFMEMORY);
   marshal_testing::FailAllocationsAfter(-1);
   EXPECT_EQ(br.offset(), 0);
+}
+
+TEST(MarshalTest, AFailingNestedFieldStopsTheWalkAndKeepsWhatCameBefore) {
+  // The input ends inside pubKey, a nested structure whose size claims 4 bytes where 2 remain.
+  const std::vector<BYTE> wire = Hex(kSampleKeyHex);
+  const std::vector<BYTE> cut(wire.begin(), wire.begin() + 45);
+  TPM_KEY key;
+  key.pubKey = {1, Hex("aa")};
+  key.encSize = 1;
+  key.encData = Hex("bb");
+  BlobReader r(cut);
+  EXPECT_EQ(UnloadBlob(r, &key), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(key.keyUsage, 0x0011);
+  EXPECT_EQ(ToHex(key.algorithmParms.parms), "000008000000000200000000");
+  EXPECT_EQ(key.pubKey.keyLength, 1u);
+  EXPECT_EQ(ToHex(key.pubKey.key), "aa");
+  EXPECT_EQ(ToHex(key.encData), "bb");
+  EXPECT_EQ(r.offset(), 43);  // past the size field that lied, and no further
+
+  // Writing stops before the first part that does not fit, with everything before it in place.
+  std::vector<BYTE> small(45);
+  BlobWriter w(small);
+  EXPECT_EQ(LoadBlob(w, SampleKey()), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(w.offset(), 39);
+  EXPECT_EQ(ToHex(w.written()), ToHex(std::span(wire).first(39)));
 }
 
 TEST(MarshalTest, LyingLengthsAreRefusedBeforeAllocating) {
@@ -583,18 +580,18 @@ TEST(MarshalTest, LyingLengthsAreRefusedBeforeAllocating) {
   marshal_testing::FailAllocationsAfter(0);
   const std::vector<BYTE> store = Hex(cases[0]);
   BlobReader r0(store);
-  EXPECT_EQ(UnloadBlob_STORE_PUBKEY(r0, nullptr), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(UnloadBlob(r0, static_cast<TPM_STORE_PUBKEY*>(nullptr)), TCS_E_BAD_PARAMETER);
   const std::vector<BYTE> parms = Hex(cases[1]);
   BlobReader r1(parms);
   TPM_KEY_PARMS kp;
-  EXPECT_EQ(UnloadBlob_KEY_PARMS(r1, &kp), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(UnloadBlob(r1, &kp), TCS_E_BAD_PARAMETER);
   EXPECT_EQ(kp.parmSize, 0u);
   const std::vector<BYTE> composite = Hex(cases[2]);
   BlobReader r2(composite);
-  EXPECT_EQ(UnloadBlob_PCR_COMPOSITE(r2, nullptr), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(UnloadBlob(r2, static_cast<TPM_PCR_COMPOSITE*>(nullptr)), TCS_E_BAD_PARAMETER);
   const std::vector<BYTE> handles = Hex(cases[3]);
   BlobReader r3(handles);
-  EXPECT_EQ(UnloadBlob_KEY_HANDLE_LIST(r3, nullptr), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(UnloadBlob(r3, static_cast<TPM_KEY_HANDLE_LIST*>(nullptr)), TCS_E_BAD_PARAMETER);
   std::vector<BYTE> bytes;
   BlobReader r4(handles);
   EXPECT_EQ(UnloadBlob_BYTES(r4, 7, &bytes), TCS_E_BAD_PARAMETER);
@@ -604,7 +601,7 @@ TEST(MarshalTest, LyingLengthsAreRefusedBeforeAllocating) {
   TPM_STORE_PUBKEY store_pub{8, Hex("0102")};
   std::array<BYTE, 64> out{};
   BlobWriter w(out);
-  EXPECT_EQ(LoadBlob_STORE_PUBKEY(w, store_pub), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(LoadBlob(w, store_pub), TCS_E_BAD_PARAMETER);
   EXPECT_EQ(w.offset(), 0);
 }
 
