@@ -1,0 +1,169 @@
+// Helpers of the storage tests: the hand-written hex fixtures, key blobs laid out from the TPM_KEY
+// description in docs/formats.md, and a fixture with a fresh data directory, client contexts and
+// captured service events that reopens storage the way start-up does.
+#pragma once
+
+#include <stdlib.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <kesttcs/tcs_results.h>
+
+#include "base/logging.h"
+#include "contexts/context_memory.h"
+#include "contexts/contexts.h"
+#include "storage/persistent_storage.h"
+#include "storage/registered_keys.h"
+
+inline bool operator==(const TSS_UUID& a, const TSS_UUID& b) {
+  return std::memcmp(&a, &b, sizeof(TSS_UUID)) == 0;
+}
+inline void PrintTo(const TSS_UUID& u, std::ostream* os) {
+  char text[40];
+  std::snprintf(text, sizeof(text), "{%08x-%04x-%04x-%02x%02x-...%02x}", u.ulTimeLow, u.usTimeMid,
+                u.usTimeHigh, u.bClockSeqHigh, u.bClockSeqLow, u.rgbNode[5]);
+  *os << text;
+}
+
+namespace kesttcs::testing {
+
+namespace fs = std::filesystem;
+using Bytes = std::vector<BYTE>;
+
+inline constexpr TSS_UUID kSrk = {0, 0, 0, 0, 0, {0, 0, 0, 0, 0, 1}};
+
+// The bytes of tests/unit/storage/testdata/<name>: hex pairs, '#' to the end of a line a comment.
+inline Bytes ReadHexFixture(const std::string& name) {
+  std::ifstream in(std::string(KESTTCS_SOURCE_DIR) + "/tests/unit/storage/testdata/" + name);
+  EXPECT_TRUE(in.good()) << name;
+  Bytes bytes;
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream words(line.substr(0, line.find('#')));
+    for (std::string word; words >> word;) bytes.push_back(BYTE(std::stoul(word, nullptr, 16)));
+  }
+  return bytes;
+}
+
+inline Bytes ReadFileBytes(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), {});
+}
+
+inline void WriteFileBytes(const fs::path& path, const Bytes& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc)
+      .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+}
+
+// A TPM_KEY blob: version 1.1.0.0, `keyUsage`, no flags, `authDataUsage`, RSA parameters, no PCR
+// info, a modulus of `modulusSize` bytes counting up from `fill`, and `encSize` bytes of encrypted
+// part.
+struct KeyBlobSpec {
+  std::size_t modulusSize = 8;
+  BYTE fill = 0xA0;
+  std::size_t encSize = 4;
+  BYTE authDataUsage = 0;
+  UINT16 keyUsage = 0x0010;
+};
+
+inline Bytes KeyBlob(const KeyBlobSpec& spec) {
+  auto u32 = [](Bytes& b, std::size_t v) {
+    for (int shift = 24; shift >= 0; shift -= 8) b.push_back(BYTE(v >> shift));
+  };
+  Bytes b = {1, 1, 0, 0, BYTE(spec.keyUsage >> 8), BYTE(spec.keyUsage),
+             0, 0, 0, 0, spec.authDataUsage};
+  u32(b, 1);                        // algorithmID: RSA
+  b.insert(b.end(), {0, 3, 0, 1});  // encScheme OAEP, sigScheme none
+  u32(b, 12);                       // parmSize
+  u32(b, spec.modulusSize * 8);     // RSA keyLength
+  u32(b, 2);                        // numPrimes
+  u32(b, 0);                        // exponentSize
+  u32(b, 0);                        // PCRInfoSize
+  u32(b, spec.modulusSize);
+  for (std::size_t i = 0; i < spec.modulusSize; ++i) b.push_back(BYTE(spec.fill + i));
+  u32(b, spec.encSize);
+  b.insert(b.end(), spec.encSize, BYTE(spec.fill ^ 0xFF));
+  return b;
+}
+
+// A UUID whose every field differs with `n`.
+inline TSS_UUID MakeUuid(UINT32 n) {
+  return TSS_UUID{0x10000000 + n, UINT16(0x2000 + n), UINT16(0x3000 + n),
+                  BYTE(n),        BYTE(n >> 8),       {0x66, 0x77, 0x88, 0x99, BYTE(n), 0xAA}};
+}
+
+// One registered key: what enumeration and the blob lookup say of it.
+struct StoredKey {
+  TSS_UUID uuid;
+  TSS_UUID parent;
+  Bytes blob;
+  bool operator==(const StoredKey&) const = default;
+};
+
+// Every valid record in index order.
+inline std::vector<StoredKey> StoredKeys() {
+  UINT32 count = 0;
+  TSS_KM_KEYINFO* infos = nullptr;
+  EXPECT_EQ(Tcsi_EnumRegisteredKeys_Internal(kInternalContextHandle, nullptr, &count, &infos),
+            TSS_SUCCESS);
+  std::vector<StoredKey> keys;
+  for (UINT32 i = 0; i < count; ++i) {
+    Bytes blob(4096);
+    UINT16 size = 0;
+    EXPECT_EQ(getKeyBlobByUUID(infos[i].keyUUID, blob, &size), TSS_SUCCESS);
+    blob.resize(size);
+    keys.push_back({infos[i].keyUUID, infos[i].parentKeyUUID, blob});
+  }
+  if (infos != nullptr) {
+    EXPECT_EQ(ctx_ReleaseMemory(kInternalContextHandle, infos), TSS_SUCCESS);
+  }
+  return keys;
+}
+
+class StorageTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(ctx_init(), TSS_SUCCESS);
+    SetEventSink([this](const ServiceEvent& event) { events_.push_back(event); });
+    // In memory where there is such a file system: the tests flush a lot, and the disk adds time.
+    const fs::path base = fs::is_directory("/dev/shm") ? "/dev/shm" : fs::temp_directory_path();
+    std::string pattern = (base / "kesttcs-storage-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    dir_ = pattern;
+    dataFile_ = (dir_ / "KestData.dat").string();
+  }
+  void TearDown() override {
+    ps_close();
+    ctx_final();
+    ResetLogging();
+    fs::remove_all(dir_);
+  }
+
+  // Closes storage and opens it again as start-up does: checksum check and restore, then loading.
+  void Restart(bool tpmHasOwner = false) {
+    ps_close();
+    ASSERT_EQ(ps_checkAndRestore(dataFile_), TSS_SUCCESS);
+    ASSERT_EQ(ps_init(dataFile_, tpmHasOwner), TSS_SUCCESS);
+  }
+
+  TSS_RESULT Register(const TSS_UUID& key, const TSS_UUID& parent, const Bytes& blob) {
+    return Tcsi_RegisterKey_Internal(kInternalContextHandle, parent, key, UINT32(blob.size()),
+                                     blob.data(), 0, nullptr);
+  }
+
+  Bytes DataFileBytes() const { return ReadFileBytes(dataFile_); }
+  fs::path TmpFile() const { return dir_ / "KestData.tmp"; }
+
+  fs::path dir_;
+  std::string dataFile_;
+  std::vector<ServiceEvent> events_;
+};
+
+}  // namespace kesttcs::testing
