@@ -17,6 +17,7 @@
 #include "contexts/contexts.h"
 #include "rpc/c_layout.h"
 #include "rpc/operations.h"
+#include "storage/registered_keys.h"
 
 namespace kesttcs {
 namespace {
@@ -190,6 +191,12 @@ constexpr Binding kBindings[] = {
     Bind<4, &Tcsi_CloseContext_Internal>(),
     Bind<5, &Tcsi_FreeMemory_Internal>(),
     Bind<6, &Tcsi_GetCapability_Internal>(),
+    Bind<7, &Tcsi_RegisterKey_Internal>(),
+    Bind<8, &Tcsip_UnregisterKey_Internal>(),
+    Bind<10, &Tcsi_EnumRegisteredKeys_Internal>(),
+    Bind<11, &Tcsi_GetRegisteredKey_Internal>(),
+    Bind<12, &Tcsi_GetRegisteredKeyBlob_Internal>(),
+    Bind<13, &Tcsip_GetRegisteredKeyByPublicInfo_Internal>(),
     Bind<25, &Tcsip_SetOwnerInstall_Internal>(),
     Bind<39, &Tcsip_Extend_Internal>(),
     Bind<40, &Tcsip_PcrRead_Internal>(),

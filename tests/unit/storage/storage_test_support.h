@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,6 +19,7 @@
 #include "base/logging.h"
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"
+#include "hex_fixture.h"
 #include "storage/persistent_storage.h"
 #include "storage/registered_keys.h"
 
@@ -39,18 +39,6 @@ namespace fs = std::filesystem;
 using Bytes = std::vector<BYTE>;
 
 inline constexpr TSS_UUID kSrk = {0, 0, 0, 0, 0, {0, 0, 0, 0, 0, 1}};
-
-// The bytes of tests/unit/storage/testdata/<name>: hex pairs, '#' to the end of a line a comment.
-inline Bytes ReadHexFixture(const std::string& name) {
-  std::ifstream in(std::string(KESTTCS_SOURCE_DIR) + "/tests/unit/storage/testdata/" + name);
-  EXPECT_TRUE(in.good()) << name;
-  Bytes bytes;
-  for (std::string line; std::getline(in, line);) {
-    std::istringstream words(line.substr(0, line.find('#')));
-    for (std::string word; words >> word;) bytes.push_back(BYTE(std::stoul(word, nullptr, 16)));
-  }
-  return bytes;
-}
 
 inline Bytes ReadFileBytes(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
