@@ -105,6 +105,10 @@ class KesttcsdProcess {
     if (pid_ <= 0) return false;
     for (int i = 0; i < 6000; ++i) {
       if (Tcs_Connect(socket().c_str()) == 0) return true;
+      if (waitpid(pid_, nullptr, WNOHANG) == pid_) {  // start-up failed: see kesttcsd.log
+        pid_ = -1;
+        return false;
+      }
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;

@@ -13,6 +13,7 @@
 #include <kesttcs/tcs_results.h>
 
 #include "kesttcsd_process.h"
+#include "storage/hex_fixture.h"
 #include "storage/test_keys.h"
 
 namespace kesttcs::testing {
@@ -178,6 +179,34 @@ TEST_F(RegisteredKeysServiceTest, WithoutAnOwnerTheKeysAreSetAsideOnce) {
   OpenContext();
   EXPECT_THAT(Enumerate(), ElementsAre(Listed{MakeUuid(2), kSrk}));
   EXPECT_EQ(daemon.Stop(), 0);
+}
+
+TEST_F(RegisteredKeysServiceTest, KeysCheckTellsWhatIsWrongByItsExitStatus) {
+  const fs::path file = fs::path(dir_.path()) / "KestData.dat";
+  const Bytes good = ReadHexFixture("three_records_one_reused.hex");
+  auto check = [&](const Bytes& bytes) {
+    std::ofstream(file, std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+    return Cli({"keys", "check", "--file", file.string()}).first;
+  };
+  EXPECT_EQ(check(good), 0);
+  EXPECT_EQ(check({}), 0);
+  Bytes damaged = good;
+  damaged[300] ^= 1;
+  EXPECT_EQ(check(damaged), 3);
+  // A count one short leaves 125 bytes after the last record; with the old checksum the checksum
+  // is wrong as well, with the one of the new count (computed separately) only the records.
+  Bytes both = good;
+  both[4] = 2;
+  EXPECT_EQ(check(both), 5);
+  Bytes malformed = both;
+  const Bytes checksum = {0xf3, 0x55, 0x7b, 0x70};
+  std::copy(checksum.begin(), checksum.end(), malformed.begin());
+  EXPECT_EQ(check(malformed), 4);
+  std::pair<int, std::string> missing =
+      Cli({"--json", "keys", "check", "--file", (fs::path(dir_.path()) / "none").string()});
+  EXPECT_EQ(missing.first, 1);
+  EXPECT_THAT(missing.second, HasSubstr("\"error\": \"cannot read"));
 }
 
 }  // namespace

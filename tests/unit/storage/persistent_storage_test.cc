@@ -255,6 +255,28 @@ TEST_F(StorageTest, BlobUpdateStopsAtTheFirstNodeThatHasTheUuidOrIsDeleted) {
   EXPECT_TRUE(ps_checkFile(dataFile_));
 }
 
+TEST_F(StorageTest, TheChangeStepsAndTheRecordWriterOnTheirOwn) {
+  ASSERT_EQ(ps_init(dataFile_, false), TSS_SUCCESS);
+  // writeKeyToPS makes no registration checks; a NULL parent counts as the system storage.
+  ASSERT_EQ(writeKeyToPS(MakeUuid(1), TSS_UUID{}, KeyBlob({})), TSS_SUCCESS);
+  ASSERT_EQ(writeKeyToPS(MakeUuid(2), MakeUuid(7), KeyBlob({})), TCS_E_FAIL);
+  EXPECT_EQ(DataFileBytes()[8 + 36], 0x03);
+  EXPECT_EQ(getParentPSTypeByUUID(MakeUuid(1)), 2);
+
+  ASSERT_EQ(ps_backupToTmp(), TSS_SUCCESS);
+  EXPECT_EQ(ReadFileBytes(TmpFile()), DataFileBytes());
+  Bytes bytes = DataFileBytes();
+  bytes[0] ^= 0xFF;
+  WriteFileBytes(dataFile_, bytes);
+  EXPECT_FALSE(ps_checkFile(dataFile_));
+  ASSERT_EQ(ps_updateChecksum(), TSS_SUCCESS);
+  EXPECT_TRUE(ps_checkFile(dataFile_));
+
+  ps_close();
+  EXPECT_EQ(writeKeyToPS(MakeUuid(3), kSrk, KeyBlob({})), TCS_E_INTERNAL_ERROR);
+  EXPECT_EQ(ps_updateChecksum(), TCS_E_INTERNAL_ERROR);
+}
+
 TEST_F(StorageTest, DeleteRemovesTheFileAndEmptiesTheIndex) {
   ASSERT_EQ(ps_init(dataFile_, false), TSS_SUCCESS);
   ASSERT_EQ(Register(MakeUuid(1), kSrk, KeyBlob({})), TSS_SUCCESS);
