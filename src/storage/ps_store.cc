@@ -125,13 +125,22 @@ TSS_RESULT RunChange(PsStore& s, const std::function<TSS_RESULT()>& write) {
 TSS_RESULT WipeDeletedSlots(PsStore& s) {
   constexpr std::uint64_t kUuidsSize = 2 * sizeof(TSS_UUID);
   constexpr std::uint64_t kFlagsOffset = kUuidsSize + 2 * sizeof(UINT16);
+  StorageFile* file = DataFile(s);
+  const std::optional<std::uint64_t> size = file != nullptr ? file->Size() : std::nullopt;
+  if (!size) return TCS_E_INTERNAL_ERROR;
   for (const PsNode& node : s.index) {
     if (node.valid()) continue;
-    // The two sizes stay, so that the slot can take a record of exactly the same sizes.
+    // The two sizes stay, so that the slot can take a record of exactly the same sizes. The slot
+    // of a record loading stopped at may claim more than the file holds: only what it holds is
+    // wiped.
+    const std::uint64_t dataEnd = std::min<std::uint64_t>(
+        *size, std::uint64_t{node.pubDataOffset()} + node.pubDataSize + node.blobSize);
     if (TSS_RESULT r = WriteZeros(s, node.offset, kUuidsSize)) return r;
     if (TSS_RESULT r = WriteZeros(s, node.offset + kFlagsOffset, sizeof(UINT16))) return r;
-    if (TSS_RESULT r = WriteZeros(s, node.pubDataOffset(), node.pubDataSize + node.blobSize)) {
-      return r;
+    if (dataEnd > node.pubDataOffset()) {
+      if (TSS_RESULT r = WriteZeros(s, node.pubDataOffset(), dataEnd - node.pubDataOffset())) {
+        return r;
+      }
     }
   }
   return TSS_SUCCESS;

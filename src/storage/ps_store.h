@@ -90,7 +90,8 @@ UINT32 ReadRecordCount(PsStore& s) REQUIRES(s.fileMutex);
 [[nodiscard]] TSS_RESULT BackupToTmp(PsStore& s) REQUIRES(s.fileMutex);
 [[nodiscard]] TSS_RESULT UpdateChecksum(PsStore& s) REQUIRES(s.fileMutex);
 
-// Zeroes uuid, parent uuid, flags, public data and blob of every deleted node's slot.
+// Zeroes uuid, parent uuid, flags, public data and blob of every deleted node's slot, as far as
+// the file holds them.
 [[nodiscard]] TSS_RESULT WipeDeletedSlots(PsStore& s) REQUIRES(s.fileMutex, s.indexMutex);
 
 // Writes a record as writeKeyToPS describes, inside a change; the caller made the checks.

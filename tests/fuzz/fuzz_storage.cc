@@ -12,6 +12,8 @@
 #include <span>
 #include <string>
 
+#include <kesttcs/tcs_results.h>
+
 #include "base/logging.h"
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"

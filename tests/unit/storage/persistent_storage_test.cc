@@ -171,7 +171,10 @@ TEST_F(StorageTest, LoadingEndsAtAnOversizeRecordOrOneBeyondTheFileKeepingWhatCa
     ASSERT_EQ(ps_init(dataFile_, false), TSS_SUCCESS);
     EXPECT_THAT(Uuids(StoredKeys()), ElementsAre(kKeyA));
     EXPECT_FALSE(isUUIDRegistered(kKeyC));
+    // Closing wipes the slot loading stopped at (a deleted node), but not beyond the file's end.
     ps_close();
+    EXPECT_EQ(DataFileBytes().size(), bytes.size());
+    EXPECT_EQ(DataFileBytes()[kRecord1], 0);
   }
 
   // A file that ends inside the last record: the records before it load.
