@@ -24,18 +24,26 @@ namespace {
 
 using namespace kesttcs;
 
-// A directory of this process for the file, in memory where possible.
-const std::string& DataFile() {
-  static const std::string file = [] {
+// The file, in a directory of this process (in memory where possible) removed at exit.
+class DataDirectory {
+ public:
+  DataDirectory() {
     const std::filesystem::path base = std::filesystem::is_directory("/dev/shm")
                                            ? "/dev/shm"
                                            : std::filesystem::temp_directory_path();
     std::string dir = (base / "kesttcs-fuzz-storage-XXXXXX").string();
     if (mkdtemp(dir.data()) == nullptr) abort();
-    return dir + "/KestData.dat";
-  }();
-  return file;
-}
+    dir_ = dir;
+  }
+  ~DataDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(dir_, ignored);
+  }
+  std::string file() const { return (dir_ / "KestData.dat").string(); }
+
+ private:
+  std::filesystem::path dir_;
+};
 
 void Setup() {
   SetEventSink([](const ServiceEvent&) {});
@@ -49,7 +57,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static_cast<void>(ready);
   if (size == 0) return 0;
   const bool tpmHasOwner = (data[0] & 1) != 0;
-  const std::string& file = DataFile();
+  static const DataDirectory directory;
+  const std::string file = directory.file();
   std::ofstream(file, std::ios::binary | std::ios::trunc)
       .write(reinterpret_cast<const char*>(data + 1), std::streamsize(size - 1));
   std::filesystem::remove(std::filesystem::path(file).parent_path() / "KestData.tmp");
