@@ -19,6 +19,7 @@
 #include "rpc/c_layout.h"
 #include "rpc/name_of.h"
 #include "rpc/operations.h"
+#include "storage/registered_keys.h"
 
 namespace kesttcs {
 namespace {
@@ -204,6 +205,12 @@ constexpr Binding kBindings[] = {
     Bind<&Tcsi_CloseContext_Internal>(),
     Bind<&Tcsi_FreeMemory_Internal>(),
     Bind<&Tcsi_GetCapability_Internal>(),
+    Bind<&Tcsi_RegisterKey_Internal>(),
+    Bind<&Tcsip_UnregisterKey_Internal>(),
+    Bind<&Tcsi_EnumRegisteredKeys_Internal>(),
+    Bind<&Tcsi_GetRegisteredKey_Internal>(),
+    Bind<&Tcsi_GetRegisteredKeyBlob_Internal>(),
+    Bind<&Tcsip_GetRegisteredKeyByPublicInfo_Internal>(),
     Bind<&Tcsip_SetOwnerInstall_Internal>(),
     Bind<&Tcsip_Extend_Internal>(),
     Bind<&Tcsip_PcrRead_Internal>(),

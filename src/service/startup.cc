@@ -15,8 +15,10 @@
 #include "contexts/contexts.h"
 #include "rpc/rpc_service.h"
 #include "service/service_status.h"
+#include "storage/persistent_storage.h"
 #include "tpm/driver.h"
 #include "tpm/req_mgr.h"
+#include "tpm/tpm_cmds.h"
 
 namespace kesttcs {
 namespace {
@@ -84,6 +86,25 @@ TSS_RESULT StepReadTpmMetrics() {
 // Undo after the TPM is up: the driver is closed again.
 void UndoTpmAccess() { static_cast<void>(req_mgr_final()); }
 
+// Without an owner the registered keys cannot be loaded: on a TPM 1.2, or one of the maker's own,
+// they are set aside.
+TSS_RESULT StepSetAsideStorage() {
+  if ((isOwnVendorTpm() || TpmIsVersion12()) && !tpmHasOwner()) {
+    return ps_moveToBak(g_paths.storageFile);
+  }
+  return TSS_SUCCESS;
+}
+
+TSS_RESULT StepCheckStorage() { return ps_checkAndRestore(g_paths.storageFile); }
+
+// Loads the registered-key index (the key cache's init will run it once the cache is there).
+TSS_RESULT StepOpenStorage() { return ps_init(g_paths.storageFile, tpmHasOwner()); }
+
+void UndoStorageAndTpmAccess() {
+  ps_close();
+  UndoTpmAccess();
+}
+
 struct StartupStep {
   const char* name;
   TSS_RESULT (*run)();
@@ -93,9 +114,8 @@ struct StartupStep {
   std::string (*describeFailure)();
 };
 
-// The start-up order. Persistent storage (with the owner-less backup and the checksum check; its
-// close joins the metrics step's undo), the session table, the owner-held keys and the PCR event
-// log join after the metrics as their managers land.
+// The start-up order. The session table, the owner-held keys and the PCR event log join after
+// persistent storage as their managers land.
 constexpr StartupStep kStartupSteps[] = {
     {"locks", StepCreateLocks, nullptr, nullptr},
     {"random seed", StepSeedRandom, nullptr, nullptr},
@@ -103,6 +123,9 @@ constexpr StartupStep kStartupSteps[] = {
     {"directories", StepCreateDirectories, nullptr, nullptr},
     {"TPM access", StepStartTpmAccess, nullptr, driver_last_error},
     {"TPM metrics", StepReadTpmMetrics, UndoTpmAccess, nullptr},
+    {"storage set-aside", StepSetAsideStorage, UndoStorageAndTpmAccess, nullptr},
+    {"storage check", StepCheckStorage, UndoStorageAndTpmAccess, nullptr},
+    {"persistent storage", StepOpenStorage, UndoTpmAccess, nullptr},
 };
 
 // ---- Shut-down steps ----
@@ -114,6 +137,8 @@ void ShutdownRequestManager() {
   TcsTrace("kesttcs_shutdown:req_mgr_final fail", &r);
 }
 
+void ShutdownStorage() { ps_close(); }
+
 // No call can still be inside a context: listening has stopped and every worker has finished.
 void ShutdownContexts() { ctx_final(); }
 
@@ -122,10 +147,10 @@ struct ShutdownStep {
   void (*run)();
 };
 
-// The shut-down order. Closing persistent storage, releasing the owner-held keys and finishing the
-// session table come first, and the PCR event log after the request manager, as those managers
-// land.
+// The shut-down order. Releasing the owner-held keys and finishing the session table join after
+// persistent storage, and the PCR event log after the request manager, as those managers land.
 constexpr ShutdownStep kShutdownSteps[] = {
+    {"kesttcs_shutdown:closeDiskCache", ShutdownStorage},
     {"kesttcs_shutdown:req_mgr_final", ShutdownRequestManager},
     {nullptr, ShutdownContexts},
 };

@@ -1,8 +1,6 @@
 // kesttcs-cli: status and facts of the TPM behind KestTCS, capabilities, random bytes, PCR read and
-// extend, over the client library. Human output by default, one JSON object with --json.
-//
-// Exit status: 0 success; 1 the service cannot be reached or answered with an error; 2 a bad
-// argument.
+// extend, registered keys, over the client library. Human output by default, one JSON object with
+// --json. Exit status in tools/cli_output.h.
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -16,6 +14,8 @@
 #include <kesttcs/tcs_capabilities.h>
 #include <kesttcs/tcs_results.h>
 #include "tools/cli_format.h"
+#include "tools/cli_output.h"
+#include "tools/keys_commands.h"
 #include "tools/tcs_connection.h"
 
 namespace kesttcs::cli {
@@ -23,8 +23,6 @@ namespace {
 
 using nlohmann::ordered_json;
 
-constexpr int kExitFailure = 1;
-constexpr int kExitBadArgument = 2;
 constexpr UINT32 kMaxRandomBytes = 4096;
 constexpr UINT32 kMaxPcrIndex = 0xFFFF;
 
@@ -32,57 +30,6 @@ std::vector<BYTE> SubCap(UINT32 value) {
   return {static_cast<BYTE>(value >> 24), static_cast<BYTE>(value >> 16),
           static_cast<BYTE>(value >> 8), static_cast<BYTE>(value)};
 }
-
-std::string CodeText(TSS_RESULT code) {
-  char text[16];
-  std::snprintf(text, sizeof(text), "0x%.8X", code);
-  return text;
-}
-
-// A failed step of a command: what was called and what came back.
-struct Failure {
-  std::string operation;
-  TSS_RESULT code;
-};
-
-class Output {
- public:
-  explicit Output(bool json) : json_(json) {}
-  bool json() const { return json_; }
-  ordered_json& object() { return object_; }
-
-  int Finish() {
-    if (json_) std::printf("%s\n", object_.dump(2).c_str());
-    return 0;
-  }
-  int BadArgument(const std::string& message) {
-    std::fprintf(stderr, "kesttcs-cli: bad argument: %s\n", message.c_str());
-    if (json_)
-      std::printf("%s\n", ordered_json{{"error", "bad argument: " + message}}.dump(2).c_str());
-    return kExitBadArgument;
-  }
-  int Unreachable(const std::string& endpoint, const std::string& reason) {
-    const std::string message = "cannot reach KestTCS at " + endpoint + ": " + reason;
-    std::fprintf(stderr, "kesttcs-cli: %s\n", message.c_str());
-    if (json_) std::printf("%s\n", ordered_json{{"error", message}}.dump(2).c_str());
-    return kExitFailure;
-  }
-  int TcsError(const Failure& failure) {
-    std::fprintf(stderr, "kesttcs-cli: %s failed: %s (%s)\n", failure.operation.c_str(),
-                 CodeText(failure.code).c_str(), ResultName(failure.code));
-    if (json_) {
-      ordered_json error = {{"error", failure.operation + " failed"},
-                            {"code", CodeText(failure.code)},
-                            {"name", ResultName(failure.code)}};
-      std::printf("%s\n", error.dump(2).c_str());
-    }
-    return kExitFailure;
-  }
-
- private:
-  bool json_;
-  ordered_json object_ = ordered_json::object();
-};
 
 // One TPM property as a number.
 std::optional<Failure> TpmProperty(TcsConnection& tcs, UINT32 property, UINT32* value) {
@@ -263,6 +210,7 @@ int Main(int argc, char** argv) {
   pcrExtend->add_option("N", extendIndex, "PCR index")->required();
   pcrExtend->add_option("HEX", extendDigest, "Digest, 40 hex digits")->required();
   for (CLI::App* sub : {status, caps, random, pcrRead, pcrExtend}) sub->fallthrough();
+  KeysCommand keys(app);
 
   try {
     app.parse(argc, argv);
@@ -288,6 +236,10 @@ int Main(int argc, char** argv) {
     digest = ParseDigest(extendDigest);
     if (!digest) return out.BadArgument("pcr extend HEX must be 40 hex digits");
   }
+  if (keys.parsed()) {
+    if (std::optional<int> status = keys.CheckArguments(out)) return *status;
+    if (keys.needsNoService()) return keys.Check(out);
+  }
 
   std::string reason;
   TSS_RESULT openResult = 0;
@@ -303,6 +255,7 @@ int Main(int argc, char** argv) {
   if (random->parsed()) failure = Random(*tcs, *count, out);
   if (pcrRead->parsed()) failure = PcrRead(*tcs, index, out);
   if (pcrExtend->parsed()) failure = PcrExtend(*tcs, *index, *digest, out);
+  if (keys.parsed()) failure = keys.Run(*tcs, out);
   if (failure) return out.TcsError(*failure);
   return out.Finish();
 }

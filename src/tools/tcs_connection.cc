@@ -112,4 +112,31 @@ TSS_RESULT TcsConnection::Extend(UINT32 index, const TPM_DIGEST& digest, TPM_DIG
   return Tcsip_Extend(hContext_, index, digest, newValue);
 }
 
+TSS_RESULT TcsConnection::RegisteredKeys(std::vector<TSS_KM_KEYINFO>* keys) {
+  UINT32 count = 0;
+  TSS_KM_KEYINFO* infos = nullptr;
+  const TSS_RESULT r = Tcsi_EnumRegisteredKeys(hContext_, nullptr, &count, &infos);
+  if (infos != nullptr) keys->assign(infos, infos + count);
+  Tcs_FreeBuffer(infos);
+  return r;
+}
+
+TSS_RESULT TcsConnection::RegisteredKeyBlob(const TSS_UUID& uuid, std::vector<BYTE>* blob) {
+  UINT32 size = 0;
+  BYTE* buffer = nullptr;
+  const TSS_RESULT r = Tcsi_GetRegisteredKeyBlob(hContext_, uuid, &size, &buffer);
+  TakeBuffer(buffer, size, blob);
+  return r;
+}
+
+TSS_RESULT TcsConnection::RegisterKey(const TSS_UUID& parent, const TSS_UUID& uuid,
+                                      const std::vector<BYTE>& blob) {
+  return Tcsi_RegisterKey(hContext_, parent, uuid, static_cast<UINT32>(blob.size()),
+                          const_cast<BYTE*>(blob.data()), 0, nullptr);
+}
+
+TSS_RESULT TcsConnection::UnregisterKey(const TSS_UUID& uuid) {
+  return Tcsip_UnregisterKey(hContext_, uuid);
+}
+
 }  // namespace kesttcs::cli

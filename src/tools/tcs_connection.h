@@ -36,6 +36,14 @@ class TcsConnection {
   // Tcsip_PcrRead and Tcsip_Extend.
   [[nodiscard]] TSS_RESULT PcrRead(UINT32 index, TPM_DIGEST* value);
   [[nodiscard]] TSS_RESULT Extend(UINT32 index, const TPM_DIGEST& digest, TPM_DIGEST* newValue);
+  // Tcsi_EnumRegisteredKeys over every registered key.
+  [[nodiscard]] TSS_RESULT RegisteredKeys(std::vector<TSS_KM_KEYINFO>* keys);
+  // Tcsi_GetRegisteredKeyBlob.
+  [[nodiscard]] TSS_RESULT RegisteredKeyBlob(const TSS_UUID& uuid, std::vector<BYTE>* blob);
+  // Tcsi_RegisterKey without vendor data, and Tcsip_UnregisterKey.
+  [[nodiscard]] TSS_RESULT RegisterKey(const TSS_UUID& parent, const TSS_UUID& uuid,
+                                       const std::vector<BYTE>& blob);
+  [[nodiscard]] TSS_RESULT UnregisterKey(const TSS_UUID& uuid);
 
  private:
   explicit TcsConnection(TCS_CONTEXT_HANDLE hContext) : hContext_(hContext) {}
