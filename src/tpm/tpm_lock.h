@@ -31,13 +31,15 @@ namespace kesttcs {
 
 class CAPABILITY("mutex") TpmLock {
  public:
-  TpmLock() = default;
   TpmLock(const TpmLock&) = delete;
   TpmLock& operator=(const TpmLock&) = delete;
 
  private:
+  friend TpmLock& tpm_lock();
   friend class TpmLockGuard;
   friend class S3Hold;
+
+  TpmLock() = default;
 
   OwnedRecursiveMutex queue_;
   OwnedRecursiveMutex s3_;

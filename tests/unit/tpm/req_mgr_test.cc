@@ -123,9 +123,8 @@ TEST_F(ReqMgrTest, InitStartsTpmThatWasNotStarted) {
 
 TEST_F(ReqMgrTest, ResponseReplacesRequestAndFinalClosesDriver) {
   Init();
-  std::vector<BYTE> random(16, 0xAB);
-  std::vector<BYTE> body = {0, 0, 0, 16};
-  body.insert(body.end(), random.begin(), random.end());
+  std::vector<BYTE> body = {0, 0, 0, 16};  // randomBytesSize, then 16 bytes of 0xAB
+  body.resize(20, 0xAB);
   tpm_->Respond(TPM_SUCCESS, body);
   Blob blob = GetRandom(16);
   ASSERT_EQ(req_mgr_submit(blob), TSS_SUCCESS);
