@@ -1,12 +1,14 @@
 #include "core_fixture.h"
 
+#include <array>
 #include <fstream>
 #include <utility>
+
+#include <kesttcs/tcs_results.h>
 
 #include "service/startup.h"
 #include "tpm/driver.h"
 #include "tpm12/marshal.h"
-#include "tpm12/tpm_ordinals.h"
 
 namespace kesttcs::testing {
 namespace {
@@ -59,10 +61,6 @@ TestCore::TestCore(CoreOptions options) {
   SetTraceSink([this](std::string_view line) {
     std::lock_guard<std::mutex> lock(mu_);
     traces_.emplace_back(line);
-  });
-  SetEventSink([this](const ServiceEvent& event) {
-    std::lock_guard<std::mutex> lock(mu_);
-    events_.push_back(event);
   });
   std::ofstream config(home() + "/tcs_cfg.ini");
   config << "[LOG]\nneedLog=" << (options.needLog ? 1 : 0) << "\n";
@@ -122,11 +120,6 @@ std::vector<std::string> TestCore::Traces() const {
 std::vector<std::string> TestCore::TakeTraces() {
   std::lock_guard<std::mutex> lock(mu_);
   return std::exchange(traces_, {});
-}
-
-std::vector<ServiceEvent> TestCore::Events() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return events_;
 }
 
 }  // namespace kesttcs::testing

@@ -1,11 +1,10 @@
 // The service core for tests, fuzz targets and benchmarks: brought up through the real start-up
 // table (KestTcs_startup) in a fresh temporary home against the TPM the caller chooses, and down
-// through the real shut-down table (kesttcs_shutdown). Nothing else sets the managers' state: a
-// test starts from what start-up makes and leaves what shut-down leaves.
+// through the real shut-down table (kesttcs_shutdown). A test starts from what start-up makes, and
+// what it changes shut-down or the next start-up puts back: no test resets a manager by hand.
 //
 // The managers are process-wide, so only one core may be up at a time. While it exists it captures
-// every trace line and service event (the host's sinks); a test may install its own sinks after
-// Start().
+// every trace line (as the host's sink would); a test may install its own sink after Start().
 #pragma once
 
 #include <memory>
@@ -79,10 +78,9 @@ class TestCore {
   std::vector<std::vector<BYTE>> SentAfterStart() const;
   std::vector<UINT32> OrdinalsAfterStart() const;
 
-  // Trace lines ("TCS:...\n") and events captured so far; Take... also forgets them.
+  // Trace lines ("TCS:...\n") captured so far; TakeTraces also forgets them.
   std::vector<std::string> Traces() const;
   std::vector<std::string> TakeTraces();
-  std::vector<ServiceEvent> Events() const;
 
  private:
   TempDir home_;
@@ -94,7 +92,6 @@ class TestCore {
 
   mutable std::mutex mu_;
   std::vector<std::string> traces_;
-  std::vector<ServiceEvent> events_;
 };
 
 }  // namespace kesttcs::testing
