@@ -15,9 +15,7 @@ namespace {
 TCS_CONTEXT_HANDLE ClientContext() {
   static const TCS_CONTEXT_HANDLE context = [] {
     TCS_CONTEXT_HANDLE h = 0;  // stays 0 when any step fails
-    if (EmbeddedTpmReady() && ctx_init() == TSS_SUCCESS) {
-      static_cast<void>(Tcsi_OpenContext_Internal(&h));
-    }
+    if (EmbeddedTpmReady()) static_cast<void>(Tcsi_OpenContext_Internal(&h));
     return h;
   }();
   return context;

@@ -1,32 +1,28 @@
-// The embedded libtpms TPM behind the request manager, opened once for every benchmark of the
-// binary that needs it (state in a fresh temporary directory).
+// The service core on the embedded libtpms TPM (state in a fresh temporary home), brought up once
+// for every benchmark of the binary that needs it and left up until the process ends.
 #pragma once
 
-#include <stdlib.h>
-
 #include <cstdio>
-#include <filesystem>
-#include <string>
 
-#include "tpm/driver.h"
-#include "tpm/req_mgr.h"
+#include "core_fixture.h"
+#include "service/startup.h"
 
 namespace kesttcs {
 
-// True once the request manager runs on the embedded TPM; false (with a message on stderr) when it
-// could not be started. Only the first call does the work.
-inline bool EmbeddedTpmReady() {
-  static const bool ready = [] {
-    std::string dir = (std::filesystem::temp_directory_path() / "kesttcs-bench-XXXXXX").string();
-    if (::mkdtemp(dir.data()) == nullptr) return false;
-    driver_configure("libtpms:" + dir + "/tpm", dir);
-    TSS_RESULT result = req_mgr_init();
-    if (result != TSS_SUCCESS) {
-      std::fprintf(stderr, "req_mgr_init: 0x%08X %s\n", result, driver_last_error().c_str());
+// The core once it is up; null (with a message on stderr) when it could not be started. Only the
+// first call does the work.
+inline testing::TestCore* EmbeddedCore() {
+  static testing::TestCore* const core = [] {
+    auto* started = new testing::TestCore(testing::CoreOptions().Backend("libtpms"));
+    if (const TSS_RESULT result = started->Start(); result != TSS_SUCCESS) {
+      std::fprintf(stderr, "KestTcs_startup: 0x%08X %s\n", result, StartupFailureText().c_str());
+      return static_cast<testing::TestCore*>(nullptr);
     }
-    return result == TSS_SUCCESS;
+    return started;
   }();
-  return ready;
+  return core;
 }
+
+inline bool EmbeddedTpmReady() { return EmbeddedCore() != nullptr; }
 
 }  // namespace kesttcs

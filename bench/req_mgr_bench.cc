@@ -11,6 +11,7 @@
 
 #include "embedded_tpm.h"
 #include "tpm/req_mgr.h"
+#include "tpm/tpm_lock.h"
 #include "tpm12/marshal.h"
 
 namespace kesttcs {
@@ -24,16 +25,18 @@ void BM_GetRandom16_Direct(benchmark::State& state) {
   uint32_t length = 0;
   uint32_t capacity = 0;
   std::array<BYTE, kGetRandom16.size()> command = kGetRandom16;
-  LockTPM(0x46);  // the same TPM is also behind the request manager: keep it to ourselves
-  for (auto _ : state) {
-    if (TPMLIB_Process(&response, &length, &capacity, command.data(), command.size()) != 0 ||
-        length != 30) {
-      state.SkipWithError("TPMLIB_Process failed");
-      break;
+  {
+    // The same TPM is also behind the request manager: keep it to ourselves.
+    TpmLockGuard tpm(0x46);
+    for (auto _ : state) {
+      if (TPMLIB_Process(&response, &length, &capacity, command.data(), command.size()) != 0 ||
+          length != 30) {
+        state.SkipWithError("TPMLIB_Process failed");
+        break;
+      }
+      benchmark::DoNotOptimize(response);
     }
-    benchmark::DoNotOptimize(response);
   }
-  UnlockTPM();
   TPM_Free(response);
 }
 BENCHMARK(BM_GetRandom16_Direct);

@@ -10,17 +10,13 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "commands/tpm_metrics.h"
-#include "contexts/contexts.h"
+#include "embedded_tpm.h"
 #include "rpc/rpc_service.h"
-#include "tpm/driver.h"
-#include "tpm/req_mgr.h"
 
 namespace {
 
@@ -29,7 +25,6 @@ constexpr size_t kCapabilityMessage = 44;
 constexpr size_t kRandomMessage = 64;
 
 struct Environment {
-  std::string home;
   std::string socket;
   std::string echo_socket;
 };
@@ -64,16 +59,12 @@ void EchoServer(int listener) {
 
 const Environment& Env() {
   static Environment* env = [] {
+    const kesttcs::testing::TestCore* core = kesttcs::EmbeddedCore();
+    if (core == nullptr) std::abort();
     auto* e = new Environment;
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "kesttcs-bench-XXXXXX").string();
-    e->home = ::mkdtemp(pattern.data()) != nullptr ? pattern : "/tmp";
-    e->socket = e->home + "/KestTCS";
-    e->echo_socket = e->home + "/echo";
-    if (kesttcs::ctx_init() != 0) std::abort();
-    kesttcs::tpm_metrics_init();
-    kesttcs::driver_configure("libtpms:" + e->home + "/tpm", e->home);
-    if (kesttcs::req_mgr_init() != 0 || kesttcs::RpcServerUseProtseqEp({e->socket, "", 0}) != 0 ||
+    e->socket = core->home() + "/KestTCS";
+    e->echo_socket = core->home() + "/echo";
+    if (kesttcs::RpcServerUseProtseqEp({e->socket, "", 0}) != 0 ||
         kesttcs::RpcServerRegisterIf() != 0 || kesttcs::RpcServerListen(1000) != 0) {
       std::abort();
     }

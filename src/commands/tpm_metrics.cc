@@ -100,9 +100,8 @@ UINT32 ProbeAuthSessions() {
   }
   const UINT32 ordinal = TpmIsVersion12() ? TPM_ORD_FlushSpecific : TPM_ORD_Terminate_Handle;
   for (UINT32 handle : handles) {
-    LockTPM(ordinal);
+    TpmLockGuard tpm(ordinal);
     static_cast<void>(ReleaseTpmHandle(handle, TPM_RT_AUTH));
-    UnlockTPM();
   }
   return static_cast<UINT32>(handles.size());
 }

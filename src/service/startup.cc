@@ -7,14 +7,13 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
 #include <kesttcs/tcs_results.h>
 
 #include "base/logging.h"
 #include "commands/tpm_metrics.h"
 #include "contexts/contexts.h"
-#include "rpc/rpc_service.h"
-#include "service/service_status.h"
 #include "storage/persistent_storage.h"
 #include "tpm/driver.h"
 #include "tpm/req_mgr.h"
@@ -23,13 +22,10 @@
 namespace kesttcs {
 namespace {
 
-// Wait hint of every start-pending report ServiceStart makes.
-constexpr UINT32 kStartWaitHintMs = 3000;
-// Calls served at once.
-constexpr unsigned kMaxConcurrentCalls = 1000;
 // Directories hold key material and audit records: owner only.
 constexpr mode_t kDirectoryMode = 0700;
 
+StartupOptions g_options;
 HostPaths g_paths;
 TcsConfig g_config;
 std::string g_failure_text;
@@ -44,7 +40,7 @@ TSS_RESULT StepSeedRandom() {
 }
 
 TSS_RESULT StepReadConfiguration() {
-  g_paths = BuildHostPaths(ResolveHomeDirectory());
+  g_paths = BuildHostPaths(g_options.home.empty() ? ResolveHomeDirectory() : g_options.home);
   g_config = ReadTcsConfig(g_paths.config);
   SetNeedLog(g_config.needLog);
   SetTrafficLogDirectory(g_paths.log);
@@ -70,7 +66,11 @@ TSS_RESULT StepCreateDirectories() {
 }
 
 TSS_RESULT StepStartTpmAccess() {
-  driver_configure(g_config.backend, g_paths.home);
+  if (g_options.backend != nullptr) {
+    driver_use_backend(std::move(g_options.backend));
+  } else {
+    driver_configure(g_config.backend, g_paths.home);
+  }
   return req_mgr_init();
 }
 
@@ -155,41 +155,6 @@ constexpr ShutdownStep kShutdownSteps[] = {
     {nullptr, ShutdownContexts},
 };
 
-// ---- RPC bring-up steps of ServiceStart ----
-
-struct RpcStep {
-  const char* start;    // traced before the call
-  const char* failure;  // traced when it fails
-  const char* success;  // traced when it succeeds
-  UINT32 (*run)();
-  bool reportPending;  // report start-pending after success
-};
-
-UINT32 UseEndpoint() {
-  RpcEndpointConfig endpoint;
-  endpoint.socket_path = g_config.socket;
-  endpoint.group = g_config.group;
-  endpoint.tcp_port = g_config.tcpPort;
-  return RpcServerUseProtseqEp(endpoint);
-}
-UINT32 RegisterInterface() { return RpcServerRegisterIf(); }
-UINT32 Listen() { return RpcServerListen(kMaxConcurrentCalls); }
-
-constexpr RpcStep kRpcSteps[] = {
-    {"TCS service Starting:call RpcServerUseProtseqEp ...",
-     "ServiceStart RpcServerUseProtseqEp:tells the RPC run-time library to use the specified "
-     "protocol sequence combined with the specified endpoint for receiving remote procedure calls "
-     "Fail!",
-     "TCS service Starting:call RpcServerUseProtseqEp ok.", UseEndpoint, true},
-    {"TCS service Starting:call RpcServerRegisterIf ...",
-     "ServiceStart RpcServerRegisterIf:registers an interface with the RPC run-time library Fail!",
-     "TCS service Starting:call RpcServerRegisterIf ok.", RegisterInterface, true},
-    {"TCS service Starting:call RpcServerListen ...",
-     "ServiceStart RpcServerListen:signals the RPC run-time library to listen for remote procedure "
-     "calls Fail!",
-     "TCS service Starting:call RpcServerListen ok.", Listen, false},
-};
-
 }  // namespace
 
 const HostPaths& ServicePaths() { return g_paths; }
@@ -197,7 +162,8 @@ const TcsConfig& ServiceConfig() { return g_config; }
 
 std::string StartupFailureText() { return g_failure_text; }
 
-TSS_RESULT KestTcs_startup() {
+TSS_RESULT KestTcs_startup(StartupOptions options) {
+  g_options = std::move(options);
   g_failure_text.clear();
   for (const StartupStep& step : kStartupSteps) {
     const TSS_RESULT r = step.run();
@@ -219,53 +185,6 @@ void kesttcs_shutdown() {
     if (step.trace != nullptr) TcsTrace(step.trace, nullptr);
     step.run();
   }
-}
-
-UINT32 ServiceStart() {
-  TcsTrace("TCS service Starting ...", nullptr);
-  ReportServiceStatus(kServiceStartPending, 0, kStartWaitHintMs);
-
-  TcsTrace("TCS service Starting:call startup tpm...", nullptr);
-  if (const TSS_RESULT r = KestTcs_startup(); r != TSS_SUCCESS) {
-    TcsTrace("KestTcs_startup Fail!", nullptr);
-    return r;
-  }
-  TcsTrace("TCS service Starting:startup tpm ok.", nullptr);
-  ReportServiceStatus(kServiceStartPending, 0, kStartWaitHintMs);
-
-  for (const RpcStep& step : kRpcSteps) {
-    TcsTrace(step.start, nullptr);
-    if (const UINT32 status = step.run(); status != 0) {
-      TcsTrace(step.failure, nullptr);
-      return status;
-    }
-    TcsTrace(step.success, nullptr);
-    if (step.reportPending) ReportServiceStatus(kServiceStartPending, 0, kStartWaitHintMs);
-  }
-
-  ReportServiceStatus(kServiceRunning, 0, 0);
-  TcsTrace("TCS service Starting:call RpcMgmtWaitServerListen ...", nullptr);
-  TcsTrace("TCS service start end.\n", nullptr);
-  return RpcMgmtWaitServerListen();
-}
-
-void ServiceStop() {
-  TcsTrace("TCS service Stoping ...", nullptr);
-  TcsTrace("TCS service Stoping:call RpcMgmtStopServerListening...", nullptr);
-  if (const UINT32 status = RpcMgmtStopServerListening(); status != 0) {
-    TcsTracef("%s returned: 0x%x\n", "RpcMgmtStopServerListening", status);
-    return;
-  }
-  TcsTrace("TCS service Stoping:call RpcMgmtStopServerListening ok.", nullptr);
-  TcsTrace("TCS service Stoping:call RpcServerUnregisterIf...", nullptr);
-  if (const UINT32 status = RpcServerUnregisterIf(); status != 0) {
-    TcsTracef("%s returned: 0x%x\n", "RpcServerUnregisterIf", status);
-    return;
-  }
-  TcsTrace("TCS service Stoping:call RpcServerUnregisterIf ok.", nullptr);
-  TcsTrace("TCS service Stoping:call shutdown tpm...", nullptr);
-  kesttcs_shutdown();
-  TcsTrace("TCS service Stoping:call shutdown tpm ok.", nullptr);
 }
 
 }  // namespace kesttcs

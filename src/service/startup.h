@@ -1,18 +1,20 @@
-// Start-up and shut-down of the whole service: KestTcs_startup brings the managers up in a fixed
-// order, ServiceStart adds the RPC endpoint and serves until stopped, ServiceStop stops serving and
-// runs kesttcs_shutdown, which releases the managers in a fixed order.
+// Start-up and shut-down of the service's managers: KestTcs_startup brings them up in a fixed
+// order, kesttcs_shutdown releases them in a fixed order (service_start.h runs both around serving
+// calls).
 //
-// ServiceStart runs on the service thread (the console thread with -debug) and ServiceStop on the
-// thread that handles stop requests; nothing else here may run concurrently. The configuration and
-// the paths are written once by KestTcs_startup and only read afterwards.
+// Start-up runs before any call is served and shut-down after the last call ended; neither runs
+// concurrently with anything else here. The configuration and the paths are written once by
+// KestTcs_startup and only read afterwards.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include <kesttcs/tcs_types.h>
 
 #include "service/config.h"
 #include "service/host_paths.h"
+#include "tpm/tpm_backend.h"
 
 namespace kesttcs {
 
@@ -21,13 +23,22 @@ namespace kesttcs {
 const HostPaths& ServicePaths();
 const TcsConfig& ServiceConfig();
 
+// What start-up would otherwise take from its surroundings; the service leaves both empty, tests
+// hand over their own.
+struct StartupOptions {
+  // The home directory; empty: ResolveHomeDirectory().
+  std::string home;
+  // The TPM backend, bound instead of the one the configuration names; null: the configured one.
+  std::unique_ptr<TpmBackend> backend;
+};
+
 // Brings the managers up, each step only when all before it succeeded: client contexts, the random
 // seed, the configuration (needLog, backend, vendor, endpoint) and the paths, the directories data,
 // log (only with logging on) and audit, TPM access (driver bound and opened, TPM started), and the
 // managers that follow them. A failing step undoes what it is designed to undo and its code is
 // returned: a TCS result code, or the errno of a directory that could not be created (traced as
 // "KestTCSp:Create directory:<path> Fail!"). Returns 0 when every step succeeded.
-[[nodiscard]] TSS_RESULT KestTcs_startup();
+[[nodiscard]] TSS_RESULT KestTcs_startup(StartupOptions options = {});
 
 // After KestTcs_startup failed: the failing step and what the layer below said about it, for the
 // console and the journal ("TPM access: cannot open /dev/tpm0: ..."). Empty when nothing failed.
@@ -36,16 +47,5 @@ std::string StartupFailureText();
 // Releases the managers in shut-down order, tracing each step before it runs. Failures are traced
 // (and the request manager's also reported as a service event); every step runs regardless.
 void kesttcs_shutdown();
-
-// Brings the service up and serves calls: reports start-pending around each step, runs
-// KestTcs_startup, opens the endpoint from the configuration, registers the interface, starts
-// listening, reports running, and blocks until ServiceStop ends listening. Returns 0 after a
-// normal stop, KestTcs_startup's code, or the status of the RPC step that failed (a failure after
-// start-up leaves the managers up; the process ends right after).
-[[nodiscard]] UINT32 ServiceStart();
-
-// Stops listening, drops the interface registration and runs kesttcs_shutdown. A failing RPC step
-// is traced ("%s returned: 0x%x") and ends the stop there, with nothing shut down.
-void ServiceStop();
 
 }  // namespace kesttcs

@@ -10,7 +10,7 @@ namespace kesttcs {
 
 namespace {
 
-constexpr int kNotBound = 1;
+constexpr int kBindFailed = 1;
 
 struct DriverState {
   // Guards the configuration, the owned backend and the error text. Leaf lock: taken only by
@@ -72,13 +72,13 @@ int bind_driver() {
     s.owned = CreateTpmBackend(s.config, s.home, &error);
     if (s.owned == nullptr) {
       SetLastErrorLocked(s, error);
-      return kNotBound;
+      return kBindFailed;
     }
   }
   if (s.owned->Bind() != 0) {
     SetLastErrorLocked(s, s.owned->LastError());
     s.owned.reset();
-    return kNotBound;
+    return kBindFailed;
   }
   SetResponseCodeMapping(s.tbs ? ResponseCodeMapping::kTbs : ResponseCodeMapping::kTddl);
   s.bound.store(s.owned.get(), std::memory_order_release);
@@ -86,7 +86,7 @@ int bind_driver() {
 }
 
 TSS_RESULT driver_open() {
-  if (bind_driver() != 0) return kNotBound;
+  if (bind_driver() != 0) return kDriverNotBound;
   DriverState& s = State();
   TpmBackend* backend = s.bound.load(std::memory_order_acquire);
   TSS_RESULT result = backend->Open();
@@ -98,12 +98,12 @@ TSS_RESULT driver_open() {
 }
 
 TSS_RESULT driver_close() {
-  if (bind_driver() != 0) return kNotBound;
+  if (bind_driver() != 0) return kDriverNotBound;
   return State().bound.load(std::memory_order_acquire)->Close();
 }
 
 TSS_RESULT driver_cancel() {
-  if (bind_driver() != 0) return kNotBound;
+  if (bind_driver() != 0) return kDriverNotBound;
   return State().bound.load(std::memory_order_acquire)->Cancel();
 }
 

@@ -15,6 +15,7 @@
 #include <kesttcs/tcs_types.h>
 
 #include "tpm/tpm_backend.h"
+#include "tpm/tpm_lock.h"
 
 namespace kesttcs {
 
@@ -30,21 +31,28 @@ void driver_use_backend(std::unique_ptr<TpmBackend> backend);
 // again from the configuration.
 void driver_unbind();
 
+// What driver_open, driver_close and driver_cancel return when no backend could be bound, and so
+// what start-up ends with then. Not a code of the driver layer but the 1 the binding has always
+// answered; it reaches the service's status report and exit code as it is.
+inline constexpr TSS_RESULT kDriverNotBound = 1;
+
 // Binds the configured backend. 0 bound (at once when already bound), 1 failed: the configuration
 // string is bad or the backend could not load what it needs; driver_last_error() says why.
 [[nodiscard]] int bind_driver();
 
-// Opens the bound backend. The backend's result (0 on success); 1 when binding failed.
+// Opens the bound backend. The backend's result (0 on success); kDriverNotBound when binding
+// failed.
 [[nodiscard]] TSS_RESULT driver_open();
-// Closes the bound backend: its result; 1 when binding failed.
+// Closes the bound backend: its result; kDriverNotBound when binding failed.
 TSS_RESULT driver_close();
-// Asks the TPM to abandon the command in flight: the backend's result; 1 when binding failed.
+// Asks the TPM to abandon the command in flight: the backend's result; kDriverNotBound when
+// binding failed.
 TSS_RESULT driver_cancel();
 // One exchange: sends `in`, receives into `out` (*outLen = bytes received). The backend's result
 // unchanged; TCS_E_DRIVER_NOT_AVAILABLE when binding failed. `priority` is a TBS priority
 // (kPriorityNormal, kPriorityHigh); a TDDL-style backend ignores it.
 [[nodiscard]] TSS_RESULT driver_transmit(std::span<const BYTE> in, std::span<BYTE> out,
-                                         UINT32* outLen, UINT32 priority);
+                                         UINT32* outLen, UINT32 priority) REQUIRES(tpm_lock());
 
 // Why the last binding or open failed, for the start-up report (empty when nothing failed).
 std::string driver_last_error();

@@ -4,8 +4,6 @@
 #include <array>
 #include <atomic>
 #include <cstdio>
-#include <mutex>
-#include <thread>
 
 #include "base/logging.h"
 #include "base/mutex.h"
@@ -26,74 +24,10 @@ constexpr UINT32 kLastAuthContinueBack = kAuthRequestTrailerSize - 24;       // 
 constexpr UINT32 kFirstAuthHandleBack = 2 * kAuthRequestTrailerSize;         // 90
 constexpr UINT32 kFirstAuthContinueBack = 2 * kAuthRequestTrailerSize - 24;  // 66
 
-// A recursive mutex that knows its owner, so that a release by another thread is refused (as a
-// Windows mutex refuses it) rather than undefined. Waiters sleep in the mutex itself: a release
-// wakes one of them, not every thread that waits for the TPM.
-class OwnedRecursiveMutex {
- public:
-  void lock() {
-    mu_.lock();
-    Take();
-  }
-  bool try_lock() {
-    if (!mu_.try_lock()) return false;
-    Take();
-    return true;
-  }
-  // Only the power-state query waits with a limit. It polls rather than using a timed mutex,
-  // whose clock-based wait the thread sanitizer cannot follow.
-  bool try_lock_for(std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!try_lock()) {
-      if (std::chrono::steady_clock::now() >= deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-  }
-  void unlock() { (void)Release(); }
-  // False, changing nothing, when the calling thread does not hold the mutex.
-  bool Release() {
-    // Only the owner can see its own id here, and it stored that id itself.
-    if (owner_.load(std::memory_order_relaxed) != std::this_thread::get_id()) return false;
-    if (--depth_ == 0) owner_.store(std::thread::id(), std::memory_order_relaxed);
-    mu_.unlock();
-    return true;
-  }
-
- private:
-  void Take() {
-    if (depth_++ == 0) owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
-  }
-
-  std::recursive_mutex mu_;
-  std::atomic<std::thread::id> owner_{};
-  int depth_ = 0;  // changed only by the thread that holds mu_
-};
-
-// The TPM lock: queue_lock, held while a command is at the TPM, and s3_lock, held across a sleep
-// transition so that no command starts. A thread may take each again; a waiter for both takes
-// them together (std::lock backs off rather than holding one while it sleeps on the other).
-class TpmLockPair {
- public:
-  void LockBoth() { std::lock(queue_, s3_); }
-  void LockS3() { s3_.lock(); }
-  bool LockQueueFor(std::chrono::milliseconds timeout) { return queue_.try_lock_for(timeout); }
-  bool UnlockQueue() { return queue_.Release(); }
-  bool UnlockS3() { return s3_.Release(); }
-  // Stand-ins for the two mutex handles in trace lines.
-  UINT32 QueueId() const { return static_cast<UINT32>(reinterpret_cast<uintptr_t>(&queue_)); }
-  UINT32 S3Id() const { return static_cast<UINT32>(reinterpret_cast<uintptr_t>(&s3_)); }
-
- private:
-  OwnedRecursiveMutex queue_;
-  OwnedRecursiveMutex s3_;
-};
-
 struct ReqMgrState {
-  // The lock record. It lives as long as the process so that no thread can be left waiting on a
-  // pair that was replaced or freed.
-  TpmLockPair tpm_lock;
   std::atomic<bool> bOpenDDL{false};
+  // Where req_mgr_submit receives each response: one exchange at a time uses it.
+  std::array<BYTE, kTpmBlobSize> response GUARDED_BY(tpm_lock());
   std::atomic<bool> vendor_exclusive{false};
   // Guards the transport state and the audit hook; a leaf, held only for a few loads or stores.
   Mutex state_mu;
@@ -129,26 +63,28 @@ NotedAuth NoteAuth(std::span<const BYTE> request, UINT32 handleBack, UINT32 cont
           resourceType};
 }
 
+// Sends `request` again for as long as the TPM answers TPM_RETRY and checks the framing of the
+// last answer: on 0 it is in s.response, at least a header and no longer than what arrived or than
+// `capacity`, and *responseSize is its paramSize. Otherwise the transmit result, or
+// TCS_E_COMM_FAILURE for a badly framed answer.
+TSS_RESULT TransmitUntilAnswered(ReqMgrState& s, std::span<const BYTE> request, size_t capacity,
+                                 UINT32* responseSize) REQUIRES(tpm_lock()) {
+  UINT32 received = 0;
+  TSS_RESULT result;
+  do {
+    result = transmit_timed(request, s.response, &received, kPriorityNormal);
+  } while (result == TSS_SUCCESS && received >= kTpmHeaderSize &&
+           PeekUINT32(s.response, 6) == TPM_RETRY);
+  if (result != TSS_SUCCESS) return result;
+  // A larger paramSize would make the caller parse bytes that never came from the TPM.
+  *responseSize = received >= kTpmHeaderSize ? PeekUINT32(s.response, 2) : 0;
+  if (*responseSize < kTpmHeaderSize || *responseSize > received || *responseSize > capacity) {
+    return TCS_E_COMM_FAILURE;
+  }
+  return TSS_SUCCESS;
+}
+
 }  // namespace
-
-void LockTPM(UINT32 curCmdOrdinal) {
-  TpmLockPair& lock = State().tpm_lock;
-  lock.LockBoth();
-  TcsTracef("LockTPM queue_lock=0x%.8X,s3_lock=0x%.8x,curCmdOrdinal=0x%.8X", lock.QueueId(),
-            lock.S3Id(), curCmdOrdinal);
-  lock.UnlockS3();
-}
-
-void UnlockTPM() {
-  State().tpm_lock.UnlockQueue();
-  TcsTrace(" ++++++++++++ UnlockTPM ++++++++++++", nullptr);
-}
-
-void LockS3() { State().tpm_lock.LockS3(); }
-bool UnlockS3() { return State().tpm_lock.UnlockS3(); }
-bool LockQueueFor(std::chrono::milliseconds timeout) {
-  return State().tpm_lock.LockQueueFor(timeout);
-}
 
 TSS_RESULT transmit_timed(std::span<const BYTE> in, std::span<BYTE> out, UINT32* outLen,
                           UINT32 priority) {
@@ -175,9 +111,8 @@ TSS_RESULT req_mgr_init() {
   TSS_RESULT result = driver_open();
   if (result != TSS_SUCCESS) return result;
   s.bOpenDDL = true;
-  LockTPM(TPM_ORD_ContinueSelfTest);
+  TpmLockGuard lock(TPM_ORD_ContinueSelfTest);
   static_cast<void>(RunTpmStartupSequence());
-  UnlockTPM();
   return TSS_SUCCESS;
 }
 
@@ -186,6 +121,8 @@ TSS_RESULT req_mgr_final() {
   static_cast<void>(req_mgr_cancel());
   TSS_RESULT result = driver_close();
   s.bOpenDDL = false;
+  s.vendor_exclusive = false;
+  ClearTransportState();
   return result;
 }
 
@@ -233,35 +170,20 @@ TSS_RESULT req_mgr_submit(std::span<BYTE> blob) {
     return TCS_E_EXCLUSIVE_TRANSPORT;
   }
 
-  LockTPM(ordinal);
-  std::array<BYTE, kTpmBlobSize> response;
-  UINT32 received = 0;
-  TSS_RESULT result;
-  do {
-    result = transmit_timed(request, response, &received, kPriorityNormal);
-  } while (result == TSS_SUCCESS && received >= kTpmHeaderSize &&
-           PeekUINT32(response, 6) == TPM_RETRY);
-
-  // A response must be at least a header and no longer than what arrived: a larger paramSize
-  // would make the caller parse bytes that never came from the TPM.
-  UINT32 responseSize = received >= kTpmHeaderSize ? PeekUINT32(response, 2) : 0;
-  if (result == TSS_SUCCESS &&
-      (responseSize < kTpmHeaderSize || responseSize > received || responseSize > blob.size())) {
-    result = TCS_E_COMM_FAILURE;
-  }
-
+  TpmLockGuard tpm(ordinal);
+  UINT32 responseSize = 0;
+  TSS_RESULT result = TransmitUntilAnswered(s, request, blob.size(), &responseSize);
   if (result != TSS_SUCCESS) {
     for (const NotedAuth& auth : auths) {
       if (auth.release_on_failure) {
         static_cast<void>(ReleaseTpmHandle(auth.handle, auth.resource_type));
       }
     }
-    UnlockTPM();
     return result;
   }
 
-  std::copy_n(response.begin(), responseSize, blob.begin());
-  const UINT32 code = PeekUINT32(response, 6);
+  std::copy_n(s.response.begin(), responseSize, blob.begin());
+  const UINT32 code = PeekUINT32(blob, 6);
   if (code == TPM_NEEDS_SELFTEST) {
     static_cast<void>(SendContinueSelfTest());
     result = TCS_E_INTERNAL_ERROR;
@@ -274,7 +196,6 @@ TSS_RESULT req_mgr_submit(std::span<BYTE> blob) {
     MutexLock lock(s.state_mu);
     s.transport = TransportState();
   }
-  UnlockTPM();
   return result;
 }
 

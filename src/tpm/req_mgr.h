@@ -1,17 +1,7 @@
 // The request manager: the single door to the TPM. Every command any part of the service builds
-// goes through req_mgr_submit, which applies the admission rules, takes the TPM lock, sends the
-// command (again while the TPM answers TPM_RETRY), copies the response back, writes the traffic and
-// audit records, and cleans up sessions that a failed exchange would leave in the TPM.
-//
-// The TPM lock is a pair of recursive, thread-owned mutexes:
-//   queue_lock  held for the whole of one exchange; serialises all TPM traffic.
-//   s3_lock     held by power-state handling across a sleep; a command may start only while it is
-//               free, but it is not held during the exchange.
-// LockTPM waits for both at once (never one while holding the other), then lets s3_lock go. Power
-// handling takes s3_lock first and then queue_lock with a time-out (LockS3, LockQueueFor).
-// Releasing a mutex the calling thread does not hold is harmless and does nothing. Lock order of
-// the service: contexts, then the key cache, then the TPM lock; the session mutex also before the
-// TPM lock.
+// goes through req_mgr_submit, which applies the admission rules, takes the TPM lock (tpm_lock.h),
+// sends the command (again while the TPM answers TPM_RETRY), copies the response back, writes the
+// traffic and audit records, and cleans up sessions that a failed exchange would leave in the TPM.
 //
 // Contract for command code built on top (start-up sequence, TCS operations, key loading):
 //   - Build the request with BlobWriter/LoadBlob_Header in a 4096-byte buffer that the caller owns
@@ -19,18 +9,18 @@
 //     complete response, header included; parse it with UnloadBlob_Header/ResponseParams. A zero
 //     result means the exchange worked, not that the TPM accepted the command.
 //   - req_mgr_submit takes and releases the TPM lock itself; callers may already hold it (it is
-//     recursive), as the start-up sequence does. It never allocates and keeps no reference to the
-//     buffer after it returns.
-//   - Code that already holds the lock and must not apply the admission rules (start-up sequence,
-//     handle release) calls transmit_timed directly with its own buffers.
+//     recursive). It never allocates and keeps no reference to the buffer after it returns.
+//   - Code that must not apply the admission rules (start-up sequence, handle release, key
+//     eviction) takes a TpmLockGuard itself and calls transmit_timed, or the commands of
+//     tpm_cmds.h, with its own buffers.
 #pragma once
 
-#include <chrono>
 #include <span>
 
 #include <kesttcs/tcs_results.h>
 #include <kesttcs/tcs_types.h>
 
+#include "tpm/tpm_lock.h"
 #include "tpm12/tpm_ordinals.h"
 
 namespace kesttcs {
@@ -41,15 +31,16 @@ inline constexpr UINT32 kVendorOrdinalContinue = 0x20008001;
 inline constexpr UINT32 kVendorOrdinalEnd = 0x20008002;
 inline constexpr UINT32 TPM_TRANSPORT_EXCLUSIVE = 0x00000004;
 
-// Starts the request manager: makes sure the lock pair exists and, unless the driver is already
-// open, opens it (its failure result is returned unchanged), marks it open, and runs the TPM
-// start-up sequence (ContinueSelfTest; Startup(ST_CLEAR) and ContinueSelfTest again when the TPM
-// was not started) under the TPM lock. Errors of the start-up commands are traced and ignored.
-// Called by start-up and by the resume path of power handling.
+// Starts the request manager: unless the driver is already open, opens it (its failure result is
+// returned unchanged), marks it open, and runs the TPM start-up sequence (ContinueSelfTest;
+// Startup(ST_CLEAR) and ContinueSelfTest again when the TPM was not started) under the TPM lock.
+// Errors of the start-up commands are traced and ignored. Called by start-up and by the resume
+// path of power handling.
 [[nodiscard]] TSS_RESULT req_mgr_init();
 
-// Stops it: cancels what is in flight, closes the driver (whose result is returned), and marks the
-// driver closed. The lock pair stays (a thread that still waits on it is never stranded).
+// Stops it: cancels what is in flight, closes the driver (whose result is returned), marks the
+// driver closed, and forgets the admission state (vendor exclusive mode off, no transport
+// session). The TPM lock stays (a thread that still waits on it is never stranded).
 TSS_RESULT req_mgr_final();
 
 // Asks the TPM to abandon the command in flight: the driver's cancel result. Takes no lock.
@@ -72,24 +63,11 @@ TSS_RESULT req_mgr_cancel();
 // Takes the TPM lock (recursive); never allocates.
 [[nodiscard]] TSS_RESULT req_mgr_submit(std::span<BYTE> blob);
 
-// Waits for queue_lock and s3_lock together, then releases s3_lock: the caller holds queue_lock.
-// `curCmdOrdinal` is only traced.
-void LockTPM(UINT32 curCmdOrdinal);
-// Releases queue_lock (nothing when this thread does not hold it).
-void UnlockTPM();
-
-// Power handling's side of the lock pair. LockS3 waits for s3_lock without time-out; UnlockS3
-// releases it (false and nothing done when this thread does not hold it); LockQueueFor waits for
-// queue_lock at most `timeout` and says whether it got it (release with UnlockTPM).
-void LockS3();
-bool UnlockS3();
-[[nodiscard]] bool LockQueueFor(std::chrono::milliseconds timeout);
-
 // The one call into driver_transmit, with the traffic log: the command before sending, then the
 // response and "req_mgr:Consume %7.5f seconds\n", or "Tddli_TransmitData:0x%.8X" on failure.
-// Caller holds the TPM lock. Result and *outLen as driver_transmit.
+// Result and *outLen as driver_transmit.
 [[nodiscard]] TSS_RESULT transmit_timed(std::span<const BYTE> in, std::span<BYTE> out,
-                                        UINT32* outLen, UINT32 priority);
+                                        UINT32* outLen, UINT32 priority) REQUIRES(tpm_lock());
 
 // True after req_mgr_init opened the driver, until req_mgr_final.
 bool req_mgr_driver_open();

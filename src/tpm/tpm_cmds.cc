@@ -15,7 +15,7 @@ namespace {
 std::atomic<bool> g_tpm_is_12{true};
 
 // Finishes the command in `writer` (header last), sends it and maps the answer.
-TSS_RESULT Exchange(BlobWriter& writer, UINT32 ordinal, UINT32 priority) {
+TSS_RESULT Exchange(BlobWriter& writer, UINT32 ordinal, UINT32 priority) REQUIRES(tpm_lock()) {
   std::span<BYTE> buffer = writer.blob();
   if (TSS_RESULT rc = LoadBlob_Header(TPM_TAG_RQU_COMMAND, writer.offset(), ordinal, buffer)) {
     return rc;
@@ -30,7 +30,8 @@ TSS_RESULT Exchange(BlobWriter& writer, UINT32 ordinal, UINT32 priority) {
 
 // TPM_FlushSpecific(handle, resourceType) on a TPM 1.2; the older command `olderOrdinal`(handle)
 // otherwise.
-TSS_RESULT FlushOr(TPM_COMMAND_CODE olderOrdinal, UINT32 handle, UINT32 resourceType) {
+TSS_RESULT FlushOr(TPM_COMMAND_CODE olderOrdinal, UINT32 handle, UINT32 resourceType)
+    REQUIRES(tpm_lock()) {
   std::array<BYTE, kTpmBlobSize> command;
   BlobWriter writer(command, kTpmHeaderSize);
   if (TpmIsVersion12()) {

@@ -1,11 +1,12 @@
 // The few small TPM commands the service sends on its own: the start-up sequence, the release of
 // a session left behind by a failed exchange, and key eviction. Each builds its command in a local
-// 4096-byte buffer and sends it with transmit_timed; the caller holds the TPM lock (LockTPM).
+// 4096-byte buffer and sends it with transmit_timed; the caller holds the TPM lock (TpmLockGuard).
 #pragma once
 
 #include <kesttcs/tcs_results.h>
 #include <kesttcs/tcs_types.h>
 
+#include "tpm/tpm_lock.h"
 #include "tpm12/tpm_ordinals.h"
 
 namespace kesttcs {
@@ -21,19 +22,19 @@ void SetTpmIsVersion12(bool isVersion12);
 bool TpmIsVersion12();
 
 // TPM_ContinueSelfTest at high priority. The driver's result, else the mapped TPM result.
-[[nodiscard]] TSS_RESULT SendContinueSelfTest();
+[[nodiscard]] TSS_RESULT SendContinueSelfTest() REQUIRES(tpm_lock());
 // TPM_Startup(startupType) at high priority. The driver's result, else the mapped TPM result.
-[[nodiscard]] TSS_RESULT SendStartup(UINT16 startupType);
+[[nodiscard]] TSS_RESULT SendStartup(UINT16 startupType) REQUIRES(tpm_lock());
 // Drops a session or other resource from the TPM at normal priority: TPM_FlushSpecific(handle,
 // resourceType) on a TPM 1.2, TPM_Terminate_Handle(handle) otherwise. Result as above.
-TSS_RESULT ReleaseTpmHandle(UINT32 handle, UINT32 resourceType);
+TSS_RESULT ReleaseTpmHandle(UINT32 handle, UINT32 resourceType) REQUIRES(tpm_lock());
 // Removes a key from the TPM at normal priority: TPM_FlushSpecific(keyHandle, TPM_RT_KEY) on a
 // TPM 1.2, TPM_EvictKey(keyHandle) otherwise. Result as above.
-TSS_RESULT SendEvictKey(UINT32 keyHandle);
+TSS_RESULT SendEvictKey(UINT32 keyHandle) REQUIRES(tpm_lock());
 
 // The TPM start-up sequence: ContinueSelfTest (traced "ContinueSelfTest "); when its result's low
 // 16 bits are TPM_INVALID_POSTINIT, Startup(ST_CLEAR) (traced "StartupTPM") and, when that worked,
 // ContinueSelfTest again. Returns the last command's result.
-TSS_RESULT RunTpmStartupSequence();
+TSS_RESULT RunTpmStartupSequence() REQUIRES(tpm_lock());
 
 }  // namespace kesttcs

@@ -1,24 +1,20 @@
-// The TCS command layer against a TPM that answers anything: the start-up sequence, every keyless
+// The TCS command layer against a TPM that answers anything once the core is up (start-up itself
+// is answered as a plain TPM 1.2 would; fuzz_req_mgr feeds the start-up sequence): every keyless
 // operation, the vendor commands and sequence, the metrics (every path the answers lead to), the
 // vendor classifier and key eviction parse whatever comes back without crashing or reading past
 // the response.
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
 
-#include "base/logging.h"
 #include "commands/capability.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tpm_metrics.h"
 #include "commands/vendor_commands.h"
 #include "contexts/contexts.h"
+#include "core_fixture.h"
 #include "keys/key_eviction.h"
-#include "tpm/driver.h"
-#include "tpm/fake_tpm_backend.h"
-#include "tpm/req_mgr.h"
-#include "tpm/tpm_cmds.h"
 
 namespace kesttcs {
 namespace {
@@ -72,18 +68,9 @@ void RunEveryCommand(TCS_CONTEXT_HANDLE h) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace kesttcs;
-  if (ctx_init() != TSS_SUCCESS) return 0;
-  tpm_metrics_init();
-  driver_use_backend(std::make_unique<FuzzTpmBackend>(std::span<const BYTE>(data, size)));
-  if (req_mgr_init() == TSS_SUCCESS) {
-    TCS_CONTEXT_HANDLE hContext = 0;
-    if (Tcsi_OpenContext_Internal(&hContext) == TSS_SUCCESS) RunEveryCommand(hContext);
-  }
-  static_cast<void>(req_mgr_final());
-  driver_unbind();
-  SetVendorExclusiveMode(false);
-  SetTpmIsVersion12(true);
-  tpm_metrics_final();
-  ctx_final();
+  testing::TestCore core(testing::CoreOptions().Fuzz(std::span<const BYTE>(data, size)));
+  if (core.Start() != TSS_SUCCESS) return 0;
+  TCS_CONTEXT_HANDLE hContext = 0;
+  if (Tcsi_OpenContext_Internal(&hContext) == TSS_SUCCESS) RunEveryCommand(hContext);
   return 0;
 }

@@ -54,7 +54,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   static_cast<void>(req_mgr_final());
   driver_unbind();
-  ClearTransportState();
-  SetVendorExclusiveMode(false);
   return 0;
 }

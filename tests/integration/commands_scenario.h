@@ -10,18 +10,16 @@
 
 #include <array>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "base/logging.h"
 #include "commands/capability.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tpm_metrics.h"
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"
-#include "tpm/driver.h"
-#include "tpm/req_mgr.h"
+#include "core_fixture.h"
+#include "service/startup.h"
 #include "tpm12/marshal.h"
 #include "tpm12/sha1.h"
 
@@ -29,51 +27,20 @@ namespace kesttcs::testing {
 
 using Bytes = std::vector<BYTE>;
 
-// Sets up contexts, metrics and trace capture; the test configures the driver and calls Start().
-class CommandsScenarioTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ResetLogging();
-    SetNeedLog(true);
-    SetTraceSink([this](std::string_view line) {
-      std::lock_guard<std::mutex> lock(mu_);
-      traces_.emplace_back(line);
-    });
-    ASSERT_EQ(ctx_init(), TSS_SUCCESS);
-    tpm_metrics_init();
-  }
-  void TearDown() override {
-    static_cast<void>(req_mgr_final());
-    driver_unbind();
-    driver_configure("auto", ".");
-    tpm_metrics_final();
-    ctx_final();
-    ResetLogging();
-  }
-
-  std::vector<std::string> Traces() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return traces_;
-  }
-
-  // Starts the TPM (which waits for TPM_Startup) through the request manager and checks that the
-  // start-up sequence ran in full: ContinueSelfTest refused, Startup(ST_CLEAR), ContinueSelfTest.
-  void StartFromPostInit() {
-    ASSERT_EQ(req_mgr_init(), TSS_SUCCESS) << driver_last_error();
-    std::vector<std::string> startup;
-    for (const std::string& line : Traces()) {
-      if (line.starts_with("TCS:ContinueSelfTest") || line.starts_with("TCS:StartupTPM")) {
-        startup.push_back(line);
-      }
+// Brings `core` up (its TPM waits for TPM_Startup; tracing on) and checks that start-up ran the
+// TPM start-up sequence in full: ContinueSelfTest refused, Startup(ST_CLEAR), ContinueSelfTest.
+inline void StartFromPostInit(TestCore& core) {
+  ASSERT_EQ(core.Start(), TSS_SUCCESS) << StartupFailureText();
+  std::vector<std::string> startup;
+  for (const std::string& line : core.Traces()) {
+    if (line.starts_with("TCS:ContinueSelfTest") || line.starts_with("TCS:StartupTPM")) {
+      startup.push_back(line);
     }
-    EXPECT_THAT(startup, ::testing::ElementsAre("TCS:ContinueSelfTest  result = 0xe0280026\n",
-                                                "TCS:StartupTPM result = 0x00000000\n",
-                                                "TCS:ContinueSelfTest  result = 0x00000000\n"));
   }
-
-  std::mutex mu_;
-  std::vector<std::string> traces_;
-};
+  EXPECT_THAT(startup, ::testing::ElementsAre("TCS:ContinueSelfTest  result = 0xe0280026\n",
+                                              "TCS:StartupTPM result = 0x00000000\n",
+                                              "TCS:ContinueSelfTest  result = 0x00000000\n"));
+}
 
 inline Bytes ToBytes(const BYTE* data, UINT32 size) { return Bytes(data, data + size); }
 

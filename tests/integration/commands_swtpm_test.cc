@@ -8,19 +8,18 @@
 namespace kesttcs::testing {
 namespace {
 
-class CommandsSwtpmTest : public CommandsScenarioTest {
+class CommandsSwtpmTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (!SwtpmInstalled()) GTEST_SKIP() << "swtpm is not installed";
-    CommandsScenarioTest::SetUp();
   }
 };
 
 TEST_F(CommandsSwtpmTest, UnixSockets) {
   SwtpmProcess swtpm(/*startupClear=*/false);
   ASSERT_TRUE(swtpm.WaitReady());
-  driver_configure(swtpm.UnixConfig(), "/tmp");
-  StartFromPostInit();
+  TestCore core(CoreOptions().Backend(swtpm.UnixConfig()).NeedLog());
+  ASSERT_NO_FATAL_FAILURE(StartFromPostInit(core));
   RunCommandsScenario(/*hasEk=*/false);
 }
 
@@ -29,8 +28,8 @@ TEST_F(CommandsSwtpmTest, TddlLibraryForwardingToSwtpm) {
   ASSERT_TRUE(swtpm.WaitReady());
   ::setenv("KESTTCS_TDDL_SWTPM_DATA", swtpm.data_path().c_str(), 1);
   ::setenv("KESTTCS_TDDL_SWTPM_CTRL", swtpm.ctrl_path().c_str(), 1);
-  driver_configure(std::string("tddl:") + KESTTCS_TDDL_SWTPM, "/tmp");
-  StartFromPostInit();
+  TestCore core(CoreOptions().Backend(std::string("tddl:") + KESTTCS_TDDL_SWTPM).NeedLog());
+  ASSERT_NO_FATAL_FAILURE(StartFromPostInit(core));
   RunCommandsScenario(/*hasEk=*/false);
 }
 

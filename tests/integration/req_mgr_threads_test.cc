@@ -1,5 +1,5 @@
-// Many threads sending through the request manager to the embedded TPM at once: every exchange
-// completes with its own, whole response.
+// Many threads sending through the request manager to the embedded TPM of a core that is up: every
+// exchange completes with its own, whole response.
 
 #include <gtest/gtest.h>
 
@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "swtpm_process.h"
-#include "tpm/driver.h"
+#include "core_fixture.h"
+#include "service/startup.h"
 #include "tpm/req_mgr.h"
 #include "tpm12/marshal.h"
 
@@ -18,9 +18,8 @@ namespace {
 TEST(ReqMgrThreadsTest, EightThreadsOfGetRandomAllSucceed) {
   constexpr int kThreads = 8;
   constexpr int kCommandsPerThread = 1000;
-  testing::TempDir dir;
-  driver_configure("libtpms:" + dir.path() + "/tpm", dir.path());
-  ASSERT_EQ(req_mgr_init(), TSS_SUCCESS) << driver_last_error();
+  testing::TestCore core(testing::CoreOptions().Backend("libtpms"));
+  ASSERT_EQ(core.Start(), TSS_SUCCESS) << StartupFailureText();
 
   std::atomic<int> good{0};
   std::vector<std::thread> threads;
@@ -46,8 +45,6 @@ TEST(ReqMgrThreadsTest, EightThreadsOfGetRandomAllSucceed) {
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(good.load(), kThreads * kCommandsPerThread);
-  EXPECT_EQ(req_mgr_final(), TSS_SUCCESS);
-  driver_unbind();
 }
 
 }  // namespace

@@ -16,16 +16,15 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "base/logging.h"
-#include "commands/tpm_metrics.h"
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"
+#include "core_fixture.h"
 #include "impacket_run.h"
 #include "rpc/api_frame.h"
 #include "rpc/context_owners.h"
@@ -33,9 +32,7 @@
 #include "rpc/rpc_dispatch.h"
 #include "rpc/rpc_service.h"
 #include "rpc/stubs.h"
-#include "swtpm_process.h"
-#include "tpm/driver.h"
-#include "tpm/req_mgr.h"
+#include "service/startup.h"
 #include "tpm12/sha1.h"
 
 namespace kesttcs::testing {
@@ -75,16 +72,8 @@ Bytes Take(BYTE* data, UINT32 size) {
 class RpcClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ResetLogging();
-    SetTraceSink([this](std::string_view line) {
-      std::lock_guard<std::mutex> lock(mu_);
-      traces_.emplace_back(line);
-    });
-    ASSERT_EQ(ctx_init(), TSS_SUCCESS);
-    tpm_metrics_init();
-    driver_configure("libtpms:" + dir_.path() + "/tpm", dir_.path());
-    ASSERT_EQ(req_mgr_init(), TSS_SUCCESS);
-    socket_ = dir_.path() + "/KestTCS";
+    ASSERT_EQ(core_.Start(), TSS_SUCCESS) << StartupFailureText();
+    socket_ = core_.home() + "/KestTCS";
     port_ = FreeTcpPort();
     ASSERT_EQ(RpcServerUseProtseqEp({socket_, "", port_}), 0u);
     ASSERT_EQ(RpcServerRegisterIf(), 0u);
@@ -95,20 +84,9 @@ class RpcClientTest : public ::testing::Test {
     Tcs_Disconnect();
     static_cast<void>(RpcMgmtStopServerListening());  // a test may have stopped it already
     EXPECT_EQ(RpcServerUnregisterIf(), 0u);
-    static_cast<void>(req_mgr_final());
-    driver_unbind();
-    driver_configure("auto", ".");
-    tpm_metrics_final();
-    ctx_final();
-    ResetLogging();
   }
 
-  std::vector<std::string> TakeTraces() {
-    std::lock_guard<std::mutex> lock(mu_);
-    std::vector<std::string> t;
-    t.swap(traces_);
-    return t;
-  }
+  std::vector<std::string> TakeTraces() { return core_.TakeTraces(); }
 
   Bytes TcsCap(TCS_CONTEXT_HANDLE h, TPM_CAPABILITY_AREA area, UINT32 sub, TSS_RESULT* result) {
     BYTE subCap[4] = {BYTE(sub >> 24), BYTE(sub >> 16), BYTE(sub >> 8), BYTE(sub)};
@@ -118,11 +96,9 @@ class RpcClientTest : public ::testing::Test {
     return resp ? Take(resp, size) : Bytes{};
   }
 
-  TempDir dir_;
+  TestCore core_{CoreOptions().Backend("libtpms")};
   std::string socket_;
   uint16_t port_ = 0;
-  std::mutex mu_;
-  std::vector<std::string> traces_;
 };
 
 TEST_F(RpcClientTest, ContextsMemoryAndTcsCapabilities) {
@@ -495,7 +471,7 @@ namespace {
 // Debian's python3-impacket as an independent DCE/RPC client of the TCS interface over
 // ncacn_ip_tcp, with hand-built NDR stubs.
 TEST_F(RpcClientTest, ImpacketClientCallsTheInterface) {
-  const std::optional<std::string> output = RunImpacketScript(dir_.path(), R"(import struct
+  const std::optional<std::string> output = RunImpacketScript(core_.home(), R"(import struct
 from impacket_probe import connect, fault_of, bind_error
 dce = connect('fbcd9c02-72cb-47bb-99dd-aedb551491de')
 dce.call(3, b'')

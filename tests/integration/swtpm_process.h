@@ -11,31 +11,14 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "temp_dir.h"
 #include "tpm/fd_io.h"
 
 namespace kesttcs::testing {
-
-// A fresh directory below the system's temporary directory, removed with its contents at the end.
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kesttcs-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data()) != nullptr ? pattern : "";
-  }
-  ~TempDir() {
-    std::error_code ec;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-  }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 inline bool SwtpmInstalled() { return ::system("command -v swtpm >/dev/null 2>&1") == 0; }
 

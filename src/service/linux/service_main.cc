@@ -20,6 +20,7 @@
 #include "base/logging.h"
 #include "service/linux/host.h"
 #include "service/linux/journal_sink.h"
+#include "service/service_start.h"
 #include "service/service_status.h"
 #include "service/startup.h"
 

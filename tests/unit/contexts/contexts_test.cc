@@ -19,6 +19,7 @@
 #include <kesttcs/tcs_results.h>
 
 #include "base/logging.h"
+#include "core_fixture.h"
 
 namespace kesttcs {
 namespace {
@@ -34,14 +35,8 @@ std::string Hex8(UINT32 v) {
 class ContextsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ResetLogging();
-    SetNeedLog(true);
+    ASSERT_EQ(core_.Start(), TSS_SUCCESS);
     SetTraceSink([this](std::string_view line) { Record("trace " + std::string(line)); });
-    ASSERT_EQ(ctx_init(), TSS_SUCCESS);
-  }
-  void TearDown() override {
-    ctx_final();
-    ResetLogging();
   }
 
   void Record(std::string event) {
@@ -80,6 +75,8 @@ class ContextsTest : public ::testing::Test {
 
   std::mutex mu_;
   std::vector<std::string> events_;
+  // Last, so that it goes first: shut-down traces into the sink above.
+  testing::TestCore core_{testing::CoreOptions().NeedLog()};
 };
 
 TEST_F(ContextsTest, HandlesCarryTheTopNibbleAndAreUnique) {
@@ -242,8 +239,10 @@ TEST_F(ContextsTest, FreeMemory) {
   ASSERT_NE(getSomeMemory(0x55555555, 64), nullptr);
 }
 
-TEST(ContextsUninitialisedTest, EverythingRefusesQuietly) {
-  ctx_final();
+TEST(ContextsUninitialisedTest, EverythingRefusesQuietlyAfterShutDown) {
+  testing::TestCore core;
+  ASSERT_EQ(core.Start(), TSS_SUCCESS);
+  core.Stop();
   TCS_CONTEXT_HANDLE h = 1;
   EXPECT_EQ(Tcsi_OpenContext_Internal(&h), TCS_E_FAIL);
   EXPECT_EQ(h, 0u);

@@ -10,12 +10,15 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "base/logging.h"
 #include "tpm/driver.h"
 #include "tpm/fake_tpm_backend.h"
 #include "tpm/tpm_cmds.h"
+#include "tpm/tpm_lock.h"
 #include "tpm12/marshal.h"
 
 namespace kesttcs {
@@ -71,8 +74,6 @@ class ReqMgrTest : public ::testing::Test {
   void TearDown() override {
     static_cast<void>(req_mgr_final());
     driver_unbind();
-    SetVendorExclusiveMode(false);
-    ClearTransportState();
     SetAuditHook(nullptr, nullptr);
     SetTpmIsVersion12(true);
     driver_set_tbs(false);
@@ -122,9 +123,8 @@ TEST_F(ReqMgrTest, InitStartsTpmThatWasNotStarted) {
 
 TEST_F(ReqMgrTest, ResponseReplacesRequestAndFinalClosesDriver) {
   Init();
-  std::vector<BYTE> random(16, 0xAB);
-  std::vector<BYTE> body = {0, 0, 0, 16};
-  body.insert(body.end(), random.begin(), random.end());
+  std::vector<BYTE> body = {0, 0, 0, 16};  // randomBytesSize, then 16 bytes of 0xAB
+  body.resize(20, 0xAB);
   tpm_->Respond(TPM_SUCCESS, body);
   Blob blob = GetRandom(16);
   ASSERT_EQ(req_mgr_submit(blob), TSS_SUCCESS);
@@ -392,26 +392,28 @@ TEST_F(ReqMgrTest, TrafficLogAndTraceRecordEachExchange) {
   EXPECT_THAT(traffic, HasSubstr("Tddli_TransmitData:0xE0281087"));
 }
 
-TEST_F(ReqMgrTest, LockPairIsRecursiveAndForgivesStrayReleases) {
+TEST_F(ReqMgrTest, S3HoldIsRecursiveAndForgivesStrayReleases) {
   Init();
   // Power handling holds s3 and then queue on one thread; a command on that thread still runs.
-  LockS3();
-  ASSERT_TRUE(LockQueueFor(std::chrono::milliseconds(0)));
+  S3Hold hold = S3Hold::Take();
+  ASSERT_TRUE(hold.HoldQueueFor(std::chrono::milliseconds(0)));
   tpm_->Respond(TPM_SUCCESS, {0, 0, 0, 0});
   Blob blob = GetRandom(16);
   EXPECT_EQ(req_mgr_submit(blob), TSS_SUCCESS);
   // Another thread cannot get the queue while it is held.
   bool other = true;
-  std::thread([&] { other = LockQueueFor(std::chrono::milliseconds(10)); }).join();
+  std::thread([&] { other = S3Hold().HoldQueueFor(std::chrono::milliseconds(10)); }).join();
   EXPECT_FALSE(other);
-  UnlockTPM();
-  EXPECT_TRUE(UnlockS3());
-  EXPECT_FALSE(UnlockS3());  // not held: harmless
-  UnlockTPM();               // not held: harmless
-  std::thread([&] {
-    other = LockQueueFor(std::chrono::milliseconds(1000));
-    UnlockTPM();
-  }).join();
+  // The hold moves with its locks; what it no longer has, it does not release.
+  S3Hold moved = std::move(hold);
+  hold.Release();
+  std::thread([&] { other = S3Hold().HoldQueueFor(std::chrono::milliseconds(10)); }).join();
+  EXPECT_FALSE(other);
+  moved.ReleaseQueue();
+  moved.Release();
+  moved.Release();       // not held: harmless
+  moved.ReleaseQueue();  // not held: harmless
+  std::thread([&] { other = S3Hold().HoldQueueFor(std::chrono::milliseconds(1000)); }).join();
   EXPECT_TRUE(other);
 }
 
@@ -444,7 +446,10 @@ TEST_F(ReqMgrTest, UnboundDriverAnswersOneAndDriverNotAvailable) {
   std::array<BYTE, 10> in{};
   std::array<BYTE, 10> out{};
   UINT32 outLen = 7;
-  EXPECT_EQ(driver_transmit(in, out, &outLen, kPriorityNormal), 0xE0281087u);
+  {
+    TpmLockGuard tpm(0);
+    EXPECT_EQ(driver_transmit(in, out, &outLen, kPriorityNormal), 0xE0281087u);
+  }
   EXPECT_EQ(outLen, 0u);
   EXPECT_EQ(req_mgr_init(), 1u);
   driver_configure("auto", ".");
