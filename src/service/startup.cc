@@ -145,6 +145,11 @@ UINT32 UseEndpoint() {
   endpoint.socket_path = g_config.socket;
   endpoint.group = g_config.group;
   endpoint.tcp_port = g_config.tcpPort;
+  endpoint.max_connections = g_config.maxConnections;
+  endpoint.max_connections_per_user = g_config.maxConnectionsPerUser;
+  endpoint.idle_timeout = std::chrono::seconds(g_config.idleTimeout);
+  endpoint.request_memory = size_t{g_config.requestMemory} * 1024 * 1024;
+  endpoint.max_contexts = g_config.maxContexts;
   return RpcServerUseProtseqEp(endpoint);
 }
 UINT32 RegisterInterface() { return RpcServerRegisterIf(); }

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -99,6 +100,16 @@ void PrintStartupFailure(UINT32 code) {
   }
 }
 
+// Every client connection takes a descriptor; the soft limit (often 1024) would cap the service
+// far below what it is configured to serve, so it is raised to the hard limit the service manager
+// granted.
+void RaiseOpenFileLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 bool UnderJournal() {
   return std::getenv("INVOCATION_ID") != nullptr && access(kJournalSocket, F_OK) == 0;
 }
@@ -106,6 +117,7 @@ bool UnderJournal() {
 }  // namespace
 
 int ServiceMain() {
+  RaiseOpenFileLimit();
   SetTraceSink(UnderJournal() ? JournalTraceSink() : StderrTraceSink());
   SetEventSink(SystemEventSink());
   WriteDebugLine("ServiceMain");
@@ -123,6 +135,7 @@ int ServiceMain() {
 }
 
 void CmdDebugService() {
+  RaiseOpenFileLimit();
   SetTraceSink(StderrTraceSink());
   SetEventSink(SystemEventSink());
   StopSignalThread stopThread([] {
