@@ -6,6 +6,11 @@ namespace kesttcs::dcerpc {
 
 namespace {
 
+// A request of several fragments grows its buffer from this size on: buffers this large come from
+// mappings of their own (the service sets the allocator's threshold there), which go back to the
+// system when freed, where growing through smaller sizes would leave the heap full of holes.
+constexpr size_t kMultiFragmentStubStep = 64 * 1024;
+
 // Input kept between reads: about two fragments. A read of many fragments at once grows the buffer
 // for a moment; it shrinks back once they are consumed, so idle connections hold little.
 constexpr size_t kKeptInputCapacity = 2 * kMaxFragmentSize;
@@ -183,7 +188,8 @@ Association::Step Association::HandleRequest(const PduHeader& header,
       assembly.fault = kNcaFaultRemoteNoMemory;
       stub = {};
       assembly.call.charge.Reset();
-    } else if (!Reserve(assembly.call, stub.size() + request->stub.size())) {
+    } else if (!Reserve(assembly.call, stub.size() + request->stub.size(),
+                        !(header.flags & kPfcLastFrag))) {
       // The server holds all the request bytes it may: the newest request gives way.
       QueueFault(assembly.call, kNcaFaultRemoteNoMemory, output);
       assembly_.reset();
@@ -204,11 +210,12 @@ Association::Step Association::HandleRequest(const PduHeader& header,
   return Step::kCall;
 }
 
-bool Association::Reserve(PendingCall& call, size_t size) {
+bool Association::Reserve(PendingCall& call, size_t size, bool more_to_come) {
   std::vector<uint8_t>& stub = call.stub;
   if (size <= stub.capacity()) return true;
   // Grow by doubling, as the vector would, but charge what is allocated before allocating it.
-  const size_t capacity = std::min(std::max(size, 2 * stub.capacity()), kMaxRequestStub);
+  const size_t step = more_to_come ? kMultiFragmentStubStep : 0;
+  const size_t capacity = std::min(std::max({size, 2 * stub.capacity(), step}), kMaxRequestStub);
   if (!call.charge.Add(capacity - stub.capacity())) return false;
   stub.reserve(capacity);
   return true;

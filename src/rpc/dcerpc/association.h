@@ -131,6 +131,8 @@ class Association {
 
   // Bytes fed but not yet consumed.
   size_t buffered() const { return input_.size() - input_pos_; }
+  // Whether a request has begun whose last fragment has not arrived.
+  bool mid_request() const { return assembly_.has_value(); }
 
  private:
   // A request whose fragments are still arriving.
@@ -148,8 +150,9 @@ class Association {
                      std::vector<uint8_t>& output, PendingCall& call);
   // Answers every context of a bind or alter_context; accepted ones are added to contexts_.
   std::vector<ContextResult> AnswerContexts(const BindPdu& bind);
-  // Makes room in `call`'s stub for `size` bytes, charging the budget for what it allocates.
-  bool Reserve(PendingCall& call, size_t size);
+  // Makes room in `call`'s stub for `size` bytes (more when further fragments follow), charging
+  // the budget for what it allocates. False, nothing changed, when the budget has no room.
+  bool Reserve(PendingCall& call, size_t size, bool more_to_come);
   // Queues fault `status` for `call`, a call that did not execute.
   static void QueueFault(const PendingCall& call, uint32_t status, std::vector<uint8_t>& output);
 

@@ -32,7 +32,9 @@ namespace kesttcs::dcerpc {
 
 namespace {
 
-constexpr size_t kReadChunk = 64 * 1024;
+// Read from a connection at once, on the worker's stack: about three whole fragments. Kept small, as every
+// worker (up to max_calls of them) touches it.
+constexpr size_t kReadChunk = 16 * 1024;
 // A connection is not read while more than this many response bytes wait to be sent.
 constexpr size_t kOutputHighWater = 64 * 1024;
 // How long a worker that has answered a call waits on the same connection for the next request
@@ -625,6 +627,7 @@ void Server::Impl::Serve(Connection& conn, uint32_t events, std::vector<uint8_t>
     // while the client reads its answers, and not for the rest of a request begun (a client that
     // trickles its bytes must not keep a worker).
     if (conn.pending_output() > 0 || conn.association.buffered() > 0 ||
+        conn.association.mid_request() ||
         worker_count_.load(std::memory_order_relaxed) >= max_workers_) {
       break;
     }
