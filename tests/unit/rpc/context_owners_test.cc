@@ -98,7 +98,7 @@ TEST_F(ContextOwnersTest, AProcessOwnsItsContextsAcrossItsConnections) {
 // An owner holds at most the limit of contexts, those being opened included; a failed open and a
 // close make room again. Whether a connection's client holds contexts keeps idle connections.
 TEST_F(ContextOwnersTest, AnOwnerHoldsAtMostTheLimitOfContexts) {
-  owners_SetContextLimit(3);
+  owners_SetContextLimit(3);  // the owner holds kContext already
   ASSERT_TRUE(owners_BeginOpen(owner_));
   ASSERT_TRUE(owners_BeginOpen(owner_));
   EXPECT_FALSE(owners_BeginOpen(owner_));
@@ -106,6 +106,8 @@ TEST_F(ContextOwnersTest, AnOwnerHoldsAtMostTheLimitOfContexts) {
   owners_EndOpen(other_, 0);
   owners_EndOpen(owner_, 0);
   owners_EndOpen(owner_, kContext + 1);
+  ASSERT_TRUE(owners_BeginOpen(owner_));
+  owners_EndOpen(owner_, kContext + 2);
   EXPECT_FALSE(owners_BeginOpen(owner_));
   ASSERT_TRUE(owners_BeginClose(owner_, kContext + 1));
   owners_EndClose(kContext + 1, /*closed=*/true);
