@@ -17,6 +17,7 @@
 #include "rpc/operations.h"
 #include "rpc/rpc_dispatch.h"
 #include "rpc/stubs.h"
+#include "tpm/tpm_turns.h"
 
 namespace kesttcs {
 namespace {
@@ -59,6 +60,14 @@ TSS_RESULT RunOperation(const Operation& op, rpc::CallFrame& frame, const Contex
   return result;
 }
 
+// The client a call's TPM commands count for, when clients take turns at the TPM: the owner of
+// its contexts. The three kinds of owner get keys of their own ranges; 0 stays the service's.
+uint64_t TpmClientOf(const ContextOwner& owner) {
+  if (owner.is_process) return uint64_t{1} << 62 | static_cast<uint32_t>(owner.pid);
+  if (owner.assoc_group != 0) return uint64_t{2} << 62 | owner.assoc_group;
+  return uint64_t{3} << 62 | owner.connection_id;
+}
+
 // The running server and where it listens.
 struct ServiceState {
   Mutex mu;
@@ -90,7 +99,9 @@ uint32_t DispatchTcsCall(const dcerpc::CallInfo& info, uint16_t opnum,
   if (!rpc::UnmarshalRequest(reader, frame)) return dcerpc::kRpcBadStubData;
 
   owners_NoteConnection(info.peer);
-  const TSS_RESULT result = RunOperation(*op, frame, OwnerOf(info.peer));
+  const ContextOwner owner = OwnerOf(info.peer);
+  const TpmClientScope client(TpmClientOf(owner));
+  const TSS_RESULT result = RunOperation(*op, frame, owner);
   if (!rpc::MarshalResponse(frame, result, writer)) {
     // An internal function left its outputs inconsistent; the client gets a fault, not bad data.
     stub_out.clear();

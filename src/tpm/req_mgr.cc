@@ -13,6 +13,7 @@
 #include "tpm/tpm_backend.h"
 #include "tpm/tpm_bytes.h"
 #include "tpm/tpm_cmds.h"
+#include "tpm/tpm_turns.h"
 #include "tpm12/marshal.h"
 
 namespace kesttcs {
@@ -133,6 +134,7 @@ NotedAuth NoteAuth(std::span<const BYTE> request, UINT32 handleBack, UINT32 cont
 
 void LockTPM(UINT32 curCmdOrdinal) {
   TpmLockPair& lock = State().tpm_lock;
+  tpm_turn_Take();
   lock.LockBoth();
   TcsTracef("LockTPM queue_lock=0x%.8X,s3_lock=0x%.8x,curCmdOrdinal=0x%.8X", lock.QueueId(),
             lock.S3Id(), curCmdOrdinal);
@@ -140,7 +142,7 @@ void LockTPM(UINT32 curCmdOrdinal) {
 }
 
 void UnlockTPM() {
-  State().tpm_lock.UnlockQueue();
+  if (State().tpm_lock.UnlockQueue()) tpm_turn_Give();
   TcsTrace(" ++++++++++++ UnlockTPM ++++++++++++", nullptr);
 }
 

@@ -7,7 +7,8 @@
 //   queue_lock  held for the whole of one exchange; serialises all TPM traffic.
 //   s3_lock     held by power-state handling across a sleep; a command may start only while it is
 //               free, but it is not held during the exchange.
-// LockTPM waits for both at once (never one while holding the other), then lets s3_lock go. Power
+// LockTPM waits for this thread's turn among the clients (tpm_turns.h), then for both at once
+// (never one while holding the other), then lets s3_lock go. Power
 // handling takes s3_lock first and then queue_lock with a time-out (LockS3, LockQueueFor).
 // Releasing a mutex the calling thread does not hold is harmless and does nothing. Lock order of
 // the service: contexts, then the key cache, then the TPM lock; the session mutex also before the
