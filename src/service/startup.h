@@ -25,9 +25,10 @@ const TcsConfig& ServiceConfig();
 // seed, the configuration (needLog, backend, vendor, endpoint) and the paths, the directories data,
 // log (only with logging on) and audit, the instance locks of the home and the socket (another
 // service holding either ends start-up with EBUSY), TPM access (driver bound and opened, TPM
-// started), and the managers that follow them. A failing step undoes what it is designed to undo and its code is
-// returned: a TCS result code, or the errno of a directory that could not be created (traced as
-// "KestTCSp:Create directory:<path> Fail!"). Returns 0 when every step succeeded.
+// started), and the managers that follow them. A failing step undoes what it is designed to undo
+// and its code is returned: a TCS result code, or the errno of a directory that could not be
+// created (traced as "KestTCSp:Create directory:<path> Fail!"). Returns 0 when every step
+// succeeded.
 [[nodiscard]] TSS_RESULT KestTcs_startup();
 
 // After KestTcs_startup failed: the failing step and what the layer below said about it, for the

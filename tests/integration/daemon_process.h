@@ -44,7 +44,8 @@ inline std::string ReadFile(const fs::path& path) {
   return s.str();
 }
 
-inline void WriteFile(const fs::path& path, const std::string& text, fs::perms perms = fs::perms(0644)) {
+inline void WriteFile(const fs::path& path, const std::string& text,
+                      fs::perms perms = fs::perms(0644)) {
   std::ofstream(path) << text;
   fs::permissions(path, perms);
 }
@@ -171,8 +172,8 @@ class Process {
       dup2(errFd, STDERR_FILENO);
       const rlimit files = {openFileLimit.value_or(0), openFileLimit.value_or(0)};
       if (openFileLimit && setrlimit(RLIMIT_NOFILE, &files) != 0) _exit(125);
-      if (runAs && (setgroups(0, nullptr) != 0 || setgid(runAs->second) != 0 ||
-                    setuid(runAs->first) != 0)) {
+      if (runAs &&
+          (setgroups(0, nullptr) != 0 || setgid(runAs->second) != 0 || setuid(runAs->first) != 0)) {
         _exit(126);
       }
       execve(args[0], args.data(), envp.data());
@@ -221,8 +222,8 @@ class Process {
   fs::path err_;
 };
 
-inline RunResult RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env,
-                     const fs::path& dir) {
+inline RunResult RunProgram(const std::vector<std::string>& argv,
+                            const std::vector<std::string>& env, const fs::path& dir) {
   Process p(argv, env, dir);
   return p.Wait();
 }

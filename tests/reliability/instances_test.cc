@@ -33,8 +33,7 @@ TEST(InstancesTest, SecondInstanceIsRefusedAndTheFirstKeepsServing) {
     EXPECT_TRUE(fs::exists(first.socket()));
     EXPECT_EQ(OpenRandomClose(first.socket()), 0u);
   }
-  EXPECT_THAT(RunProgram({kDaemon}, first.Environment(first.home()), runs).err,
-              HasSubstr(".lock"));
+  EXPECT_THAT(RunProgram({kDaemon}, first.Environment(first.home()), runs).err, HasSubstr(".lock"));
   const RunResult stopped = first.Stop();
   EXPECT_EQ(stopped.exitStatus, 0) << stopped.err;
 }

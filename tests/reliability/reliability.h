@@ -13,9 +13,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <memory>
-#include <filesystem>
 #include <optional>
 #include <span>
 #include <string>

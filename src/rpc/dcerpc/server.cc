@@ -6,8 +6,8 @@
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <sys/un.h>
@@ -32,8 +32,8 @@ namespace kesttcs::dcerpc {
 
 namespace {
 
-// Read from a connection at once, on the worker's stack: about three whole fragments. Kept small, as every
-// worker (up to max_calls of them) touches it.
+// Read from a connection at once, on the worker's stack: about three whole fragments. Kept small,
+// as every worker (up to max_calls of them) touches it.
 constexpr size_t kReadChunk = 16 * 1024;
 // A connection is not read while more than this many response bytes wait to be sent.
 constexpr size_t kOutputHighWater = 64 * 1024;
@@ -318,8 +318,10 @@ int Server::Impl::Start(const ServerOptions& options) {
     unix_fd_ = ListenUnix(options.unix_path, options.socket_group, error);
   }
   if (error == 0 && options.tcp_port) tcp_fd_ = ListenTcp(*options.tcp_port, tcp_port_, error);
-  const std::pair<int, void*> sources[] = {
-      {stop_fd_, &stop_tag_}, {timer_fd_, &timer_tag_}, {unix_fd_, &unix_tag_}, {tcp_fd_, &tcp_tag_}};
+  const std::pair<int, void*> sources[] = {{stop_fd_, &stop_tag_},
+                                           {timer_fd_, &timer_tag_},
+                                           {unix_fd_, &unix_tag_},
+                                           {tcp_fd_, &tcp_tag_}};
   for (auto [fd, tag] : sources) {
     epoll_event ev{};
     // The timer and a listener are handled by one worker at a time, which re-arms them after.
@@ -432,7 +434,8 @@ void Server::Impl::KeepOneWaiting() {
 
 bool Server::Impl::Retire() {
   MutexLock lock(mu_);
-  if (stopping_ || workers_.size() <= kMinWorkers || waiting_.load(std::memory_order_relaxed) == 0) {
+  if (stopping_ || workers_.size() <= kMinWorkers ||
+      waiting_.load(std::memory_order_relaxed) == 0) {
     return false;
   }
   const auto self = workers_.find(std::this_thread::get_id());
@@ -574,8 +577,7 @@ void Server::Impl::Accept(int listen_fd, Transport transport, void* tag) {
     {
       MutexLock lock(mu_);
       size_t& of_user = user_connections_[peer->uid];
-      if (connections_.size() >= max_connections_ ||
-          of_user >= options_.max_connections_per_user) {
+      if (connections_.size() >= max_connections_ || of_user >= options_.max_connections_per_user) {
         if (of_user == 0) user_connections_.erase(peer->uid);
         owned.reset();
         close(fd);

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <vector>
 
 namespace kesttcs::dcerpc {
@@ -73,19 +74,24 @@ std::optional<uid_t> LoopbackTcpPeerUid(int fd) {
              sizeof(kernel)) != static_cast<ssize_t>(sizeof(query))) {
     return std::nullopt;
   }
-  alignas(nlmsghdr) std::array<char, 8192> answer;
-  const ssize_t n = recv(netlink.fd(), answer.data(), answer.size(), 0);
-  if (n < 0) return std::nullopt;
-  int remaining = static_cast<int>(n);
-  for (auto* message = reinterpret_cast<nlmsghdr*>(answer.data()); NLMSG_OK(message, remaining);
-       message = NLMSG_NEXT(message, remaining)) {
-    if (message->nlmsg_type != SOCK_DIAG_BY_FAMILY ||
-        message->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg))) {
+  std::array<char, 8192> answer;
+  const ssize_t received = recv(netlink.fd(), answer.data(), answer.size(), 0);
+  if (received < 0) return std::nullopt;
+  const size_t length = static_cast<size_t>(received);
+  // Each message: a header whose length covers it, then (for an answer) the socket's record.
+  for (size_t at = 0; at + sizeof(nlmsghdr) <= length;) {
+    nlmsghdr header;
+    std::memcpy(&header, answer.data() + at, sizeof(header));
+    if (header.nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg)) || header.nlmsg_len > length - at ||
+        header.nlmsg_type != SOCK_DIAG_BY_FAMILY) {
       return std::nullopt;  // an error answer (no such socket), or one too short to read
     }
-    const auto* info = static_cast<const inet_diag_msg*>(NLMSG_DATA(message));
-    if (info->id.idiag_sport != peer.sin_port || info->id.idiag_dport != local.sin_port) continue;
-    return static_cast<uid_t>(info->idiag_uid);
+    inet_diag_msg info;
+    std::memcpy(&info, answer.data() + at + NLMSG_HDRLEN, sizeof(info));
+    if (info.id.idiag_sport == peer.sin_port && info.id.idiag_dport == local.sin_port) {
+      return static_cast<uid_t>(info.idiag_uid);
+    }
+    at += NLMSG_ALIGN(header.nlmsg_len);
   }
   return std::nullopt;
 }

@@ -140,9 +140,9 @@ TEST_F(ConfigTest, LimitsAreReadWithinTheirRanges) {
   EXPECT_EQ(config.maxContexts, 1048576u);
   EXPECT_TRUE(events_.empty());
 
-  ExpectDefaults(Read(
-      "[RPC]\nmax_connections=0\nmax_connections_per_user=1048577\nidle_timeout=86401\n"
-      "request_memory=1M\nmax_contexts=-5\n"));
+  ExpectDefaults(
+      Read("[RPC]\nmax_connections=0\nmax_connections_per_user=1048577\nidle_timeout=86401\n"
+           "request_memory=1M\nmax_contexts=-5\n"));
   ASSERT_EQ(events_.size(), 5u);
   EXPECT_THAT(events_[0].strings, ::testing::ElementsAre(::testing::HasSubstr(
                                       "[RPC] max_connections; the default \"4096\" is used")));
