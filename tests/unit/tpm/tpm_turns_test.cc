@@ -20,9 +20,9 @@ TEST(TpmTurnsTest, WaitingClientsTakeTurns) {
   tpm_turn_Take();  // the holder may take its turn again
   const std::pair<uint64_t, const char*> arrivals[] = {
       {1, "A1"}, {1, "A2"}, {1, "A3"}, {2, "B1"}, {3, "C1"}};
-  for (const auto& [client, name] : arrivals) {
+  for (const auto& arrival : arrivals) {
     const size_t before = tpm_turn_Waiting();
-    threads.emplace_back([&log_mu, &log, client, name] {
+    threads.emplace_back([&log_mu, &log, client = arrival.first, name = arrival.second] {
       TpmClientScope scope(client);
       tpm_turn_Take();
       {
