@@ -216,7 +216,6 @@ class Server::Impl {
   uint16_t tcp_port() const { return tcp_port_; }
   void Stop() EXCLUDES(state_mu_, mu_);
   void Wait() EXCLUDES(state_mu_);
-  ServerCounts counts() const EXCLUDES(mu_);
 
  private:
   enum class State { kIdle, kRunning, kStopping, kStopped };
@@ -284,7 +283,7 @@ class Server::Impl {
   std::condition_variable state_cv_;
   State state_ GUARDED_BY(state_mu_) = State::kIdle;
 
-  mutable Mutex mu_ ACQUIRED_AFTER(state_mu_);
+  Mutex mu_ ACQUIRED_AFTER(state_mu_);
   std::unordered_map<std::thread::id, std::thread> workers_ GUARDED_BY(mu_);
   std::vector<std::thread> finished_ GUARDED_BY(mu_);  // workers that left, to be joined
   std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_ GUARDED_BY(mu_);
@@ -399,19 +398,6 @@ void Server::Impl::Stop() {
 void Server::Impl::Wait() {
   MutexLock lock(state_mu_);
   while (state_ == State::kRunning || state_ == State::kStopping) WaitOnce(state_cv_, state_mu_);
-}
-
-ServerCounts Server::Impl::counts() const {
-  ServerCounts counts;
-  {
-    MutexLock lock(mu_);
-    counts.connections = connections_.size();
-    counts.workers = workers_.size();
-  }
-  counts.max_connections = max_connections_;
-  counts.request_bytes = budget_ ? budget_->used() : 0;
-  counts.association_groups = groups_.live_groups();
-  return counts;
 }
 
 bool Server::Impl::AddWorker() {
@@ -735,6 +721,5 @@ int Server::Start(const ServerOptions& options) { return impl_->Start(options); 
 uint16_t Server::tcp_port() const { return impl_->tcp_port(); }
 void Server::Stop() { impl_->Stop(); }
 void Server::Wait() { impl_->Wait(); }
-ServerCounts Server::counts() const { return impl_->counts(); }
 
 }  // namespace kesttcs::dcerpc

@@ -72,14 +72,6 @@ inline constexpr std::chrono::seconds kWorkerIdleExit{5};
 // Descriptors kept free of connections for everything else the process opens.
 inline constexpr size_t kReservedDescriptors = 64;
 
-// What the server can tell about itself, for tests and diagnostics.
-struct ServerCounts {
-  size_t connections = 0;
-  size_t workers = 0;
-  size_t max_connections = 0;  // after the open-file limit
-  size_t request_bytes = 0;    // charged to the request budget
-  size_t association_groups = 0;
-};
 
 // Called once a connection has closed and its call (if any) has finished: on the worker that
 // closed it, or for connections still open at Stop on the thread calling Stop.
@@ -116,8 +108,6 @@ class Server {
   void Stop();
   // Blocks until Stop has finished (returns at once when the server is not running).
   void Wait();
-
-  ServerCounts counts() const;
 
  private:
   class Impl;
