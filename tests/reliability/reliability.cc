@@ -123,6 +123,10 @@ bool ClosedByServer(int fd, std::chrono::milliseconds patience) {
   return false;
 }
 
+bool CanActAsOtherUsers() {
+  return geteuid() == 0 && getpwnam("nobody") != nullptr && getgrnam("tss") != nullptr;
+}
+
 uid_t NobodyUid() { return getpwnam("nobody")->pw_uid; }
 gid_t NobodyGid() { return getpwnam("nobody")->pw_gid; }
 gid_t TssGid() { return getgrnam("tss")->gr_gid; }

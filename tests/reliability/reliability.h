@@ -81,6 +81,10 @@ int ConnectTcp(uint16_t port);
 // True when the server closes `fd` within `patience` (what it sends meanwhile is read and dropped).
 bool ClosedByServer(int fd, std::chrono::milliseconds patience = std::chrono::seconds(10));
 
+// Whether this test can act as another user: it runs as root, and the user "nobody" and the
+// socket's default group "tss" exist.
+bool CanActAsOtherUsers();
+
 // The uid and gid of "nobody", and the gid of the socket's group "tss".
 uid_t NobodyUid();
 gid_t NobodyGid();

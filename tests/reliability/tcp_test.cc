@@ -15,6 +15,7 @@ namespace {
 // Over TCP the service admits whom the Unix socket admits: root, its own user and the members of
 // the socket's group. A user outside the group has the connection closed before any call.
 TEST(TcpTest, UsersOutsideTheSocketGroupAreRefused) {
+  if (!CanActAsOtherUsers()) GTEST_SKIP() << "needs root, the user nobody and the group tss";
   DaemonOptions options;
   options.tcp = true;
   Daemon daemon(options);
