@@ -72,7 +72,6 @@ inline constexpr std::chrono::seconds kWorkerIdleExit{5};
 // Descriptors kept free of connections for everything else the process opens.
 inline constexpr size_t kReservedDescriptors = 64;
 
-
 // Called once a connection has closed and its call (if any) has finished: on the worker that
 // closed it, or for connections still open at Stop on the thread calling Stop.
 using ConnectionClosedCallback = std::function<void(const PeerIdentity& peer)>;
