@@ -64,6 +64,8 @@ TestCore::TestCore(CoreOptions options) {
   });
   std::ofstream config(home() + "/tcs_cfg.ini");
   config << "[LOG]\nneedLog=" << (options.needLog ? 1 : 0) << "\n";
+  // A socket of its own, so that cores of tests running side by side do not meet at its lock.
+  config << "[RPC]\nsocket=" << home() << "/KestTCS\n";
   if (!options.backendConfig.empty()) {
     config << "[TPM]\nbackend=" << options.backendConfig << "\n";
   } else if (options.fuzzInput) {

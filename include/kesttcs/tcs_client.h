@@ -7,9 +7,10 @@
  * or "tcp:127.0.0.1:PORT". All threads share the process's connection (calls on it are
  * serialised) unless a thread opens its own with Tcs_ConnectThread.
  *
- * Contexts. A context belongs to the process that opened it (over TCP: to the connection); the
- * service refuses its handle from anyone else with TCS_E_INVALID_CONTEXT and closes a process's
- * contexts when its last connection closes.
+ * Contexts. A context belongs to the process that opened it (over TCP: to the association group
+ * of the connection); the service refuses its handle from anyone else with TCS_E_INVALID_CONTEXT
+ * and closes a process's contexts when its last connection closes. A process holds at most the
+ * service's limit of contexts (1024 unless configured); further opens fail with TCS_E_FAIL.
  *
  * Results. Every operation returns the service's TSS_RESULT. When the service cannot be reached,
  * the connection drops during a call, or the service answers with an RPC fault, the result is

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <memory>
 #include <new>
+#include <unordered_map>
 #include <vector>
 
 #include <kesttcs/tcs_results.h>
@@ -19,15 +20,14 @@ constexpr UINT32 kFirstHandleCounter = 0xA0000000;
 constexpr UINT32 kSeedMask = 0x00FF0000;
 constexpr UINT32 kRandomPartMask = 0x00FFF000;
 
-struct ContextRecord {
-  TCS_CONTEXT_HANDLE hContext = 0;
-  std::vector<TCS_KEY_HANDLE> keyReferences;  // each key at most once, oldest first
-};
+// The keys one context references, each at most once, oldest first.
+using KeyReferences = std::vector<TCS_KEY_HANDLE>;
 
 struct ContextList {
   // The context-list mutex: before the key cache lock, never with the memory-table mutex.
   Mutex mu;
-  std::vector<ContextRecord> records GUARDED_BY(mu);  // in creation order
+  // Open contexts by handle: a client may hold many, and every call looks its context up.
+  std::unordered_map<TCS_CONTEXT_HANDLE, KeyReferences> records GUARDED_BY(mu);
   UINT32 counter GUARDED_BY(mu) = kFirstHandleCounter;
   bool notSeeded GUARDED_BY(mu) = true;
   // Replaced as a whole on registration, so a caller can keep using its snapshot without the mutex.
@@ -69,14 +69,8 @@ TCS_CONTEXT_HANDLE TCSMakehContext(ContextList& list) REQUIRES(list.mu) {
   return list.counter++ | randomPart;
 }
 
-std::vector<ContextRecord>::iterator FindRecord(ContextList& list, TCS_CONTEXT_HANDLE hContext)
-    REQUIRES(list.mu) {
-  return std::find_if(list.records.begin(), list.records.end(),
-                      [hContext](const ContextRecord& r) { return r.hContext == hContext; });
-}
-
 bool HandleInUse(ContextList& list, TCS_CONTEXT_HANDLE hContext) REQUIRES(list.mu) {
-  return hContext == kInternalContextHandle || FindRecord(list, hContext) != list.records.end();
+  return hContext == kInternalContextHandle || list.records.contains(hContext);
 }
 
 std::shared_ptr<const ContextHooks> Hooks(ContextList& list) EXCLUDES(list.mu) {
@@ -132,21 +126,15 @@ TSS_RESULT Tcsi_OpenContext_Internal(TCS_CONTEXT_HANDLE* hContext) {
   if (g_contexts == nullptr) return TCS_E_FAIL;
   ContextList& list = *g_contexts;
   MutexLock lock(list.mu);
-  try {
-    // Room first, so that a failed allocation consumes no handle.
-    if (list.records.size() == list.records.capacity()) {
-      list.records.reserve(list.records.capacity() * 2 + 16);
-    }
-  } catch (const std::bad_alloc&) {
-    return TCS_E_FAIL;
-  }
   TCS_CONTEXT_HANDLE handle;
   do {
     handle = TCSMakehContext(list);
   } while (HandleInUse(list, handle));
-  ContextRecord record;
-  record.hContext = handle;
-  list.records.push_back(std::move(record));  // cannot throw: the room is there
+  try {
+    list.records.emplace(handle, KeyReferences());
+  } catch (const std::bad_alloc&) {
+    return TCS_E_FAIL;  // the handle is skipped, as the counter has moved on
+  }
   *hContext = handle;
   return TSS_SUCCESS;
 }
@@ -159,9 +147,9 @@ TSS_RESULT Tcsi_CloseContext_Internal(TCS_CONTEXT_HANDLE hContext) {
   hooks->releaseContextSessions(hContext);
   {
     MutexLock lock(list.mu);
-    auto record = FindRecord(list, hContext);
+    auto record = list.records.find(hContext);
     if (record != list.records.end()) {
-      const std::vector<TCS_KEY_HANDLE>& keys = record->keyReferences;
+      const KeyReferences& keys = record->second;
       std::for_each(keys.rbegin(), keys.rend(),
                     [&](TCS_KEY_HANDLE k) { hooks->dropKeyReference(k); });
       list.records.erase(record);
@@ -190,16 +178,16 @@ TSS_RESULT ctx_ValidateContext(TCS_CONTEXT_HANDLE hContext) {
   if (g_contexts == nullptr) return TCS_E_INVALID_CONTEXT;
   ContextList& list = *g_contexts;
   MutexLock lock(list.mu);
-  return FindRecord(list, hContext) != list.records.end() ? TSS_SUCCESS : TCS_E_INVALID_CONTEXT;
+  return list.records.contains(hContext) ? TSS_SUCCESS : TCS_E_INVALID_CONTEXT;
 }
 
 TSS_RESULT ctx_AddKeyReference(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE keyHandle) {
   if (g_contexts == nullptr) return TCS_E_FAIL;
   ContextList& list = *g_contexts;
   MutexLock lock(list.mu);
-  auto record = FindRecord(list, hContext);
+  auto record = list.records.find(hContext);
   if (record == list.records.end()) return TCS_E_FAIL;
-  std::vector<TCS_KEY_HANDLE>& keys = record->keyReferences;
+  KeyReferences& keys = record->second;
   if (std::find(keys.begin(), keys.end(), keyHandle) != keys.end()) return TSS_SUCCESS;
   try {
     keys.push_back(keyHandle);

@@ -1,6 +1,7 @@
 #include "rpc/context_owners.h"
 
 #include <condition_variable>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <set>
@@ -16,6 +17,7 @@ namespace {
 struct OwnerRecord {
   std::set<uint64_t> connections;
   std::set<TCS_CONTEXT_HANDLE> contexts;
+  size_t opening = 0;  // opens under way
 };
 
 // One client-held context: who owns it, how many calls are using it, and whether a close waits.
@@ -30,6 +32,7 @@ struct State {
   std::map<ContextOwner, OwnerRecord> owners GUARDED_BY(mu);
   std::unordered_map<TCS_CONTEXT_HANDLE, ContextUse> context_owner GUARDED_BY(mu);
   size_t abandoned_closed GUARDED_BY(mu) = 0;
+  size_t context_limit GUARDED_BY(mu) = SIZE_MAX;
   // Signalled when the last call of a closing context ends.
   std::condition_variable calls_done;
 };
@@ -57,6 +60,8 @@ ContextOwner OwnerOf(const dcerpc::PeerIdentity& peer) {
   if (o.is_process) {
     o.pid = peer.pid;
     o.uid = peer.uid;
+  } else if (peer.assoc_group_id != 0) {
+    o.assoc_group = peer.assoc_group_id;
   } else {
     o.connection_id = peer.connection_id;
   }
@@ -114,11 +119,36 @@ void owners_EndClose(TCS_CONTEXT_HANDLE hContext, bool closed) {
   s.context_owner.erase(it);
 }
 
-void owners_Add(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext) {
+void owners_SetContextLimit(size_t limit) {
   State& s = S();
   MutexLock lock(s.mu);
-  s.owners[owner].contexts.insert(hContext);
+  s.context_limit = limit;
+}
+
+bool owners_BeginOpen(const ContextOwner& owner) {
+  State& s = S();
+  MutexLock lock(s.mu);
+  OwnerRecord& record = s.owners[owner];
+  if (record.contexts.size() + record.opening >= s.context_limit) return false;
+  ++record.opening;
+  return true;
+}
+
+void owners_EndOpen(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext) {
+  State& s = S();
+  MutexLock lock(s.mu);
+  OwnerRecord& record = s.owners[owner];
+  if (record.opening > 0) --record.opening;
+  if (hContext == 0) return;
+  record.contexts.insert(hContext);
   s.context_owner[hContext] = ContextUse{owner};
+}
+
+bool owners_HoldsContexts(const dcerpc::PeerIdentity& peer) {
+  State& s = S();
+  MutexLock lock(s.mu);
+  const auto it = s.owners.find(OwnerOf(peer));
+  return it != s.owners.end() && (!it->second.contexts.empty() || it->second.opening > 0);
 }
 
 void owners_ConnectionClosed(const dcerpc::PeerIdentity& peer) {
@@ -170,6 +200,7 @@ void owners_Reset() {
   s.owners.clear();
   s.context_owner.clear();
   s.abandoned_closed = 0;
+  s.context_limit = SIZE_MAX;
 }
 
 }  // namespace kesttcs

@@ -1,8 +1,10 @@
 // Which client owns which context. Over the Unix socket a context belongs to the client process
-// that opened it (pid and uid from the socket's peer credentials); over TCP, where no credentials
-// exist, to the connection that opened it. Only the owner may present the handle; when the last
-// connection of a process (or the TCP connection) closes, its contexts are closed as by
-// Tcsi_CloseContext. The service's own context is never accepted from a client.
+// that opened it (pid and uid from the socket's peer credentials); over TCP, where no process is
+// known, to the association group of the connection that opened it, so that a client runtime's
+// connections for one binding share their contexts. Only the owner may present the handle; when
+// the last connection of a process (or of the group) closes, its contexts are closed as by
+// Tcsi_CloseContext. An owner holds at most the context limit of contexts. The service's own
+// context is never accepted from a client.
 //
 // Lock: the owner-map mutex, a leaf taken only inside these functions (a closing call waits on it).
 // Closing an owner's contexts runs Tcsi_CloseContext_Internal under the API serialisation lock,
@@ -24,10 +26,11 @@ namespace kesttcs {
 // The owner a connection's calls act for. Only the fields of its kind are set, the others are 0,
 // so that two owners are the same exactly when they compare equal.
 struct ContextOwner {
-  bool is_process = false;  // Unix socket with credentials: a process; else one connection
+  bool is_process = false;  // Unix socket with credentials: a process; else a group
   pid_t pid = 0;            // the process
   uid_t uid = 0;
-  uint64_t connection_id = 0;  // the connection, when not a process
+  uint32_t assoc_group = 0;    // the association group, when not a process
+  uint64_t connection_id = 0;  // the connection, when neither (not bound to a group)
 
   friend auto operator<=>(const ContextOwner&, const ContextOwner&) = default;
 };
@@ -51,8 +54,17 @@ void owners_EndCall(TCS_CONTEXT_HANDLE hContext);
 bool owners_BeginClose(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext);
 void owners_EndClose(TCS_CONTEXT_HANDLE hContext, bool closed);
 
-// Records that `owner` opened `hContext`.
-void owners_Add(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext);
+// Sets how many contexts one owner may hold (open or being opened); the default has no limit.
+void owners_SetContextLimit(size_t limit);
+
+// A Tcsi_OpenContext by `owner` begins: false when the owner is at its limit; otherwise the
+// context it may open is counted until owners_EndOpen, which records `hContext` as the owner's
+// when it is not 0 (the open succeeded).
+bool owners_BeginOpen(const ContextOwner& owner);
+void owners_EndOpen(const ContextOwner& owner, TCS_CONTEXT_HANDLE hContext);
+
+// Whether the owner `peer` acts for holds contexts (or is opening one).
+bool owners_HoldsContexts(const dcerpc::PeerIdentity& peer);
 
 // A connection closed: when it was its owner's last one, closes every context of that owner with
 // Tcsi_CloseContext_Internal under the API serialisation lock and forgets the owner.
@@ -64,7 +76,8 @@ size_t owners_CountContexts();
 size_t owners_CountContextsOfProcess(pid_t pid);
 size_t owners_CountAbandonedClosed();
 
-// Forgets every owner and context without closing anything (service shut-down, tests).
+// Forgets every owner and context without closing anything, and lifts the context limit (service
+// shut-down, tests).
 void owners_Reset();
 
 }  // namespace kesttcs

@@ -17,6 +17,7 @@
 #include "rpc/operations.h"
 #include "rpc/rpc_dispatch.h"
 #include "rpc/stubs.h"
+#include "tpm/tpm_turns.h"
 
 namespace kesttcs {
 namespace {
@@ -27,22 +28,28 @@ constexpr uint16_t kOpenContext = rpc::OpnumOf("Tcsi_OpenContext");
 constexpr uint16_t kCloseContext = rpc::OpnumOf("Tcsi_CloseContext");
 
 // Runs the operation's frame; the internal call is refused when the caller does not own the
-// context it presents. A call holds its context open until its outputs have left the context's
+// context it presents, and an open when the caller holds its limit of contexts (with the result a
+// failed open has). A call holds its context open until its outputs have left the context's
 // memory; a close first waits, outside the API lock, for the context's other calls to end.
 // Successful opens and closes update the owner map.
 TSS_RESULT RunOperation(const Operation& op, rpc::CallFrame& frame, const ContextOwner& owner) {
   const bool takes_context = op.params[0].is_input();
   const bool closes = op.opnum == kCloseContext;
+  const bool opens = op.opnum == kOpenContext;
   const TCS_CONTEXT_HANDLE hContext = takes_context ? frame.u32(0) : 0;
   const bool admitted = takes_context && (closes ? owners_BeginClose(owner, hContext)
                                                  : owners_BeginCall(owner, hContext));
+  TSS_RESULT refusal = TSS_SUCCESS;
+  if (takes_context && !admitted) refusal = TCS_E_INVALID_CONTEXT;
+  if (opens && !owners_BeginOpen(owner)) refusal = TCS_E_FAIL;
   // Three small captures: std::function keeps them in place, so dispatch allocates nothing here.
-  const bool refused = takes_context && !admitted;
   const TSS_RESULT result =
-      RunApiFrame(op, frame, [&frame, refused, opnum = op.opnum]() -> TSS_RESULT {
-        return refused ? TCS_E_INVALID_CONTEXT : CallInternalFunction(opnum, frame);
+      RunApiFrame(op, frame, [&frame, refusal, opnum = op.opnum]() -> TSS_RESULT {
+        return refusal != TSS_SUCCESS ? refusal : CallInternalFunction(opnum, frame);
       });
-  if (result == TSS_SUCCESS && op.opnum == kOpenContext) owners_Add(owner, frame.u32(0));
+  if (opens && refusal == TSS_SUCCESS) {
+    owners_EndOpen(owner, result == TSS_SUCCESS ? frame.u32(0) : 0);
+  }
   if (admitted) {
     if (closes) {
       owners_EndClose(hContext, result == TSS_SUCCESS);
@@ -51,6 +58,14 @@ TSS_RESULT RunOperation(const Operation& op, rpc::CallFrame& frame, const Contex
     }
   }
   return result;
+}
+
+// The client a call's TPM commands count for, when clients take turns at the TPM: the owner of
+// its contexts. The three kinds of owner get keys of their own ranges; 0 stays the service's.
+uint64_t TpmClientOf(const ContextOwner& owner) {
+  if (owner.is_process) return uint64_t{1} << 62 | static_cast<uint32_t>(owner.pid);
+  if (owner.assoc_group != 0) return uint64_t{2} << 62 | owner.assoc_group;
+  return uint64_t{3} << 62 | owner.connection_id;
 }
 
 // The running server and where it listens.
@@ -84,7 +99,9 @@ uint32_t DispatchTcsCall(const dcerpc::CallInfo& info, uint16_t opnum,
   if (!rpc::UnmarshalRequest(reader, frame)) return dcerpc::kRpcBadStubData;
 
   owners_NoteConnection(info.peer);
-  const TSS_RESULT result = RunOperation(*op, frame, OwnerOf(info.peer));
+  const ContextOwner owner = OwnerOf(info.peer);
+  const TpmClientScope client(TpmClientOf(owner));
+  const TSS_RESULT result = RunOperation(*op, frame, owner);
   if (!rpc::MarshalResponse(frame, result, writer)) {
     // An internal function left its outputs inconsistent; the client gets a fault, not bad data.
     stub_out.clear();
@@ -108,10 +125,15 @@ UINT32 RpcServerUseProtseqEp(const RpcEndpointConfig& config) {
     if (const group* g = getgrnam(config.group.c_str())) options.socket_group = g->gr_gid;
   }
   if (config.tcp_port != 0) options.tcp_port = config.tcp_port;
+  options.max_connections = config.max_connections;
+  options.max_connections_per_user = config.max_connections_per_user;
+  options.idle_timeout = config.idle_timeout;
+  options.request_memory = config.request_memory;
   ServiceState& s = Service();
   MutexLock lock(s.mu);
   if (s.listening) return EALREADY;
   s.options = options;
+  owners_SetContextLimit(config.max_contexts);
   return 0;
 }
 
@@ -122,6 +144,8 @@ UINT32 RpcServerRegisterIf() {
   auto server = std::make_unique<dcerpc::Server>();
   if (!server->RegisterInterface(rpc::TcsInterfaceSyntax(), DispatchTcsCall)) return EINVAL;
   server->SetConnectionClosedCallback(owners_ConnectionClosed);
+  // An idle connection of a client that holds contexts stays: closing it would close them.
+  server->SetHoldsStateCallback(owners_HoldsContexts);
   s.server = std::move(server);
   return 0;
 }

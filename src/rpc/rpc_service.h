@@ -4,6 +4,8 @@
 // reports as the service's exit code.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -15,6 +17,12 @@ struct RpcEndpointConfig {
   std::string socket_path;  // empty: the default "<runtime dir>/KestTCS"
   std::string group;        // socket group; empty or unknown keeps the process's group
   uint16_t tcp_port = 0;    // 0: no TCP listener on 127.0.0.1
+  // Limits (see dcerpc::ServerOptions), and the contexts one client may hold.
+  size_t max_connections = 4096;
+  size_t max_connections_per_user = 1024;
+  std::chrono::seconds idle_timeout{60};
+  size_t request_memory = 32 * 1024 * 1024;
+  size_t max_contexts = 1024;
 };
 
 // Remembers where to listen and checks that the endpoint can be created.

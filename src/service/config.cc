@@ -67,10 +67,12 @@ std::optional<int> LeadingInteger(std::string_view s) {
   return int(std::min<long long>(magnitude, INT_MAX));
 }
 
-std::optional<unsigned> Decimal(std::string_view s, unsigned max) {
+std::optional<unsigned> Decimal(std::string_view s, unsigned max, unsigned min = 0) {
   unsigned value = 0;
   const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), value);
-  if (ec != std::errc() || end != s.data() + s.size() || value > max) return std::nullopt;
+  if (ec != std::errc() || end != s.data() + s.size() || value > max || value < min) {
+    return std::nullopt;
+  }
   return value;
 }
 
@@ -134,6 +136,20 @@ TcsConfig ReadTcsConfig(const std::string& path) {
       profile, "RPC", "tcp_port", "0",
       [](std::string_view v) { return Decimal(v, 65535).has_value(); },
       [&](std::string_view v) { config.tcpPort = UINT16(*Decimal(v, 65535)); });
+  // A decimal limit between `min` and `max`.
+  const auto limit = [&](const char* key, UINT32& value, unsigned min, unsigned max) {
+    const std::string fallback = std::to_string(value);
+    ReadKey(
+        profile, "RPC", key, fallback.c_str(),
+        [&](std::string_view v) { return Decimal(v, max, min).has_value(); },
+        [&](std::string_view v) { value = *Decimal(v, max, min); });
+  };
+  constexpr unsigned kMaxCount = 1 << 20;
+  limit("max_connections", config.maxConnections, 1, kMaxCount);
+  limit("max_connections_per_user", config.maxConnectionsPerUser, 1, kMaxCount);
+  limit("idle_timeout", config.idleTimeout, 0, 86400);
+  limit("request_memory", config.requestMemory, 1, 4096);
+  limit("max_contexts", config.maxContexts, 1, kMaxCount);
   return config;
 }
 

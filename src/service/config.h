@@ -11,6 +11,12 @@
 //   [RPC]  socket    absolute path of the Unix socket; empty = <runtime dir>/KestTCS (default "")
 //          group     group owning the socket                                       (default tss)
 //          tcp_port  127.0.0.1 port for ncacn_ip_tcp, 0 = off                      (default 0)
+//          max_connections           open connections, 1..1048576                 (default 4096)
+//          max_connections_per_user  open connections of one user, 1..1048576     (default 1024)
+//          idle_timeout    seconds before an idle connection of a client that holds no
+//                          context is closed, 0 = never, at most 86400          (default 60)
+//          request_memory  MiB of requests held for all clients, 1..4096         (default 32)
+//          max_contexts    contexts one client may hold, 1..1048576             (default 1024)
 #pragma once
 
 #include <array>
@@ -38,6 +44,12 @@ struct TcsConfig {
   std::string group = "tss";
   // [RPC] tcp_port: 0 keeps the TCP endpoint off.
   UINT16 tcpPort = 0;
+  // [RPC] limits.
+  UINT32 maxConnections = 4096;
+  UINT32 maxConnectionsPerUser = 1024;
+  UINT32 idleTimeout = 60;
+  UINT32 requestMemory = 32;
+  UINT32 maxContexts = 1024;
 };
 
 // Reads the configuration file at `path`. A missing or unreadable file gives the defaults (logging

@@ -28,9 +28,14 @@ struct RpcStep {
 UINT32 UseEndpoint() {
   const TcsConfig& config = ServiceConfig();
   RpcEndpointConfig endpoint;
-  endpoint.socket_path = config.socket;
+  endpoint.socket_path = ServiceSocketPath();
   endpoint.group = config.group;
   endpoint.tcp_port = config.tcpPort;
+  endpoint.max_connections = config.maxConnections;
+  endpoint.max_connections_per_user = config.maxConnectionsPerUser;
+  endpoint.idle_timeout = std::chrono::seconds(config.idleTimeout);
+  endpoint.request_memory = size_t{config.requestMemory} * 1024 * 1024;
+  endpoint.max_contexts = config.maxContexts;
   return RpcServerUseProtseqEp(endpoint);
 }
 UINT32 RegisterInterface() { return RpcServerRegisterIf(); }

@@ -14,6 +14,8 @@
 #include "base/logging.h"
 #include "commands/tpm_metrics.h"
 #include "contexts/contexts.h"
+#include "rpc/dcerpc/server.h"
+#include "service/instance_lock.h"
 #include "storage/persistent_storage.h"
 #include "tpm/driver.h"
 #include "tpm/req_mgr.h"
@@ -26,9 +28,16 @@ namespace {
 constexpr mode_t kDirectoryMode = 0700;
 
 StartupOptions g_options;
+// Where the lock of the home lives, beside the storage it guards.
+constexpr char kHomeLockName[] = "/kesttcsd.lock";
+// The socket's lock lies beside it under the socket's name with this suffix.
+constexpr char kSocketLockSuffix[] = ".lock";
+
 HostPaths g_paths;
 TcsConfig g_config;
+std::string g_socket_path;  // the configured socket, or the default one
 std::string g_failure_text;
+std::string g_lock_failure;
 
 // ---- Start-up steps ----
 
@@ -64,6 +73,23 @@ TSS_RESULT StepCreateDirectories() {
   }
   return CreateDirectory(g_paths.audit);
 }
+
+// Before the TPM state or the socket is touched: the home, then the socket, must be this
+// process's alone.
+TSS_RESULT StepLockInstance() {
+  g_socket_path = g_config.socket.empty() ? dcerpc::DefaultSocketPath() : g_config.socket;
+  if (UINT32 r = LockInstance(g_paths.data + kHomeLockName, &g_lock_failure)) return r;
+  // Without a usable socket path the endpoint step fails and says so.
+  if (g_socket_path.empty()) return TSS_SUCCESS;
+  const std::string directory = g_socket_path.substr(0, g_socket_path.rfind('/'));
+  if (!directory.empty() && mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) {
+    g_lock_failure = "cannot create " + directory;
+    return static_cast<TSS_RESULT>(errno);
+  }
+  return LockInstance(g_socket_path + kSocketLockSuffix, &g_lock_failure);
+}
+
+std::string LockFailure() { return g_lock_failure; }
 
 TSS_RESULT StepStartTpmAccess() {
   if (g_options.backend != nullptr) {
@@ -121,6 +147,7 @@ constexpr StartupStep kStartupSteps[] = {
     {"random seed", StepSeedRandom, nullptr, nullptr},
     {"configuration", StepReadConfiguration, nullptr, nullptr},
     {"directories", StepCreateDirectories, nullptr, nullptr},
+    {"instance", StepLockInstance, nullptr, LockFailure},
     {"TPM access", StepStartTpmAccess, nullptr, driver_last_error},
     {"TPM metrics", StepReadTpmMetrics, UndoTpmAccess, nullptr},
     {"storage set-aside", StepSetAsideStorage, UndoStorageAndTpmAccess, nullptr},
@@ -158,6 +185,7 @@ constexpr ShutdownStep kShutdownSteps[] = {
 }  // namespace
 
 const HostPaths& ServicePaths() { return g_paths; }
+const std::string& ServiceSocketPath() { return g_socket_path; }
 const TcsConfig& ServiceConfig() { return g_config; }
 
 std::string StartupFailureText() { return g_failure_text; }

@@ -22,6 +22,8 @@ namespace kesttcs {
 // configuration step.
 const HostPaths& ServicePaths();
 const TcsConfig& ServiceConfig();
+// The socket the service serves on: the configured one, or the default one.
+const std::string& ServiceSocketPath();
 
 // What start-up would otherwise take from its surroundings; the service leaves both empty, tests
 // hand over their own.
@@ -34,10 +36,12 @@ struct StartupOptions {
 
 // Brings the managers up, each step only when all before it succeeded: client contexts, the random
 // seed, the configuration (needLog, backend, vendor, endpoint) and the paths, the directories data,
-// log (only with logging on) and audit, TPM access (driver bound and opened, TPM started), and the
-// managers that follow them. A failing step undoes what it is designed to undo and its code is
-// returned: a TCS result code, or the errno of a directory that could not be created (traced as
-// "KestTCSp:Create directory:<path> Fail!"). Returns 0 when every step succeeded.
+// log (only with logging on) and audit, the instance locks of the home and the socket (another
+// service holding either ends start-up with EBUSY), TPM access (driver bound and opened, TPM
+// started), and the managers that follow them. A failing step undoes what it is designed to undo
+// and its code is returned: a TCS result code, or the errno of a directory that could not be
+// created (traced as "KestTCSp:Create directory:<path> Fail!"). Returns 0 when every step
+// succeeded.
 [[nodiscard]] TSS_RESULT KestTcs_startup(StartupOptions options = {});
 
 // After KestTcs_startup failed: the failing step and what the layer below said about it, for the

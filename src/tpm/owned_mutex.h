@@ -39,6 +39,11 @@ class OwnedRecursiveMutex {
     return true;
   }
 
+  // True when the calling thread holds the mutex.
+  bool HeldByThisThread() const {
+    return owner_.load(std::memory_order_relaxed) == std::this_thread::get_id();
+  }
+
   // Undoes one lock. False, changing nothing, when the calling thread does not hold the mutex.
   bool Release() {
     // Only the owner can see its own id here, and it stored that id itself.

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/logging.h"
+#include "tpm/tpm_turns.h"
 
 namespace kesttcs {
 namespace {
@@ -24,8 +25,13 @@ TpmLock& tpm_lock() {
 }
 
 // The mutexes underneath carry no annotations; the analysis sees the lock through the guard's.
-TpmLockGuard::TpmLockGuard(UINT32 curCmdOrdinal) NO_THREAD_SAFETY_ANALYSIS {
+TpmLockGuard::TpmLockGuard(UINT32 curCmdOrdinal) NO_THREAD_SAFETY_ANALYSIS
+    : took_turn_(!tpm_lock().queue_.HeldByThisThread()) {
   TpmLock& lock = tpm_lock();
+  // Clients take turns first, so the one whose turn it is meets no other client at the mutexes. A
+  // thread that holds queue_lock already (a nested command, power handling across a sleep) has the
+  // TPM and must not queue behind a client that waits for it.
+  if (took_turn_) tpm_turn_Take();
   // std::lock backs off rather than holding one mutex while it sleeps on the other.
   std::lock(lock.queue_, lock.s3_);
   TcsTracef("LockTPM queue_lock=0x%.8X,s3_lock=0x%.8x,curCmdOrdinal=0x%.8X", TraceId(lock.queue_),
@@ -35,6 +41,7 @@ TpmLockGuard::TpmLockGuard(UINT32 curCmdOrdinal) NO_THREAD_SAFETY_ANALYSIS {
 
 TpmLockGuard::~TpmLockGuard() NO_THREAD_SAFETY_ANALYSIS {
   tpm_lock().queue_.Release();
+  if (took_turn_) tpm_turn_Give();
   TraceUnlock();
 }
 

@@ -6,8 +6,9 @@
 // Holding the TPM lock means holding queue_lock. Everything that talks to the TPM (transmit_timed
 // and the commands built on it) REQUIRES it, so that the clang build checks every caller. It is
 // taken in one of two ways:
-//   - TpmLockGuard, for one scope: waits for both mutexes at once (never one while holding the
-//     other), keeps queue_lock and lets s3_lock go. Every command takes it this way.
+//   - TpmLockGuard, for one scope: waits for the calling client's turn among the clients that
+//     wait (tpm_turns.h), then for both mutexes at once (never one while holding the other),
+//     keeps queue_lock and lets s3_lock go. Every command takes it this way.
 //   - S3Hold, power-state handling's hand-over across a sleep: s3_lock first (no command starts),
 //     then queue_lock with a time-out (the command in flight ends first); the query before sleep
 //     takes it and the resume or the rejection lets it go, in later calls. This is the one use of
@@ -61,6 +62,10 @@ class SCOPED_CAPABILITY TpmLockGuard {
 
   TpmLockGuard(const TpmLockGuard&) = delete;
   TpmLockGuard& operator=(const TpmLockGuard&) = delete;
+
+ private:
+  // Whether this guard waited for the client's turn (tpm_turns.h) and so must pass it on.
+  const bool took_turn_;
 };
 
 // Power-state handling's hold on the TPM across a sleep (see above). It remembers what it holds

@@ -25,7 +25,10 @@ void FuzzAssociation(std::span<const uint8_t> data) {
          out.assign(in.begin(), in.end());
          return 0;
        }}};
-  Association association(registry, {}, "135", 1);
+  AssociationGroups groups;
+  // Small enough that long requests run into it.
+  RequestBudget budget(256 * 1024);
+  Association association(registry, {}, "135", groups, budget);
   std::vector<uint8_t> output;
   // Bytes arrive in pieces whose sizes the input's first byte picks.
   if (data.empty()) return;

@@ -351,6 +351,13 @@ TEST_F(RpcClientTest, ContextRefusedToAnotherProcess) {
     BYTE* resp = nullptr;
     if (Tcsi_GetCapability(h, 2, 4, sub, &size, &resp) != TCS_E_INVALID_CONTEXT) _exit(11);
     if (Tcsi_CloseContext(h) != TCS_E_INVALID_CONTEXT) _exit(12);
+    // Vendor command 3 does not look at its context itself; the service's ownership check still
+    // keeps another process's handle, or a made-up one, from reaching the TPM.
+    for (TCS_CONTEXT_HANDLE foreign : {h, TCS_CONTEXT_HANDLE{0xA0000001}}) {
+      if (Tcsip_VendorCommand3(foreign, 1, 0, nullptr, &size, &resp) != TCS_E_INVALID_CONTEXT) {
+        _exit(15);
+      }
+    }
     TCS_CONTEXT_HANDLE mine = 0;
     if (Tcsi_OpenContext(&mine) != TSS_SUCCESS) _exit(13);
     if (Tcsi_GetCapability(mine, 2, 4, sub, &size, &resp) != TSS_SUCCESS) _exit(14);

@@ -6,6 +6,15 @@ namespace kesttcs::dcerpc {
 
 namespace {
 
+// A request of several fragments grows its buffer from this size on: buffers this large come from
+// mappings of their own (the service sets the allocator's threshold there), which go back to the
+// system when freed, where growing through smaller sizes would leave the heap full of holes.
+constexpr size_t kMultiFragmentStubStep = 64 * 1024;
+
+// Input kept between reads: about two fragments. A read of many fragments at once grows the buffer
+// for a moment; it shrinks back once they are consumed, so idle connections hold little.
+constexpr size_t kKeptInputCapacity = 2 * kMaxFragmentSize;
+
 uint16_t ClampFragment(uint16_t proposed) {
   return std::clamp(proposed, kMinFragmentSize, kMaxFragmentSize);
 }
@@ -13,11 +22,19 @@ uint16_t ClampFragment(uint16_t proposed) {
 }  // namespace
 
 Association::Association(const InterfaceRegistry& registry, PeerIdentity peer,
-                         std::string secondary_address, uint32_t assoc_group_id)
+                         std::string secondary_address, AssociationGroups& groups,
+                         RequestBudget& budget)
     : registry_(registry),
       peer_(peer),
       secondary_address_(std::move(secondary_address)),
-      assoc_group_id_(assoc_group_id) {}
+      groups_(groups),
+      budget_(budget) {
+  peer_.assoc_group_id = 0;
+}
+
+Association::~Association() {
+  if (peer_.assoc_group_id != 0) groups_.Leave(peer_.assoc_group_id);
+}
 
 Association::Step Association::Next(std::vector<uint8_t>& output, PendingCall& call) {
   while (!closed_) {
@@ -61,6 +78,9 @@ Association::Step Association::Next(std::vector<uint8_t>& output, PendingCall& c
   if (input_pos_ > 0 && input_pos_ * 2 >= input_.size()) {
     input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(input_pos_));
     input_pos_ = 0;
+    if (input_.capacity() > kKeptInputCapacity && input_.size() <= kKeptInputCapacity) {
+      input_.shrink_to_fit();
+    }
   }
   return Step::kNeedMore;
 }
@@ -103,7 +123,7 @@ Association::Step Association::HandleBind(const PduHeader& header,
   if (!bind) return Step::kClose;
   if (header.type == PduType::kAlterContext) {
     if (!bound_) return Step::kClose;
-    BindAckPdu ack{max_xmit_, max_recv_, assoc_group_id_, "", AnswerContexts(*bind)};
+    BindAckPdu ack{max_xmit_, max_recv_, peer_.assoc_group_id, "", AnswerContexts(*bind)};
     std::vector<uint8_t> pdu = EncodeBindAck(PduType::kAlterContextResp, header.call_id, ack);
     output.insert(output.end(), pdu.begin(), pdu.end());
     return Step::kNeedMore;
@@ -122,8 +142,9 @@ Association::Step Association::HandleBind(const PduHeader& header,
       // The client's transmit size is our receive size and the other way round.
       max_xmit_ = ClampFragment(bind->max_recv_frag);
       max_recv_ = ClampFragment(bind->max_xmit_frag);
-      if (bind->assoc_group_id != 0) assoc_group_id_ = bind->assoc_group_id;
-      BindAckPdu ack{max_xmit_, max_recv_, assoc_group_id_, secondary_address_, std::move(results)};
+      peer_.assoc_group_id = groups_.Join(bind->assoc_group_id, peer_.uid);
+      BindAckPdu ack{max_xmit_, max_recv_, peer_.assoc_group_id, secondary_address_,
+                     std::move(results)};
       pdu = EncodeBindAck(PduType::kBindAck, header.call_id, ack);
     }
   }
@@ -146,6 +167,7 @@ Association::Step Association::HandleRequest(const PduHeader& header,
     pending.info.object = request->object;
     pending.info.byte_order = header.byte_order();
     pending.opnum = request->opnum;
+    pending.charge = BudgetCharge(&budget_);
     auto context = contexts_.find(request->context_id);
     if (!bound_) {
       assembly_->fault = kNcaProtocolError;
@@ -161,26 +183,48 @@ Association::Step Association::HandleRequest(const PduHeader& header,
 
   Assembly& assembly = *assembly_;
   if (assembly.fault == 0) {
-    if (request->stub.size() > kMaxRequestStub - assembly.call.stub.size()) {
+    std::vector<uint8_t>& stub = assembly.call.stub;
+    if (request->stub.size() > kMaxRequestStub - stub.size()) {
       assembly.fault = kNcaFaultRemoteNoMemory;
-      assembly.call.stub = {};
+      stub = {};
+      assembly.call.charge.Reset();
+    } else if (!Reserve(assembly.call, stub.size() + request->stub.size(),
+                        !(header.flags & kPfcLastFrag))) {
+      // The server holds all the request bytes it may: the newest request gives way.
+      QueueFault(assembly.call, kNcaFaultRemoteNoMemory, output);
+      assembly_.reset();
+      return Step::kClose;
     } else {
-      assembly.call.stub.insert(assembly.call.stub.end(), request->stub.begin(),
-                                request->stub.end());
+      stub.insert(stub.end(), request->stub.begin(), request->stub.end());
     }
   }
   if (!(header.flags & kPfcLastFrag)) return Step::kNeedMore;
 
   if (assembly.fault != 0) {
-    std::vector<uint8_t> pdu = EncodeFault(assembly.call.info.call_id,
-                                           assembly.call.info.context_id, assembly.fault, true);
-    output.insert(output.end(), pdu.begin(), pdu.end());
+    QueueFault(assembly.call, assembly.fault, output);
     assembly_.reset();
     return Step::kNeedMore;
   }
   call = std::move(assembly.call);
   assembly_.reset();
   return Step::kCall;
+}
+
+bool Association::Reserve(PendingCall& call, size_t size, bool more_to_come) {
+  std::vector<uint8_t>& stub = call.stub;
+  if (size <= stub.capacity()) return true;
+  // Grow by doubling, as the vector would, but charge what is allocated before allocating it.
+  const size_t step = more_to_come ? kMultiFragmentStubStep : 0;
+  const size_t capacity = std::min(std::max({size, 2 * stub.capacity(), step}), kMaxRequestStub);
+  if (!call.charge.Add(capacity - stub.capacity())) return false;
+  stub.reserve(capacity);
+  return true;
+}
+
+void Association::QueueFault(const PendingCall& call, uint32_t status,
+                             std::vector<uint8_t>& output) {
+  std::vector<uint8_t> pdu = EncodeFault(call.info.call_id, call.info.context_id, status, true);
+  output.insert(output.end(), pdu.begin(), pdu.end());
 }
 
 void Association::Complete(const PendingCall& call, uint32_t status,

@@ -17,6 +17,11 @@
 // - request fragments are reassembled up to kMaxRequestStub bytes; a request on an unknown context
 //   gets fault nca_s_unk_if, one above the cap fault nca_s_fault_remote_no_memory, each after its
 //   last fragment arrived. A request before any bind gets fault nca_s_proto_error.
+// - request bytes are charged to the server's RequestBudget until their call has ended; a fragment
+//   the budget has no room for gets fault nca_s_fault_remote_no_memory at once and the connection
+//   closes.
+// - a bind joins an association group (AssociationGroups decides which); alter_context and later
+//   binds keep it.
 // - orphaned drops a call still being reassembled; co_cancel, auth3 and shutdown are ignored (a
 //   running call cannot be cancelled).
 #pragma once
@@ -31,8 +36,10 @@
 #include <string>
 #include <vector>
 
+#include "rpc/dcerpc/association_groups.h"
 #include "rpc/dcerpc/ndr.h"
 #include "rpc/dcerpc/pdu.h"
+#include "rpc/dcerpc/request_budget.h"
 
 namespace kesttcs::dcerpc {
 
@@ -48,8 +55,12 @@ struct PeerIdentity {
   // Peer credentials taken when the connection was accepted (Unix socket only).
   bool has_credentials = false;
   pid_t pid = 0;
+  // The user at the other end: from the peer credentials, or over TCP the owner of the client's
+  // socket.
   uid_t uid = 0;
   gid_t gid = 0;
+  // The association group the connection's bind joined; 0 before a bind.
+  uint32_t assoc_group_id = 0;
 };
 
 // Everything a handler learns about a call besides its stub data.
@@ -80,6 +91,8 @@ struct PendingCall {
   uint16_t opnum = 0;
   std::vector<uint8_t> stub;
   const InterfaceHandler* handler = nullptr;  // points into the registry
+  // The stub's bytes in the request budget, given back when the call is dropped.
+  BudgetCharge charge;
 };
 
 class Association {
@@ -90,10 +103,16 @@ class Association {
     kClose,     // protocol error: send what is queued, then close the connection
   };
 
-  // `registry` must outlive the association. `secondary_address` goes into bind_ack (the TCP port
-  // or socket path); `assoc_group_id` is offered to a client that asks for a new group.
+  // `registry`, `groups` and `budget` must outlive the association. `secondary_address` goes into
+  // bind_ack (the TCP port or socket path).
   Association(const InterfaceRegistry& registry, PeerIdentity peer, std::string secondary_address,
-              uint32_t assoc_group_id);
+              AssociationGroups& groups, RequestBudget& budget);
+  ~Association();  // leaves the association group
+  Association(const Association&) = delete;
+  Association& operator=(const Association&) = delete;
+
+  // The peer, with the association group once bound.
+  const PeerIdentity& peer() const { return peer_; }
 
   // Appends bytes read from the connection.
   void Feed(std::span<const uint8_t> bytes) {
@@ -112,6 +131,8 @@ class Association {
 
   // Bytes fed but not yet consumed.
   size_t buffered() const { return input_.size() - input_pos_; }
+  // Whether a request has begun whose last fragment has not arrived.
+  bool mid_request() const { return assembly_.has_value(); }
 
  private:
   // A request whose fragments are still arriving.
@@ -129,11 +150,17 @@ class Association {
                      std::vector<uint8_t>& output, PendingCall& call);
   // Answers every context of a bind or alter_context; accepted ones are added to contexts_.
   std::vector<ContextResult> AnswerContexts(const BindPdu& bind);
+  // Makes room in `call`'s stub for `size` bytes (more when further fragments follow), charging
+  // the budget for what it allocates. False, nothing changed, when the budget has no room.
+  bool Reserve(PendingCall& call, size_t size, bool more_to_come);
+  // Queues fault `status` for `call`, a call that did not execute.
+  static void QueueFault(const PendingCall& call, uint32_t status, std::vector<uint8_t>& output);
 
   const InterfaceRegistry& registry_;
   PeerIdentity peer_;
   std::string secondary_address_;
-  uint32_t assoc_group_id_;
+  AssociationGroups& groups_;
+  RequestBudget& budget_;
   std::vector<uint8_t> input_;
   size_t input_pos_ = 0;
   bool closed_ = false;

@@ -6,8 +6,10 @@
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -24,12 +26,15 @@
 #include <vector>
 
 #include "base/mutex.h"
+#include "rpc/dcerpc/socket_peer.h"
 
 namespace kesttcs::dcerpc {
 
 namespace {
 
-constexpr size_t kReadChunk = 64 * 1024;
+// Read from a connection at once, on the worker's stack: about three whole fragments. Kept small,
+// as every worker (up to max_calls of them) touches it.
+constexpr size_t kReadChunk = 16 * 1024;
 // A connection is not read while more than this many response bytes wait to be sent.
 constexpr size_t kOutputHighWater = 64 * 1024;
 // How long a worker that has answered a call waits on the same connection for the next request
@@ -38,6 +43,25 @@ constexpr size_t kOutputHighWater = 64 * 1024;
 constexpr timeval kLinger = {0, 20 * 1000};
 // A worker keeps at most this much response buffer between calls.
 constexpr size_t kKeptStubCapacity = 64 * 1024;
+constexpr timespec kHousekeepingInterval = {1, 0};
+
+// A connection's idle clock (Connection::parked_since): the time in milliseconds at which it was
+// handed back to epoll, or one of these.
+constexpr int64_t kBusy = -1;    // a worker holds it
+constexpr int64_t kReaped = -2;  // housekeeping found it idle: the next worker closes it
+
+int64_t NowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// Connections the open-file limit leaves room for.
+size_t DescriptorRoom() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return SIZE_MAX;
+  return limit.rlim_cur > kReservedDescriptors ? limit.rlim_cur - kReservedDescriptors : 1;
+}
 
 // Waits once on `cv`; the caller holds `mu` through a MutexLock.
 void WaitOnce(std::condition_variable& cv, Mutex& mu) REQUIRES(mu) {
@@ -52,11 +76,10 @@ void WaitOnce(std::condition_variable& cv, Mutex& mu) REQUIRES(mu) {
 // socket call passes MSG_DONTWAIT.
 struct Connection {
   Connection(int fd_in, const InterfaceRegistry& registry, PeerIdentity peer_in,
-             std::string secondary_address)
+             std::string secondary_address, AssociationGroups& groups, RequestBudget& budget)
       : fd(fd_in),
         peer(peer_in),
-        association(registry, peer_in, std::move(secondary_address),
-                    static_cast<uint32_t>(0x10000 + peer_in.connection_id)) {}
+        association(registry, peer_in, std::move(secondary_address), groups, budget) {}
 
   size_t pending_output() const { return output.size() - output_pos; }
 
@@ -73,6 +96,9 @@ struct Connection {
   size_t output_pos = 0;
   bool closing = false;  // protocol error: close once the output is sent
   std::atomic<uint32_t> handoff{0};
+  // Read by housekeeping while no worker holds the connection; written by its worker.
+  std::atomic<int64_t> parked_since{kBusy};
+  std::atomic<uint32_t> assoc_group{0};
 };
 
 uint32_t RunHandler(const PendingCall& call, std::vector<uint8_t>& stub_out) {
@@ -181,6 +207,11 @@ class Server::Impl {
     if (state_ == State::kIdle) closed_callback_ = std::move(callback);
   }
 
+  void SetHoldsStateCallback(HoldsStateCallback callback) EXCLUDES(state_mu_) {
+    MutexLock lock(state_mu_);
+    if (state_ == State::kIdle) holds_state_ = std::move(callback);
+  }
+
   int Start(const ServerOptions& options) EXCLUDES(state_mu_, mu_);
   uint16_t tcp_port() const { return tcp_port_; }
   void Stop() EXCLUDES(state_mu_, mu_);
@@ -189,14 +220,27 @@ class Server::Impl {
  private:
   enum class State { kIdle, kRunning, kStopping, kStopped };
 
-  // A worker's life: wait in epoll for one event, handle it, repeat until Stop.
+  // A worker's life: wait in epoll for one event, handle it, repeat until Stop or until it has
+  // been idle long enough to leave.
   void Work() EXCLUDES(mu_);
   // Adds a worker unless the server stops or max_calls workers exist. False when none was added.
   bool AddWorker() EXCLUDES(mu_);
   // Called before anything that may block (a handler, the closed callback): makes sure some
   // worker still waits for events, so that a slow call holds up only its own connection.
   void KeepOneWaiting() EXCLUDES(mu_);
+  // An idle worker asks to leave: true (it is listed as finished) while more than kMinWorkers
+  // exist and another worker waits.
+  bool Retire() EXCLUDES(mu_);
+  // The once-a-second chores: join workers that left, close idle connections, resume accepting.
+  void Housekeeping() EXCLUDES(mu_);
+  void JoinFinishedWorkers() EXCLUDES(mu_);
+  void CloseIdleConnections() EXCLUDES(mu_);
   void Accept(int listen_fd, Transport transport, void* tag) EXCLUDES(mu_);
+  // Who is at the other end of a new connection; nullopt when it may not be served.
+  std::optional<PeerIdentity> Identify(int fd, Transport transport);
+  // Re-arms the listeners after accepting paused for lack of descriptors.
+  void ResumeAccepting();
+  void Arm(int fd, void* tag, uint32_t events);
   // Handles an event of a connection this worker now holds: reads, runs the complete calls,
   // sends the answers, then re-arms or closes the connection.
   void Serve(Connection& conn, uint32_t events, std::vector<uint8_t>& stub_out) EXCLUDES(mu_);
@@ -214,17 +258,25 @@ class Server::Impl {
   // Set before Start, read-only while running.
   InterfaceRegistry registry_;
   ConnectionClosedCallback closed_callback_;
+  HoldsStateCallback holds_state_;
   ServerOptions options_;
   size_t max_workers_ = 1;
+  size_t max_connections_ = 0;
+  gid_t socket_group_ = 0;
   uint16_t tcp_port_ = 0;
   int epoll_fd_ = -1;
   int stop_fd_ = -1;  // an eventfd, level-triggered in epoll: once written, every worker sees it
+  int timer_fd_ = -1;
   int unix_fd_ = -1;
   int tcp_fd_ = -1;
-  // What epoll reports for the stop eventfd and the listeners; connections report themselves.
+  // What epoll reports for the stop eventfd, the timer and the listeners; connections report
+  // themselves.
   char stop_tag_ = 0;
+  char timer_tag_ = 0;
   char unix_tag_ = 0;
   char tcp_tag_ = 0;
+  std::unique_ptr<RequestBudget> budget_;
+  AssociationGroups groups_;
 
   // Start/Stop/Wait state. Taken before mu_ when both are needed.
   Mutex state_mu_;
@@ -232,10 +284,13 @@ class Server::Impl {
   State state_ GUARDED_BY(state_mu_) = State::kIdle;
 
   Mutex mu_ ACQUIRED_AFTER(state_mu_);
-  std::vector<std::thread> workers_ GUARDED_BY(mu_);
+  std::unordered_map<std::thread::id, std::thread> workers_ GUARDED_BY(mu_);
+  std::vector<std::thread> finished_ GUARDED_BY(mu_);  // workers that left, to be joined
   std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_ GUARDED_BY(mu_);
+  std::unordered_map<uid_t, size_t> user_connections_ GUARDED_BY(mu_);
   // Set under mu_, so that no worker is added once Stop has taken the list to join.
   std::atomic<bool> stopping_{false};
+  std::atomic<bool> accept_paused_{false};
   std::atomic<size_t> waiting_{0};       // workers in (or about to enter) epoll_wait
   std::atomic<size_t> worker_count_{0};  // workers_.size(), readable without mu_
   std::atomic<uint64_t> next_connection_id_{1};
@@ -246,19 +301,29 @@ int Server::Impl::Start(const ServerOptions& options) {
   if (state_ != State::kIdle) return EALREADY;
   options_ = options;
   max_workers_ = options.max_calls == 0 ? 1 : options.max_calls;
+  max_connections_ = std::min(options.max_connections, DescriptorRoom());
+  socket_group_ = options.socket_group.value_or(getegid());
+  budget_ = std::make_unique<RequestBudget>(options.request_memory);
   int error = 0;
   epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
   stop_fd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  if (epoll_fd_ < 0 || stop_fd_ < 0) error = errno;
+  timer_fd_ = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+  const itimerspec every_second = {kHousekeepingInterval, kHousekeepingInterval};
+  if (epoll_fd_ < 0 || stop_fd_ < 0 || timer_fd_ < 0 ||
+      timerfd_settime(timer_fd_, 0, &every_second, nullptr) != 0) {
+    error = errno;
+  }
   if (error == 0 && !options.unix_path.empty()) {
     unix_fd_ = ListenUnix(options.unix_path, options.socket_group, error);
   }
   if (error == 0 && options.tcp_port) tcp_fd_ = ListenTcp(*options.tcp_port, tcp_port_, error);
-  const std::pair<int, void*> sources[] = {
-      {stop_fd_, &stop_tag_}, {unix_fd_, &unix_tag_}, {tcp_fd_, &tcp_tag_}};
+  const std::pair<int, void*> sources[] = {{stop_fd_, &stop_tag_},
+                                           {timer_fd_, &timer_tag_},
+                                           {unix_fd_, &unix_tag_},
+                                           {tcp_fd_, &tcp_tag_}};
   for (auto [fd, tag] : sources) {
     epoll_event ev{};
-    // A listener is handled by one worker at a time, which accepts what is pending and re-arms.
+    // The timer and a listener are handled by one worker at a time, which re-arms them after.
     ev.events = tag == &stop_tag_ ? EPOLLIN : EPOLLIN | EPOLLONESHOT;
     ev.data.ptr = tag;
     if (error == 0 && fd >= 0 && epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &ev) != 0) error = errno;
@@ -266,7 +331,7 @@ int Server::Impl::Start(const ServerOptions& options) {
   stopping_ = false;
   if (error == 0 && !AddWorker()) error = EAGAIN;
   if (error != 0) {
-    for (int* fd : {&epoll_fd_, &stop_fd_, &unix_fd_, &tcp_fd_}) {
+    for (int* fd : {&epoll_fd_, &stop_fd_, &timer_fd_, &unix_fd_, &tcp_fd_}) {
       if (*fd >= 0) close(*fd);
       *fd = -1;
     }
@@ -305,7 +370,9 @@ void Server::Impl::Stop() {
   std::vector<std::thread> workers;
   {
     MutexLock lock(mu_);
-    workers.swap(workers_);
+    workers.swap(finished_);
+    for (auto& [id, worker] : workers_) workers.push_back(std::move(worker));
+    workers_.clear();
     for (const auto& [conn, owned] : connections_) shutdown(conn->fd, SHUT_RD);
   }
   for (std::thread& worker : workers) worker.join();
@@ -319,7 +386,7 @@ void Server::Impl::Stop() {
     }
     if (Flush(*conn)) CloseConnection(*conn);
   }
-  for (int* fd : {&epoll_fd_, &stop_fd_, &unix_fd_, &tcp_fd_}) {
+  for (int* fd : {&epoll_fd_, &stop_fd_, &timer_fd_, &unix_fd_, &tcp_fd_}) {
     if (*fd >= 0) close(*fd);
     *fd = -1;
   }
@@ -337,7 +404,9 @@ bool Server::Impl::AddWorker() {
   MutexLock lock(mu_);
   if (stopping_ || workers_.size() >= max_workers_) return false;
   try {
-    workers_.emplace_back([this] { Work(); });
+    std::thread worker([this] { Work(); });
+    const std::thread::id id = worker.get_id();
+    workers_.emplace(id, std::move(worker));
   } catch (const std::system_error&) {
     return false;  // out of threads: the workers there are serve everything, only later
   }
@@ -349,18 +418,40 @@ void Server::Impl::KeepOneWaiting() {
   if (waiting_.load(std::memory_order_relaxed) == 0) static_cast<void>(AddWorker());
 }
 
+bool Server::Impl::Retire() {
+  MutexLock lock(mu_);
+  if (stopping_ || workers_.size() <= kMinWorkers ||
+      waiting_.load(std::memory_order_relaxed) == 0) {
+    return false;
+  }
+  const auto self = workers_.find(std::this_thread::get_id());
+  if (self == workers_.end()) return false;
+  finished_.push_back(std::move(self->second));
+  workers_.erase(self);
+  worker_count_.store(workers_.size(), std::memory_order_relaxed);
+  return true;
+}
+
 void Server::Impl::Work() {
   std::vector<uint8_t> stub_out;  // reused from call to call
+  const int idle_ms = static_cast<int>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(kWorkerIdleExit).count());
   for (;;) {
     epoll_event event{};
     waiting_.fetch_add(1, std::memory_order_relaxed);
-    int n = epoll_wait(epoll_fd_, &event, 1, -1);
+    int n = epoll_wait(epoll_fd_, &event, 1, idle_ms);
     waiting_.fetch_sub(1, std::memory_order_relaxed);
     if (n < 0 && errno != EINTR) return;
+    if (n == 0 && Retire()) return;
     if (n <= 0) continue;
     void* tag = event.data.ptr;
     if (tag == &stop_tag_) return;
-    if (tag == &unix_tag_) {
+    if (tag == &timer_tag_) {
+      uint64_t expirations = 0;
+      static_cast<void>(read(timer_fd_, &expirations, sizeof(expirations)));
+      Housekeeping();
+      Arm(timer_fd_, &timer_tag_, EPOLLIN | EPOLLONESHOT);
+    } else if (tag == &unix_tag_) {
       Accept(unix_fd_, Transport::kUnixStream, tag);
     } else if (tag == &tcp_tag_) {
       Accept(tcp_fd_, Transport::kTcp, tag);
@@ -370,64 +461,132 @@ void Server::Impl::Work() {
   }
 }
 
+void Server::Impl::Housekeeping() {
+  JoinFinishedWorkers();
+  if (options_.idle_timeout.count() > 0) CloseIdleConnections();
+  ResumeAccepting();
+}
+
+void Server::Impl::JoinFinishedWorkers() {
+  std::vector<std::thread> finished;
+  {
+    MutexLock lock(mu_);
+    finished.swap(finished_);
+  }
+  // Each has left its loop already; joining waits only for its last instructions.
+  for (std::thread& worker : finished) worker.join();
+}
+
+void Server::Impl::CloseIdleConnections() {
+  const int64_t now = NowMs();
+  const int64_t timeout_ms =
+      std::chrono::duration_cast<std::chrono::milliseconds>(options_.idle_timeout).count();
+  MutexLock lock(mu_);
+  for (const auto& [conn, owned] : connections_) {
+    int64_t since = conn->parked_since.load(std::memory_order_acquire);
+    if (since < 0 || now - since < timeout_ms) continue;
+    PeerIdentity peer = conn->peer;
+    peer.assoc_group_id = conn->assoc_group.load(std::memory_order_relaxed);
+    if (holds_state_ && holds_state_(peer)) continue;
+    // Claimed only while still parked: a worker that took the connection meanwhile keeps it.
+    // Shutting the socket down wakes a worker for it, which then closes it (the descriptor stays
+    // valid: only the worker holding a connection closes it, and this one is held by none).
+    if (conn->parked_since.compare_exchange_strong(since, kReaped, std::memory_order_acq_rel)) {
+      shutdown(conn->fd, SHUT_RDWR);
+    }
+  }
+}
+
+void Server::Impl::Arm(int fd, void* tag, uint32_t events) {
+  epoll_event ev{};
+  ev.events = events;
+  ev.data.ptr = tag;
+  epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, fd, &ev);
+}
+
+void Server::Impl::ResumeAccepting() {
+  if (stopping_ || !accept_paused_.exchange(false)) return;
+  // A listener that was not paused may be armed twice this way; accepting is safe on two workers.
+  for (auto [fd, tag] : {std::pair<int, void*>{unix_fd_, &unix_tag_}, {tcp_fd_, &tcp_tag_}}) {
+    if (fd >= 0) Arm(fd, tag, EPOLLIN | EPOLLONESHOT);
+  }
+}
+
+std::optional<PeerIdentity> Server::Impl::Identify(int fd, Transport transport) {
+  PeerIdentity peer;
+  peer.connection_id = next_connection_id_.fetch_add(1, std::memory_order_relaxed);
+  peer.transport = transport;
+  if (transport == Transport::kUnixStream) {
+    ucred cred{};
+    socklen_t len = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return std::nullopt;
+    peer.has_credentials = true;
+    peer.pid = cred.pid;
+    peer.uid = cred.uid;
+    peer.gid = cred.gid;
+    return peer;
+  }
+  // The Unix socket's mode and group decide who may connect there; TCP follows the same rule.
+  std::optional<uid_t> uid = LoopbackTcpPeerUid(fd);
+  if (!uid || !MayUseSocket(*uid, socket_group_)) return std::nullopt;
+  peer.uid = *uid;
+  return peer;
+}
+
 void Server::Impl::Accept(int listen_fd, Transport transport, void* tag) {
   for (;;) {
     int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0 && errno == EINTR) continue;
-    if (fd < 0) break;  // EAGAIN, or a transient error such as EMFILE
-    if (stopping_) {
+    if (fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
+      // Out of descriptors or memory: retrying at once would spin. The listener stays disarmed
+      // until a connection closes or the next housekeeping event; clients wait in the backlog.
+      accept_paused_ = true;
+      return;
+    }
+    if (fd < 0) break;  // EAGAIN, or a connection that failed before it was accepted
+    std::optional<PeerIdentity> peer;
+    if (!stopping_) peer = Identify(fd, transport);
+    if (!peer) {
       close(fd);
       continue;
     }
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &kLinger, sizeof(kLinger));
-    PeerIdentity peer;
-    peer.connection_id = next_connection_id_.fetch_add(1, std::memory_order_relaxed);
-    peer.transport = transport;
     std::string secondary = options_.unix_path;
-    if (transport == Transport::kUnixStream) {
-      ucred cred{};
-      socklen_t len = sizeof(cred);
-      if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) {
-        peer.has_credentials = true;
-        peer.pid = cred.pid;
-        peer.uid = cred.uid;
-        peer.gid = cred.gid;
-      }
-    } else {
+    if (transport == Transport::kTcp) {
       int one = 1;
       setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
       secondary = std::to_string(tcp_port_);
     }
-    auto owned = std::make_unique<Connection>(fd, registry_, peer, std::move(secondary));
+    auto owned =
+        std::make_unique<Connection>(fd, registry_, *peer, std::move(secondary), groups_, *budget_);
     Connection* conn = owned.get();
     {
       MutexLock lock(mu_);
-      if (connections_.size() >= options_.max_connections) {
+      size_t& of_user = user_connections_[peer->uid];
+      if (connections_.size() >= max_connections_ || of_user >= options_.max_connections_per_user) {
+        if (of_user == 0) user_connections_.erase(peer->uid);
+        owned.reset();
         close(fd);
         continue;
       }
+      ++of_user;
       connections_.emplace(conn, std::move(owned));
     }
     epoll_event ev{};
     ev.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
     ev.data.ptr = conn;
+    conn->parked_since.store(NowMs(), std::memory_order_relaxed);
     conn->Release();
-    if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &ev) != 0) {
-      close(fd);
-      MutexLock lock(mu_);
-      connections_.erase(conn);
-    }
+    if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &ev) != 0) CloseConnection(*conn);
   }
   if (stopping_) return;
-  epoll_event ev{};
-  ev.events = EPOLLIN | EPOLLONESHOT;
-  ev.data.ptr = tag;
-  epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, listen_fd, &ev);
+  Arm(listen_fd, tag, EPOLLIN | EPOLLONESHOT);
 }
 
 void Server::Impl::Serve(Connection& conn, uint32_t events, std::vector<uint8_t>& stub_out) {
   conn.Acquire();
-  if (events & (EPOLLHUP | EPOLLERR | EPOLLRDHUP)) {
+  if (conn.parked_since.exchange(kBusy, std::memory_order_acq_rel) == kReaped ||
+      (events & (EPOLLHUP | EPOLLERR | EPOLLRDHUP))) {
     CloseConnection(conn);
     return;
   }
@@ -456,6 +615,7 @@ void Server::Impl::Serve(Connection& conn, uint32_t events, std::vector<uint8_t>
     // while the client reads its answers, and not for the rest of a request begun (a client that
     // trickles its bytes must not keep a worker).
     if (conn.pending_output() > 0 || conn.association.buffered() > 0 ||
+        conn.association.mid_request() ||
         worker_count_.load(std::memory_order_relaxed) >= max_workers_) {
       break;
     }
@@ -466,7 +626,6 @@ void Server::Impl::Serve(Connection& conn, uint32_t events, std::vector<uint8_t>
   }
   Rearm(conn);
 }
-
 Server::Impl::Input Server::Impl::Receive(Connection& conn, bool wait) {
   uint8_t buffer[kReadChunk];
   for (;;) {
@@ -515,21 +674,28 @@ void Server::Impl::Rearm(Connection& conn) {
   // publishing the connection to the worker that takes its next event. Re-arming is rare enough
   // (a busy connection stays with its worker) for the extra call not to matter.
   epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
+  conn.assoc_group.store(conn.association.peer().assoc_group_id, std::memory_order_relaxed);
+  conn.parked_since.store(NowMs(), std::memory_order_release);
   conn.Release();
   // From here on another worker may hold the connection, unless re-arming failed.
   if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &ev) != 0) CloseConnection(conn);
 }
 
 void Server::Impl::CloseConnection(Connection& conn) {
-  const PeerIdentity peer = conn.peer;
+  const PeerIdentity peer = conn.association.peer();
   const int fd = conn.fd;
   epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
   {
-    // Stop may shut the socket down while it is listed.
+    // Stop and housekeeping may shut the socket down while it is listed.
     MutexLock lock(mu_);
     connections_.erase(&conn);
+    const auto of_user = user_connections_.find(peer.uid);
+    if (of_user != user_connections_.end() && --of_user->second == 0) {
+      user_connections_.erase(of_user);
+    }
   }
   close(fd);
+  ResumeAccepting();
   if (closed_callback_) {
     KeepOneWaiting();
     closed_callback_(peer);
@@ -545,6 +711,10 @@ bool Server::RegisterInterface(const SyntaxId& iface, InterfaceHandler handler) 
 
 void Server::SetConnectionClosedCallback(ConnectionClosedCallback callback) {
   impl_->SetConnectionClosedCallback(std::move(callback));
+}
+
+void Server::SetHoldsStateCallback(HoldsStateCallback callback) {
+  impl_->SetHoldsStateCallback(std::move(callback));
 }
 
 int Server::Start(const ServerOptions& options) { return impl_->Start(options); }

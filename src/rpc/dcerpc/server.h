@@ -10,18 +10,27 @@
 // that too, before handing the connection back to epoll. A connection therefore runs one call at a
 // time (clients send the next request after the response). Before a handler, the closed callback
 // or such a wait, the worker makes sure another worker still waits in epoll, starting a new one
-// when none does, up to max_calls; workers are kept until Stop, and none waits on a connection once
-// there are max_calls of them. So a slow call holds up only its own connection, and calls beyond
-// max_calls wait for a worker to come free.
+// when none does, up to max_calls; none waits on a connection once there are max_calls of them.
+// So a slow call holds up only its own connection, and calls beyond max_calls wait for a worker to
+// come free. A worker that has had nothing to do for kWorkerIdleExit leaves, as long as
+// kMinWorkers stay and another one waits. Once a second, a housekeeping event (run by whichever
+// worker takes it) joins the workers that left, closes idle connections and resumes accepting.
 //
-// Limits: fragments up to kMaxFragmentSize (5840 bytes), request stubs up to kMaxRequestStub
-// (1 MiB, larger ones get a fault), max_connections open connections (further ones are accepted
-// and closed at once). A client that stops reading its responses stops being read once 64 KiB of
-// answers wait for it.
+// Limits (ServerOptions): max_connections open connections, lowered to what the open-file limit
+// leaves room for; max_connections_per_user of one user; a connection beyond either is accepted
+// and closed at once. When the process runs out of descriptors anyway, accepting pauses until a
+// connection closes or the next housekeeping event, instead of retrying at once. Over TCP only
+// the users who may open the Unix socket (root, this process's user, members of its group) are
+// served. Fragments up to kMaxFragmentSize (5840 bytes), request stubs up to kMaxRequestStub
+// (1 MiB, larger ones get a fault), and request_memory bytes of requests for all connections
+// together (RequestBudget). A client that stops reading its responses stops being read once
+// 64 KiB of answers wait for it. A connection idle for idle_timeout whose client holds no state
+// (the holds-state callback says) is closed.
 #pragma once
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -47,12 +56,30 @@ struct ServerOptions {
   std::optional<uint16_t> tcp_port;
   // Calls served at once (worker threads at most).
   size_t max_calls = 1000;
+  // Open connections at most, and of one user (the peer's uid) at most.
   size_t max_connections = 4096;
+  size_t max_connections_per_user = 1024;
+  // A connection on which nothing arrives for this long is closed unless its client holds state;
+  // zero keeps idle connections open.
+  std::chrono::seconds idle_timeout{60};
+  // Request bytes held for all connections together.
+  size_t request_memory = 32 * 1024 * 1024;
 };
+
+// Workers never go below this many once started, and one idle for kWorkerIdleExit leaves.
+inline constexpr size_t kMinWorkers = 4;
+inline constexpr std::chrono::seconds kWorkerIdleExit{5};
+// Descriptors kept free of connections for everything else the process opens.
+inline constexpr size_t kReservedDescriptors = 64;
 
 // Called once a connection has closed and its call (if any) has finished: on the worker that
 // closed it, or for connections still open at Stop on the thread calling Stop.
 using ConnectionClosedCallback = std::function<void(const PeerIdentity& peer)>;
+
+// Asked (with the server's connection list locked, so it must not call back into the server)
+// whether the client of an idle connection holds state that closing the connection would end;
+// such a connection is kept.
+using HoldsStateCallback = std::function<bool(const PeerIdentity& peer)>;
 
 class Server {
  public:
@@ -66,6 +93,8 @@ class Server {
   [[nodiscard]] bool RegisterInterface(const SyntaxId& iface, InterfaceHandler handler);
   // Sets the callback for closed connections before Start.
   void SetConnectionClosedCallback(ConnectionClosedCallback callback);
+  // Sets the idle-connection callback before Start (without one, idle connections all close).
+  void SetHoldsStateCallback(HoldsStateCallback callback);
 
   // Opens the listeners and starts serving. Returns 0, or the errno of the socket call that
   // failed (nothing is left open then). Fails with EALREADY when already started.

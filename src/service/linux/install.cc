@@ -213,6 +213,8 @@ std::string SystemdUnitText(const std::string& executable, const std::string& ho
   unit += "RuntimeDirectoryMode=0755\n";
   unit += "TimeoutStartSec=90\n";
   unit += "TimeoutStopSec=30\n";
+  // Room for the default max_connections and everything else the service opens.
+  unit += "LimitNOFILE=8192\n";
   unit += "\n[Install]\n";
   unit += "WantedBy=multi-user.target\n";
   return unit;

@@ -1,8 +1,10 @@
 // The service's main flow under systemd and in the foreground (-debug), with the stop signals taken
 // by a thread of their own.
+#include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -100,6 +102,22 @@ void PrintStartupFailure(UINT32 code) {
   }
 }
 
+// Every client connection takes a descriptor; the soft limit (often 1024) would cap the service
+// far below what it is configured to serve, so it is raised to the hard limit the service manager
+// granted.
+void RaiseOpenFileLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// Request and response buffers beyond 64 KiB get mappings of their own, which go back to the
+// system when freed. Left to itself the allocator raises this threshold after the first such
+// buffer is freed and then keeps what clients' large requests once took, far beyond the request
+// budget, for the life of the process.
+void ReturnLargeBuffers() { mallopt(M_MMAP_THRESHOLD, 64 * 1024); }
+
 bool UnderJournal() {
   return std::getenv("INVOCATION_ID") != nullptr && access(kJournalSocket, F_OK) == 0;
 }
@@ -107,6 +125,8 @@ bool UnderJournal() {
 }  // namespace
 
 int ServiceMain() {
+  RaiseOpenFileLimit();
+  ReturnLargeBuffers();
   SetTraceSink(UnderJournal() ? JournalTraceSink() : StderrTraceSink());
   SetEventSink(SystemEventSink());
   WriteDebugLine("ServiceMain");
@@ -124,6 +144,8 @@ int ServiceMain() {
 }
 
 void CmdDebugService() {
+  RaiseOpenFileLimit();
+  ReturnLargeBuffers();
   SetTraceSink(StderrTraceSink());
   SetEventSink(SystemEventSink());
   StopSignalThread stopThread([] {

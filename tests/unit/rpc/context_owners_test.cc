@@ -21,7 +21,8 @@ class ContextOwnersTest : public ::testing::Test {
     owner_.uid = 1000;
     other_ = owner_;
     other_.pid = 200;
-    owners_Add(owner_, kContext);
+    ASSERT_TRUE(owners_BeginOpen(owner_));
+    owners_EndOpen(owner_, kContext);
   }
   void TearDown() override { owners_Reset(); }
 
@@ -56,7 +57,8 @@ TEST_F(ContextOwnersTest, CloseWaitsForTheCallsUsingTheContext) {
 }
 
 // Over the Unix socket every connection of a process acts for the process, and its contexts close
-// with its last connection; without credentials, or over TCP, each connection is its own owner.
+// with its last connection; over TCP the connections of one association group share an owner, and
+// a connection bound to no group (or without credentials) is its own owner.
 TEST_F(ContextOwnersTest, AProcessOwnsItsContextsAcrossItsConnections) {
   dcerpc::PeerIdentity first;
   first.connection_id = 1;
@@ -78,6 +80,10 @@ TEST_F(ContextOwnersTest, AProcessOwnsItsContextsAcrossItsConnections) {
   EXPECT_FALSE(owners_BeginCall(OwnerOf(anonymous), kContext));
   EXPECT_FALSE(owners_BeginCall(OwnerOf(tcp), kContext));
   EXPECT_NE(OwnerOf(tcp), OwnerOf(other_tcp));
+  tcp.assoc_group_id = other_tcp.assoc_group_id = 0x10001;
+  EXPECT_EQ(OwnerOf(tcp), OwnerOf(other_tcp));
+  other_tcp.assoc_group_id = 0x10002;
+  EXPECT_NE(OwnerOf(tcp), OwnerOf(other_tcp));
 
   owners_NoteConnection(first);
   owners_NoteConnection(second);
@@ -87,6 +93,35 @@ TEST_F(ContextOwnersTest, AProcessOwnsItsContextsAcrossItsConnections) {
   owners_ConnectionClosed(second);
   EXPECT_EQ(owners_CountContexts(), 0u);
   EXPECT_EQ(owners_CountAbandonedClosed(), abandoned + 1);
+}
+
+// An owner holds at most the limit of contexts, those being opened included; a failed open and a
+// close make room again. Whether a connection's client holds contexts keeps idle connections.
+TEST_F(ContextOwnersTest, AnOwnerHoldsAtMostTheLimitOfContexts) {
+  owners_SetContextLimit(3);  // the owner holds kContext already
+  ASSERT_TRUE(owners_BeginOpen(owner_));
+  ASSERT_TRUE(owners_BeginOpen(owner_));
+  EXPECT_FALSE(owners_BeginOpen(owner_));
+  EXPECT_TRUE(owners_BeginOpen(other_));
+  owners_EndOpen(other_, 0);
+  owners_EndOpen(owner_, 0);
+  owners_EndOpen(owner_, kContext + 1);
+  ASSERT_TRUE(owners_BeginOpen(owner_));
+  owners_EndOpen(owner_, kContext + 2);
+  EXPECT_FALSE(owners_BeginOpen(owner_));
+  ASSERT_TRUE(owners_BeginClose(owner_, kContext + 1));
+  owners_EndClose(kContext + 1, /*closed=*/true);
+  ASSERT_TRUE(owners_BeginOpen(owner_));
+  owners_EndOpen(owner_, 0);
+
+  dcerpc::PeerIdentity peer;
+  peer.transport = dcerpc::Transport::kUnixStream;
+  peer.has_credentials = true;
+  peer.pid = owner_.pid;
+  peer.uid = owner_.uid;
+  EXPECT_TRUE(owners_HoldsContexts(peer));
+  peer.pid = other_.pid;
+  EXPECT_FALSE(owners_HoldsContexts(peer));
 }
 
 TEST_F(ContextOwnersTest, FailedCloseLeavesTheContextUsable) {

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -69,13 +70,15 @@ TEST(PduTest, BindWithNdrNdr64AndFeatureNegotiation) {
   InterfaceRegistry registry;
   registry[Iface()] = [](const CallInfo&, uint16_t, std::span<const uint8_t>,
                          std::vector<uint8_t>&) { return 0u; };
-  Association association(registry, {}, "135", 0x1234);
+  AssociationGroups groups;
+  RequestBudget budget(kMaxRequestStub);
+  Association association(registry, {}, "135", groups, budget);
   association.Feed(bytes);
   std::vector<uint8_t> output;
   PendingCall call;
   EXPECT_EQ(association.Next(output, call), Association::Step::kNeedMore);
   EXPECT_EQ(output, Hex(std::string("05 00 0c 03 10 00 00 00 6c 00 00 00 02 00 00 00 "
-                                    "d0 16 d0 16 34 12 00 00 04 00 31 33 35 00 00 00 "
+                                    "d0 16 d0 16 01 00 01 00 04 00 31 33 35 00 00 00 "
                                     "03 00 00 00 "
                                     "00 00 00 00 ") +
                         kNdrBytes + "02 00 02 00 " + kZeroSyntax + "03 00 02 00 " + kZeroSyntax));
@@ -84,7 +87,7 @@ TEST(PduTest, BindWithNdrNdr64AndFeatureNegotiation) {
   auto ack = ParseBindAck(*header, output);
   ASSERT_TRUE(ack);
   EXPECT_EQ(ack->secondary_address, "135");
-  EXPECT_EQ(ack->assoc_group_id, 0x1234u);
+  EXPECT_EQ(ack->assoc_group_id, 0x10001u);  // the first group this server issues
   ASSERT_EQ(ack->results.size(), 3u);
   EXPECT_EQ(ack->results[2].result, kResultNegotiateAck);
 }
@@ -167,7 +170,9 @@ TEST(PduTest, ResponsesAreFragmentedAndRequestsReassembled) {
   // The same stub as a request with an object UUID goes through the association in pieces.
   InterfaceRegistry registry;
   registry[Iface()] = nullptr;
-  Association association(registry, {}, "", 1);
+  AssociationGroups groups;
+  RequestBudget budget(kMaxRequestStub);
+  Association association(registry, {}, "", groups, budget);
   association.Feed(
       EncodeBind(PduType::kBind, 1, BindPdu{4280, 4280, 0, {{0, Iface(), {NdrSyntax()}}}}));
   PendingCall call;
@@ -192,6 +197,80 @@ TEST(PduTest, ResponsesAreFragmentedAndRequestsReassembled) {
   association.Feed(big);
   EXPECT_EQ(association.Next(output, call), Association::Step::kClose);
   EXPECT_EQ(association.Next(output, call), Association::Step::kClose);
+}
+
+// The group id a bind_ack carries.
+uint32_t BoundGroup(Association& association, uint32_t requested) {
+  association.Feed(
+      EncodeBind(PduType::kBind, 1, BindPdu{4280, 4280, requested, {{0, Iface(), {NdrSyntax()}}}}));
+  std::vector<uint8_t> output;
+  PendingCall call;
+  EXPECT_EQ(association.Next(output, call), Association::Step::kNeedMore);
+  std::optional<PduHeader> header = ParseHeader(output);
+  std::optional<BindAckPdu> ack = header ? ParseBindAck(*header, output) : std::nullopt;
+  return ack ? ack->assoc_group_id : 0;
+}
+
+// Group ids come from the server: a bind joins a live group of its own user; an id the server did
+// not issue, one of another user, or one whose connections are all gone gets a fresh group.
+TEST(PduTest, AssociationGroupsAreIssuedAndJoinedByTheServer) {
+  InterfaceRegistry registry;
+  registry[Iface()] = nullptr;
+  AssociationGroups groups;
+  RequestBudget budget(kMaxRequestStub);
+  PeerIdentity alice;
+  alice.uid = 1000;
+  PeerIdentity bob;
+  bob.uid = 1001;
+  auto first = std::make_unique<Association>(registry, alice, "", groups, budget);
+  const uint32_t group = BoundGroup(*first, 0);
+  EXPECT_NE(group, 0u);
+  EXPECT_EQ(first->peer().assoc_group_id, group);
+  Association second(registry, alice, "", groups, budget);
+  EXPECT_EQ(BoundGroup(second, group), group);
+  Association stranger(registry, bob, "", groups, budget);
+  EXPECT_NE(BoundGroup(stranger, group), group);
+  Association guess(registry, alice, "", groups, budget);
+  const uint32_t guessed = BoundGroup(guess, 0x7fff1234);
+  EXPECT_NE(guessed, 0x7fff1234u);
+  EXPECT_NE(guessed, group);
+  EXPECT_EQ(groups.live_groups(), 3u);
+  first.reset();
+  EXPECT_EQ(groups.live_groups(), 3u);  // the second connection keeps the group
+}
+
+// Request bytes are charged to the server's budget until the call is dropped; a fragment the
+// budget cannot take gets the out-of-memory fault at once and ends the association.
+TEST(PduTest, RequestsBeyondTheBudgetAreRefused) {
+  InterfaceRegistry registry;
+  registry[Iface()] = nullptr;
+  AssociationGroups groups;
+  RequestBudget budget(300 * 1024);
+  Association holder(registry, {}, "", groups, budget);
+  Association late(registry, {}, "", groups, budget);
+  std::vector<uint8_t> output;
+  PendingCall call;
+  for (Association* a : {&holder, &late}) {
+    a->Feed(EncodeBind(PduType::kBind, 1, BindPdu{4280, 4280, 0, {{0, Iface(), {NdrSyntax()}}}}));
+    ASSERT_EQ(a->Next(output, call), Association::Step::kNeedMore);
+  }
+  // 150 000 bytes of a request that never ends: the holder's buffer grows in 64 KiB steps.
+  std::vector<uint8_t> request;
+  EncodeRequestFragments(2, 0, 1, std::nullopt, std::vector<uint8_t>(300000, 7), 4280, request);
+  holder.Feed(std::span(request).first(150000));
+  EXPECT_EQ(holder.Next(output, call), Association::Step::kNeedMore);
+  EXPECT_GE(budget.used(), 150000u);
+  EXPECT_LE(budget.used(), 300u * 1024);
+  output.clear();
+  late.Feed(std::span(request).first(100000));
+  EXPECT_EQ(late.Next(output, call), Association::Step::kClose);
+  std::optional<PduHeader> header = ParseHeader(output);
+  ASSERT_TRUE(header && header->type == PduType::kFault);
+  EXPECT_EQ(ParseResponse(*header, output)->status, kNcaFaultRemoteNoMemory);
+  const size_t held = budget.used();
+  holder.Feed(std::span(request).subspan(150000));
+  EXPECT_EQ(holder.Next(output, call), Association::Step::kClose);
+  EXPECT_LT(budget.used(), held);  // the refused request gave its bytes back
 }
 
 }  // namespace

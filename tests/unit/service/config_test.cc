@@ -44,6 +44,11 @@ class ConfigTest : public ::testing::Test {
     EXPECT_EQ(config.socket, "");
     EXPECT_EQ(config.group, "tss");
     EXPECT_EQ(config.tcpPort, 0);
+    EXPECT_EQ(config.maxConnections, 4096u);
+    EXPECT_EQ(config.maxConnectionsPerUser, 1024u);
+    EXPECT_EQ(config.idleTimeout, 60u);
+    EXPECT_EQ(config.requestMemory, 32u);
+    EXPECT_EQ(config.maxContexts, 1024u);
   }
 
   std::vector<ServiceEvent> events_;
@@ -121,6 +126,26 @@ TEST_F(ConfigTest, BadValuesGiveDefaultsAndNameTheKey) {
     EXPECT_EQ(Read(std::string("[TPM]\nbackend=") + backend + "\n").backend, "auto") << backend;
   }
   EXPECT_EQ(events_.size(), 3u);
+}
+
+// The limits take decimals within their ranges; anything else keeps the default with a warning.
+TEST_F(ConfigTest, LimitsAreReadWithinTheirRanges) {
+  const TcsConfig config = Read(
+      "[RPC]\nmax_connections=10000\nmax_connections_per_user=1\nidle_timeout=0\n"
+      "request_memory=4096\nmax_contexts=1048576\n");
+  EXPECT_EQ(config.maxConnections, 10000u);
+  EXPECT_EQ(config.maxConnectionsPerUser, 1u);
+  EXPECT_EQ(config.idleTimeout, 0u);
+  EXPECT_EQ(config.requestMemory, 4096u);
+  EXPECT_EQ(config.maxContexts, 1048576u);
+  EXPECT_TRUE(events_.empty());
+
+  ExpectDefaults(
+      Read("[RPC]\nmax_connections=0\nmax_connections_per_user=1048577\nidle_timeout=86401\n"
+           "request_memory=1M\nmax_contexts=-5\n"));
+  ASSERT_EQ(events_.size(), 5u);
+  EXPECT_THAT(events_[0].strings, ::testing::ElementsAre(::testing::HasSubstr(
+                                      "[RPC] max_connections; the default \"4096\" is used")));
 }
 
 }  // namespace

@@ -180,6 +180,7 @@ TEST(SystemdUnitTest, UnitNamesTheBinaryAndTheHome) {
   EXPECT_THAT(packaged, HasSubstr("StateDirectory=kesttcs\n"));
   EXPECT_THAT(packaged, HasSubstr("RuntimeDirectory=kesttcs\n"));
   EXPECT_THAT(packaged, HasSubstr("WantedBy=multi-user.target\n"));
+  EXPECT_THAT(packaged, HasSubstr("LimitNOFILE=8192\n"));
 
   const std::string custom = host::SystemdUnitText("/opt/kest tcs/kesttcsd", "/srv/100%\"x");
   EXPECT_THAT(custom, HasSubstr("ExecStart=\"/opt/kest tcs/kesttcsd\"\n"));
