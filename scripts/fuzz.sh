@@ -6,10 +6,13 @@ cd "$(dirname "$0")/.."
 seconds="${1:-30}"
 scripts/install-deps.sh
 cmake --preset fuzz >/dev/null
-# Only the fuzz targets: the libraries they need are built with them, and nothing else (the service,
-# the client library) is meant to be built with the fuzzer's instrumentation.
+# Only the fuzz targets: the libraries they need are built with them (start-up's among them, for the
+# core fixture), and nothing else (the daemon, the client library) is meant to be built with the
+# fuzzer's instrumentation.
 mapfile -t targets < <(ninja -C build/fuzz -t targets all | sed -n 's/^\(fuzz_[a-z_0-9]*\): .*/\1/p' | sort -u)
 cmake --build --preset fuzz --target "${targets[@]}"
+# A target that brings the core up does so in a fresh home per input: keep those homes in memory.
+if [ -d /dev/shm ]; then export TMPDIR=/dev/shm; fi
 status=0
 for target in build/fuzz/tests/fuzz/fuzz_*; do
   [ -x "$target" ] || continue
