@@ -2,6 +2,9 @@
 # the libFuzzer targets with clang under ASan/UBSan and tells each target's budget, options and
 # corpus.
 
+# A target that brings the core up does so in a fresh home per input: keep those homes in memory.
+if [ -d /dev/shm ]; then export TMPDIR=/dev/shm; fi
+
 # Builds only the fuzz targets: the libraries they need are built with them, and nothing else (the
 # service, the client library) is meant to be built with the fuzzer's instrumentation.
 fuzz_build() {

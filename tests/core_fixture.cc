@@ -41,6 +41,15 @@ Bytes FuzzStream(std::span<const BYTE> input) {
   return stream;
 }
 
+// The home's tcs_cfg.ini with the settings that differ from the defaults, and always a socket of
+// the home's own, so that cores of tests running side by side do not meet at the socket's lock.
+void WriteConfiguration(const std::string& home, const CoreOptions& options) {
+  std::ofstream config(home + "/tcs_cfg.ini");
+  config << "[RPC]\nsocket=" << home << "/KestTCS\n";
+  if (options.needLog) config << "[LOG]\nneedLog=1\n";
+  if (!options.backendConfig.empty()) config << "[TPM]\nbackend=" << options.backendConfig << "\n";
+}
+
 }  // namespace
 
 std::vector<Bytes> StartupAnswers() {
@@ -62,13 +71,9 @@ TestCore::TestCore(CoreOptions options) {
     std::lock_guard<std::mutex> lock(mu_);
     traces_.emplace_back(line);
   });
-  std::ofstream config(home() + "/tcs_cfg.ini");
-  config << "[LOG]\nneedLog=" << (options.needLog ? 1 : 0) << "\n";
-  // A socket of its own, so that cores of tests running side by side do not meet at its lock.
-  config << "[RPC]\nsocket=" << home() << "/KestTCS\n";
-  if (!options.backendConfig.empty()) {
-    config << "[TPM]\nbackend=" << options.backendConfig << "\n";
-  } else if (options.fuzzInput) {
+  WriteConfiguration(home(), options);
+  if (!options.backendConfig.empty()) return;  // start-up binds the backend the file names
+  if (options.fuzzInput) {
     fuzzStream_ = FuzzStream(*options.fuzzInput);
     backend_ = std::make_unique<FuzzTpmBackend>(fuzzStream_);
   } else {
