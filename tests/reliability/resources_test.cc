@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -159,7 +160,10 @@ TEST(ResourcesTest, ContextsPastTheLimitAreRefusedAndClosingTheRestStallsNobody)
   stop = true;
   probe.join();
   RecordProperty("longest_probe_us", std::to_string(longest_us.load()));
-  EXPECT_LT(longest_us.load(), 20000);
+  std::printf("longest probe while the hog's contexts closed: %ld us\n", longest_us.load());
+  // A quiet machine measures a few milliseconds; a loaded CI machine can schedule the probe late
+  // now and then, so the bound only catches the half-second stall of a scan per context.
+  EXPECT_LT(longest_us.load(), 250000);
 }
 
 }  // namespace
