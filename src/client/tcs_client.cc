@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/mutex.h"
+#include "client/connection.h"
 #include "client/proxy.h"
 #include "rpc/dcerpc/client.h"
 #include "rpc/dcerpc/server.h"
@@ -18,8 +19,14 @@
 namespace kesttcs::client {
 namespace {
 
-// Opens and binds a connection to `endpoint`; the RPC status of the attempt.
 uint32_t Open(dcerpc::Client& client, const char* endpoint) {
+  return OpenConnection(client, endpoint, rpc::TcsInterfaceSyntax());
+}
+
+}  // namespace
+
+uint32_t OpenConnection(dcerpc::Client& client, const char* endpoint,
+                        const dcerpc::SyntaxId& syntax) {
   std::string where;
   if (endpoint != nullptr && *endpoint != '\0') {
     where = endpoint;
@@ -48,8 +55,10 @@ uint32_t Open(dcerpc::Client& client, const char* endpoint) {
     if (!where.empty()) status = client.ConnectUnix(where);
   }
   if (status != dcerpc::kRpcOk) return status;
-  return client.Bind(rpc::TcsInterfaceSyntax());
+  return client.Bind(syntax);
 }
+
+namespace {
 
 struct Shared {
   Mutex mu;
@@ -168,6 +177,14 @@ void* AllocateOutput(TCS_CONTEXT_HANDLE hContext, rpc::Kind kind, const rpc::Val
   s.buffers[block] = hContext;
   return block;
 }
+
+std::string ProcessEndpoint() {
+  Shared& s = S();
+  MutexLock lock(s.mu);
+  return s.endpoint;
+}
+
+void SetLastRpcStatus(uint32_t status) { t_last_status = status; }
 
 }  // namespace kesttcs::client
 

@@ -16,6 +16,8 @@
 #include "rpc/internal_calls.h"
 #include "rpc/operations.h"
 #include "rpc/rpc_dispatch.h"
+#include "rpc/service_state.h"
+#include "rpc/service_state_wire.h"
 #include "rpc/stubs.h"
 #include "tpm/tpm_turns.h"
 
@@ -142,7 +144,11 @@ UINT32 RpcServerRegisterIf() {
   MutexLock lock(s.mu);
   if (s.server) return EALREADY;
   auto server = std::make_unique<dcerpc::Server>();
-  if (!server->RegisterInterface(rpc::TcsInterfaceSyntax(), DispatchTcsCall)) return EINVAL;
+  if (!server->RegisterInterface(rpc::TcsInterfaceSyntax(), DispatchTcsCall) ||
+      !server->RegisterInterface(rpc::ServiceStateInterfaceSyntax(),
+                                 rpc::DispatchServiceStateCall)) {
+    return EINVAL;
+  }
   server->SetConnectionClosedCallback(owners_ConnectionClosed);
   // An idle connection of a client that holds contexts stays: closing it would close them.
   server->SetHoldsStateCallback(owners_HoldsContexts);

@@ -27,7 +27,7 @@ struct RpcEndpointConfig {
 
 // Remembers where to listen and checks that the endpoint can be created.
 [[nodiscard]] UINT32 RpcServerUseProtseqEp(const RpcEndpointConfig& config);
-// Registers the TCS interface (all 126 operations) with the server.
+// Registers the TCS interface (all 126 operations) and the service-state interface with the server.
 [[nodiscard]] UINT32 RpcServerRegisterIf();
 // Opens the listeners and starts serving up to maxCalls calls at once; returns at once.
 [[nodiscard]] UINT32 RpcServerListen(unsigned maxCalls);

@@ -34,12 +34,16 @@ int Output::Unreachable(const std::string& endpoint, const std::string& reason) 
 }
 
 int Output::TcsError(const Failure& failure) {
+  if (!failure.explanation.empty()) {
+    std::fprintf(stderr, "kesttcs-cli: %s\n", failure.explanation.c_str());
+  }
   std::fprintf(stderr, "kesttcs-cli: %s failed: %s (%s)\n", failure.operation.c_str(),
                CodeText(failure.code).c_str(), ResultName(failure.code));
   if (json_) {
     ordered_json error = {{"error", failure.operation + " failed"},
                           {"code", CodeText(failure.code)},
                           {"name", ResultName(failure.code)}};
+    if (!failure.explanation.empty()) error["message"] = failure.explanation;
     std::printf("%s\n", error.dump(2).c_str());
   }
   return kExitFailure;

@@ -22,6 +22,8 @@ std::string CodeText(TSS_RESULT code);
 struct Failure {
   std::string operation;
   TSS_RESULT code;
+  // What it means for the user, when the code alone would not tell; shown before the code.
+  std::string explanation{};
 };
 
 class Output {

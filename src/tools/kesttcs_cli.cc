@@ -1,5 +1,5 @@
 // kesttcs-cli: status and facts of the TPM behind KestTCS, capabilities, random bytes, PCR read and
-// extend, registered keys, over the client library. Human output by default, one JSON object with
+// extend, registered keys, ownership and the service's sessions, over the client library. Human output by default, one JSON object with
 // --json. Exit status in tools/cli_output.h.
 #include <cstdio>
 #include <functional>
@@ -16,6 +16,7 @@
 #include "tools/cli_format.h"
 #include "tools/cli_output.h"
 #include "tools/keys_commands.h"
+#include "tools/owner_commands.h"
 #include "tools/tcs_connection.h"
 
 namespace kesttcs::cli {
@@ -33,13 +34,9 @@ std::vector<BYTE> SubCap(UINT32 value) {
 
 // One TPM property as a number.
 std::optional<Failure> TpmProperty(TcsConnection& tcs, UINT32 property, UINT32* value) {
-  std::vector<BYTE> answer;
-  if (TSS_RESULT r = tcs.TpmCapability(TPM_CAP_PROPERTY, SubCap(property), &answer); r != 0) {
+  if (TSS_RESULT r = tcs.TpmProperty(property, value); r != 0) {
     return Failure{"Tcsip_GetCapability", r};
   }
-  std::optional<UINT32> number = BigEndianNumber(answer);
-  if (!number) return Failure{"Tcsip_GetCapability", TCS_E_BAD_PARAMETER};
-  *value = *number;
   return std::nullopt;
 }
 
@@ -211,6 +208,7 @@ int Main(int argc, char** argv) {
   pcrExtend->add_option("HEX", extendDigest, "Digest, 40 hex digits")->required();
   for (CLI::App* sub : {status, caps, random, pcrRead, pcrExtend}) sub->fallthrough();
   KeysCommand keys(app);
+  OwnerCommands owner(app);
 
   try {
     app.parse(argc, argv);
@@ -240,6 +238,7 @@ int Main(int argc, char** argv) {
     if (std::optional<int> status = keys.CheckArguments(out)) return *status;
     if (keys.needsNoService()) return keys.Check(out);
   }
+  if (std::optional<int> status = owner.CheckArguments(out)) return *status;
 
   std::string reason;
   TSS_RESULT openResult = 0;
@@ -256,6 +255,7 @@ int Main(int argc, char** argv) {
   if (pcrRead->parsed()) failure = PcrRead(*tcs, index, out);
   if (pcrExtend->parsed()) failure = PcrExtend(*tcs, *index, *digest, out);
   if (keys.parsed()) failure = keys.Run(*tcs, out);
+  if (owner.parsed()) failure = owner.Run(*tcs, out);
   if (failure) return out.TcsError(*failure);
   return out.Finish();
 }

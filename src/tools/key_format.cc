@@ -102,4 +102,24 @@ std::string AuthDataUsageName(BYTE authDataUsage) {
   }
 }
 
+std::optional<std::span<const BYTE>> KeyModulus(std::span<const BYTE> keyBlob) {
+  // Both key layouts put 11 bytes before the algorithm parameters.
+  size_t at = 11;
+  auto size32 = [&](std::optional<size_t>& out) {
+    if (keyBlob.size() < 4 || at > keyBlob.size() - 4) return false;
+    out = size_t{keyBlob[at]} << 24 | size_t{keyBlob[at + 1]} << 16 |
+          size_t{keyBlob[at + 2]} << 8 | keyBlob[at + 3];
+    at += 4;
+    return *out <= keyBlob.size() - at;
+  };
+  std::optional<size_t> parmSize, pcrInfoSize, keyLength;
+  at += 8;  // algorithm, encryption scheme, signature scheme
+  if (!size32(parmSize)) return std::nullopt;
+  at += *parmSize;
+  if (!size32(pcrInfoSize)) return std::nullopt;
+  at += *pcrInfoSize;
+  if (!size32(keyLength)) return std::nullopt;
+  return keyBlob.subspan(at, *keyLength);
+}
+
 }  // namespace kesttcs::cli

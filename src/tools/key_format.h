@@ -27,6 +27,10 @@ std::optional<TSS_UUID> ParseUuid(const std::string& text);
 // blob is too short.
 std::string KeyUsageName(std::span<const BYTE> keyBlob);
 
+// The public modulus of a TPM_KEY or TPM_KEY12 blob (the pubKey's bytes), or nothing when the blob
+// is too short for the sizes it states.
+std::optional<std::span<const BYTE>> KeyModulus(std::span<const BYTE> keyBlob);
+
 // authDataUsage by name: "never", "always", "private-use-only", else its hex value.
 std::string AuthDataUsageName(BYTE authDataUsage);
 

@@ -9,7 +9,12 @@
 #include <cstdio>
 #include <cstring>
 
+#include <kesttcs/tcs_auth.h>
+#include <kesttcs/tcs_capabilities.h>
 #include <kesttcs/tcs_client.h>
+#include <kesttcs/tcs_results.h>
+
+#include "tools/cli_format.h"
 
 namespace kesttcs::cli {
 namespace {
@@ -96,6 +101,18 @@ TSS_RESULT TcsConnection::TpmCapability(UINT32 area, const std::vector<BYTE>& su
   return Capability(Tcsip_GetCapability, hContext_, area, subCap, answer);
 }
 
+TSS_RESULT TcsConnection::TpmProperty(UINT32 property, UINT32* value) {
+  const std::vector<BYTE> subCap = {static_cast<BYTE>(property >> 24),
+                                    static_cast<BYTE>(property >> 16),
+                                    static_cast<BYTE>(property >> 8), static_cast<BYTE>(property)};
+  std::vector<BYTE> answer;
+  if (TSS_RESULT r = TpmCapability(TPM_CAP_PROPERTY, subCap, &answer); r != 0) return r;
+  std::optional<UINT32> number = BigEndianNumber(answer);
+  if (!number) return TCS_E_BAD_PARAMETER;
+  *value = *number;
+  return TSS_SUCCESS;
+}
+
 TSS_RESULT TcsConnection::Random(UINT32 count, std::vector<BYTE>* bytes) {
   UINT32 size = count;
   BYTE* buffer = nullptr;
@@ -137,6 +154,35 @@ TSS_RESULT TcsConnection::RegisterKey(const TSS_UUID& parent, const TSS_UUID& uu
 
 TSS_RESULT TcsConnection::UnregisterKey(const TSS_UUID& uuid) {
   return Tcsip_UnregisterKey(hContext_, uuid);
+}
+
+TSS_RESULT TcsConnection::ReadPubek(std::vector<BYTE>* pubkey) {
+  TPM_NONCE antiReplay{};
+  UINT32 size = 0;
+  BYTE* buffer = nullptr;
+  TPM_DIGEST checksum{};
+  const TSS_RESULT r = Tcsip_ReadPubek(hContext_, antiReplay, &size, &buffer, &checksum);
+  TakeBuffer(buffer, size, pubkey);
+  return r;
+}
+
+TSS_RESULT TcsConnection::TakeOwnership(const std::vector<BYTE>& encOwnerAuth,
+                                        const std::vector<BYTE>& encSrkAuth,
+                                        const std::vector<BYTE>& srkParams, TPM_AUTH* ownerAuth,
+                                        std::vector<BYTE>* srk) {
+  UINT32 size = 0;
+  BYTE* buffer = nullptr;
+  const TSS_RESULT r = Tcsip_TakeOwnership(
+      hContext_, KESTTCS_PID_OWNER, static_cast<UINT32>(encOwnerAuth.size()),
+      const_cast<BYTE*>(encOwnerAuth.data()), static_cast<UINT32>(encSrkAuth.size()),
+      const_cast<BYTE*>(encSrkAuth.data()), static_cast<UINT32>(srkParams.size()),
+      const_cast<BYTE*>(srkParams.data()), ownerAuth, &size, &buffer);
+  TakeBuffer(buffer, size, srk);
+  return r;
+}
+
+TSS_RESULT TcsConnection::OwnerClear(TPM_AUTH* ownerAuth) {
+  return Tcsip_OwnerClear(hContext_, ownerAuth);
 }
 
 }  // namespace kesttcs::cli

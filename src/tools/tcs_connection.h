@@ -31,6 +31,9 @@ class TcsConnection {
                                          std::vector<BYTE>* answer);
   [[nodiscard]] TSS_RESULT TpmCapability(UINT32 area, const std::vector<BYTE>& subCap,
                                          std::vector<BYTE>* answer);
+  // One TPM property (TPM_CAP_PROPERTY) as a number; TCS_E_BAD_PARAMETER when the answer is not
+  // one.
+  [[nodiscard]] TSS_RESULT TpmProperty(UINT32 property, UINT32* value);
   // Tcsip_GetRandom: *bytes gets what the TPM gave (possibly fewer than asked).
   [[nodiscard]] TSS_RESULT Random(UINT32 count, std::vector<BYTE>* bytes);
   // Tcsip_PcrRead and Tcsip_Extend.
@@ -44,6 +47,18 @@ class TcsConnection {
   [[nodiscard]] TSS_RESULT RegisterKey(const TSS_UUID& parent, const TSS_UUID& uuid,
                                        const std::vector<BYTE>& blob);
   [[nodiscard]] TSS_RESULT UnregisterKey(const TSS_UUID& uuid);
+  // Tcsip_ReadPubek: the endorsement key's TPM_PUBKEY.
+  [[nodiscard]] TSS_RESULT ReadPubek(std::vector<BYTE>* pubkey);
+  // Tcsip_TakeOwnership with the owner protocol; *srk gets the new SRK's TPM_KEY.
+  [[nodiscard]] TSS_RESULT TakeOwnership(const std::vector<BYTE>& encOwnerAuth,
+                                         const std::vector<BYTE>& encSrkAuth,
+                                         const std::vector<BYTE>& srkParams, TPM_AUTH* ownerAuth,
+                                         std::vector<BYTE>* srk);
+  // Tcsip_OwnerClear.
+  [[nodiscard]] TSS_RESULT OwnerClear(TPM_AUTH* ownerAuth);
+
+  // The open context, for the authorisation helper's sessions.
+  TCS_CONTEXT_HANDLE context() const { return hContext_; }
 
  private:
   explicit TcsConnection(TCS_CONTEXT_HANDLE hContext) : hContext_(hContext) {}

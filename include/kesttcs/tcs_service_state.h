@@ -1,0 +1,45 @@
+/* What the service holds, for administrators' tools: read through a second RPC interface on the
+ * service's endpoint ("service state", opened and closed per call; it opens no context and sends
+ * nothing to the TPM). Whoever may reach the endpoint may read it; it shows context and session
+ * handles, which are of no use to anyone but their owner, never secrets.
+ *
+ * Results: 0; TCS_E_BAD_PARAMETER (0xE0282003) for a null argument; TCS_E_COMM_FAILURE
+ * (0xE0282011) when the service cannot be reached or does not offer the interface
+ * (Tcs_LastRpcStatus tells why). */
+#ifndef KESTTCS_TCS_SERVICE_STATE_H
+#define KESTTCS_TCS_SERVICE_STATE_H
+
+#include <kesttcs/tcs_types.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#ifndef KESTTCS_CLIENT_API
+#define KESTTCS_CLIENT_API __attribute__((visibility("default")))
+#endif
+
+/* The service's session table holds at most this many sessions. */
+#define KESTTCS_SESSION_TABLE_SIZE 16u
+
+/* One authorisation session the service opened for a client context. */
+typedef struct tdKESTTCS_SESSION_INFO {
+  TCS_CONTEXT_HANDLE hContext;
+  TCS_AUTHHANDLE authHandle;
+} KESTTCS_SESSION_INFO;
+
+typedef struct tdKESTTCS_SESSION_TABLE {
+  UINT32 maxSessions; /* sessions the TPM holds at once */
+  UINT32 count;       /* entries of `sessions` in use, in table order */
+  KESTTCS_SESSION_INFO sessions[KESTTCS_SESSION_TABLE_SIZE];
+} KESTTCS_SESSION_TABLE;
+
+/* Reads the session table from the service at the client library's endpoint (as Tcs_Connect
+ * chose it, else $KESTTCS_ENDPOINT, else the default socket). */
+KESTTCS_CLIENT_API TSS_RESULT KestTcs_GetSessionTable(KESTTCS_SESSION_TABLE* table);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KESTTCS_TCS_SERVICE_STATE_H */

@@ -1,0 +1,30 @@
+// The wire form of the service-state interface: a second DCE/RPC interface on the service's
+// endpoints through which administrators' tools read what the service holds. The server's handler
+// (rpc/service_state.h) and the client library's reader both use what is written here.
+//
+// Opnum 0, the session table: no input; output maxSessions (UINT32), count (UINT32), then all 16
+// entries as (hContext, authHandle) pairs of UINT32, those in use first in table order and the
+// rest zero, then the result (TSS_RESULT).
+#pragma once
+
+#include <cstdint>
+
+#include <kesttcs/tcs_service_state.h>
+
+#include "rpc/dcerpc/association.h"
+#include "rpc/dcerpc/ndr.h"
+
+namespace kesttcs::rpc {
+
+inline constexpr uint16_t kGetSessionTableOpnum = 0;
+
+dcerpc::SyntaxId ServiceStateInterfaceSyntax();
+
+// The session table and the result as they cross the wire. The reader fails on a count above the
+// table's size.
+void WriteSessionTable(const KESTTCS_SESSION_TABLE& table, TSS_RESULT result,
+                       dcerpc::NdrWriter& writer);
+[[nodiscard]] bool ReadSessionTable(dcerpc::NdrReader& reader, KESTTCS_SESSION_TABLE* table,
+                                    TSS_RESULT* result);
+
+}  // namespace kesttcs::rpc
