@@ -82,12 +82,13 @@ inline std::string OwnedTpmState() {
 
 class KesttcsdProcess {
  public:
-  // Writes `home`'s tcs_cfg.ini (embedded TPM, the socket in the home); with `owned` the TPM
-  // starts from OwnedTpmState().
-  KesttcsdProcess(const fs::path& home, bool owned) : home_(home) {
+  // Writes `home`'s tcs_cfg.ini (the TPM `backend`, by default the embedded one; the socket in the
+  // home); with `owned` the embedded TPM starts from OwnedTpmState().
+  KesttcsdProcess(const fs::path& home, bool owned, const std::string& backend = "libtpms")
+      : home_(home) {
     fs::create_directories(home / "tpm");
-    std::ofstream(home / "tcs_cfg.ini")
-        << "[LOG]\nneedLog=0\n[TPM]\nbackend=libtpms\n[RPC]\nsocket=" << socket() << "\n";
+    std::ofstream(home / "tcs_cfg.ini") << "[LOG]\nneedLog=0\n[TPM]\nbackend=" << backend
+                                        << "\n[RPC]\nsocket=" << socket() << "\n";
     if (owned) fs::copy_file(OwnedTpmState(), home / "tpm" / "00.permall");
   }
   ~KesttcsdProcess() { Kill(); }
