@@ -13,6 +13,7 @@
 
 #include "commands/capability.h"
 #include "commands/tcsip_keyless.h"
+#include "commands/tcsip_sessions.h"
 #include "commands/tpm_metrics.h"
 #include "commands/vendor_commands.h"
 #include "contexts/context_memory.h"
@@ -82,6 +83,13 @@ class CommandsTest : public ::testing::Test {
   Bytes LastSent() {
     std::vector<Bytes> all = Sent();
     return all.empty() ? Bytes() : all.back();
+  }
+  // Opens an OIAP session of ctx_ that the TPM numbers `handle`.
+  void OpenSession(TCS_AUTHHANDLE handle) {
+    tpm_->Respond(TPM_SUCCESS, Cat({U32(handle), Fill(20, 0x0E)}));
+    TCS_AUTHHANDLE opened = 0;
+    TPM_NONCE nonceEven;
+    ASSERT_EQ(Tcsip_OIAP_Internal(ctx_, &opened, &nonceEven), TSS_SUCCESS);
   }
 
   testing::TestCore core_;
@@ -543,6 +551,7 @@ TEST_F(CommandsTest, VendorCommandsCarrySelectorLengthAndData) {
   EXPECT_EQ(LastSent(), Plain(0x20000001, Cat({{7}, U32(3), data})));
 
   // Vendor command 2: the trailer goes out, the TPM's comes back into the record.
+  OpenSession(0x02000001);
   TPM_AUTH auth{};
   auth.AuthHandle = 0x02000001;
   std::memset(auth.NonceOdd.nonce, 0x0D, 20);
@@ -596,12 +605,21 @@ TEST_F(CommandsTest, VendorSequenceHoldsTheTpmForVendorTraffic) {
   EXPECT_EQ(vendor_seq_end(ctx_, 1, 0, nullptr), TCS_E_FEATURE_NOT_ENABLED);
   EXPECT_TRUE(Sent().empty());
 
-  // A refused opening leaves the mode off.
+  // Only a session of the context's own may open it.
+  EXPECT_EQ(vendor_seq_open(ctx_, 1, 0, nullptr, &auth), TCS_E_INTERNAL_ERROR);
+  EXPECT_FALSE(VendorExclusiveMode());
+  EXPECT_TRUE(Sent().empty());
+
+  // A refused opening leaves the mode off and ends the session.
+  OpenSession(0x02000002);
   tpm_->Respond(TPM_AUTHFAIL);
+  tpm_->Respond(TPM_SUCCESS);  // the session's flush
   EXPECT_EQ(vendor_seq_open(ctx_, 1, 0, nullptr, &auth), TpmResult(TPM_AUTHFAIL));
+  EXPECT_EQ(LastSent(), Plain(TPM_ORD_FlushSpecific, Cat({U32(0x02000002), U32(TPM_RT_AUTH)})));
   EXPECT_FALSE(VendorExclusiveMode());
 
   // Open: only the vendor sequence passes until it ends.
+  OpenSession(0x02000002);
   tpm_->Respond(TPM_SUCCESS, Fill(41, 0));
   ASSERT_EQ(vendor_seq_open(ctx_, 1, 0, nullptr, &auth), TSS_SUCCESS);
   EXPECT_EQ(LastSent(), Request(TPM_TAG_RQU_AUTH1_COMMAND, 0x20008000,
