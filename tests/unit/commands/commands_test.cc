@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "command_bytes.h"
 #include "commands/capability.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tcsip_sessions.h"
@@ -30,40 +31,11 @@ namespace {
 
 using ::testing::Each;
 using ::testing::ElementsAre;
-using Bytes = std::vector<BYTE>;
+using namespace command_bytes;  // NOLINT: the test's vocabulary
 
-Bytes U32(UINT32 v) {
-  return {static_cast<BYTE>(v >> 24), static_cast<BYTE>(v >> 16), static_cast<BYTE>(v >> 8),
-          static_cast<BYTE>(v)};
-}
-Bytes U16(UINT16 v) { return {static_cast<BYTE>(v >> 8), static_cast<BYTE>(v)}; }
-Bytes Cat(std::initializer_list<Bytes> parts) {
-  Bytes all;
-  for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
-  return all;
-}
-Bytes Fill(size_t n, BYTE b) { return Bytes(n, b); }
-// A request: tag, paramSize, ordinal, then the parameters.
-Bytes Request(UINT16 tag, UINT32 ordinal, const Bytes& params = {}) {
-  return Cat({U16(tag), U32(static_cast<UINT32>(10 + params.size())), U32(ordinal), params});
-}
-Bytes Plain(UINT32 ordinal, const Bytes& params = {}) {
-  return Request(TPM_TAG_RQU_COMMAND, ordinal, params);
-}
 // A capability answer: its size, then the bytes.
 Bytes Answer(const Bytes& bytes) { return Cat({U32(static_cast<UINT32>(bytes.size())), bytes}); }
-Bytes ToBytes(const BYTE* p, UINT32 n) { return p == nullptr ? Bytes() : Bytes(p, p + n); }
 Bytes DigestBytes(const TPM_DIGEST& d) { return Bytes(d.digest, d.digest + 20); }
-TPM_DIGEST Digest(BYTE b) {
-  TPM_DIGEST d;
-  std::memset(d.digest, b, sizeof d.digest);
-  return d;
-}
-TPM_NONCE Nonce(BYTE b) {
-  TPM_NONCE n;
-  std::memset(n.nonce, b, sizeof n.nonce);
-  return n;
-}
 // A small TPM_PUBKEY: RSA parameters (12 bytes) and an 8-byte modulus.
 const Bytes kPubkey =
     Cat({U32(1), U16(3), U16(1), U32(12), U32(512), U32(2), U32(0), U32(8), Fill(8, 0xEE)});
