@@ -60,6 +60,17 @@ TSS_RESULT KeySlot(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE keyHandle, TPM_KE
   return TSS_SUCCESS;
 }
 
+// What OSAP and DSAP check before their entity: the output pointers, the table's consent (its
+// refusal, like the swap-out hook's result, does not stop them) and the context.
+TSS_RESULT PrepareSharedSession(TCS_CONTEXT_HANDLE hContext, const void* authHandle,
+                                const void* nonceEven, const void* nonceEvenShared) {
+  if (authHandle == nullptr || nonceEven == nullptr || nonceEvenShared == nullptr) {
+    return TCS_E_BAD_PARAMETER;
+  }
+  static_cast<void>(MakeRoomFor(hContext, nullptr));
+  return ctx_ValidateContext(hContext);
+}
+
 // Sends an OSAP or DSAP command with `fields`, reads the session and its two even nonces, and
 // records the session.
 template <class... Fields>
@@ -100,11 +111,9 @@ TSS_RESULT Tcsip_OSAP_Internal(TCS_CONTEXT_HANDLE hContext, TPM_ENTITY_TYPE enti
                                UINT32 entityValue, const TPM_NONCE& nonceOddOSAP,
                                TCS_AUTHHANDLE* authHandle, TPM_NONCE* nonceEven,
                                TPM_NONCE* nonceEvenOSAP) {
-  if (authHandle == nullptr || nonceEven == nullptr || nonceEvenOSAP == nullptr) {
-    return TCS_E_BAD_PARAMETER;
+  if (TSS_RESULT rc = PrepareSharedSession(hContext, authHandle, nonceEven, nonceEvenOSAP)) {
+    return rc;
   }
-  static_cast<void>(MakeRoomFor(hContext, nullptr));
-  if (TSS_RESULT rc = ctx_ValidateContext(hContext)) return rc;
   TPM_KEY_HANDLE sentValue = 0;
   if (entityType == TPM_ET_KEYHANDLE || entityType == TPM_ET_KEY) {
     if (TSS_RESULT rc = KeySlot(hContext, entityValue, &sentValue)) return rc;
@@ -118,11 +127,9 @@ TSS_RESULT Tcsip_DSAP_Internal(TCS_CONTEXT_HANDLE hContext, TPM_ENTITY_TYPE enti
                                UINT32 entityValueSize, const BYTE* entityValue,
                                TCS_AUTHHANDLE* authHandle, TPM_NONCE* nonceEven,
                                TPM_NONCE* nonceEvenDSAP) {
-  if (authHandle == nullptr || nonceEven == nullptr || nonceEvenDSAP == nullptr) {
-    return TCS_E_BAD_PARAMETER;
+  if (TSS_RESULT rc = PrepareSharedSession(hContext, authHandle, nonceEven, nonceEvenDSAP)) {
+    return rc;
   }
-  static_cast<void>(MakeRoomFor(hContext, nullptr));
-  if (TSS_RESULT rc = ctx_ValidateContext(hContext)) return rc;
   if (entityType != TPM_ET_DEL_OWNER_BLOB && entityType != TPM_ET_DEL_ROW &&
       entityType != TPM_ET_DEL_KEY_BLOB) {
     return TCS_E_BAD_PARAMETER;
