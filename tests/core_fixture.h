@@ -29,6 +29,9 @@ namespace kesttcs::testing {
 // figures).
 std::vector<std::vector<BYTE>> StartupAnswers();
 
+// StartupAnswers() with the TPM holding `authSessions` authorisation sessions at once.
+std::vector<std::vector<BYTE>> StartupAnswers(UINT32 authSessions);
+
 // What the core runs against; CoreOptions() is the scripted fake without logging.
 struct CoreOptions {
   // The [TPM] backend setting written to the home's tcs_cfg.ini: "libtpms" is the embedded TPM
@@ -48,10 +51,16 @@ struct CoreOptions {
     needLog = true;
     return *this;
   }
+  // The scripted fake reports `count` authorisation sessions instead of 16.
+  CoreOptions& AuthSessions(UINT32 count) {
+    authSessions = count;
+    return *this;
+  }
 
   std::string backendConfig;
   std::optional<std::span<const BYTE>> fuzzInput;
   bool needLog = false;
+  UINT32 authSessions = 16;
 };
 
 class TestCore {
