@@ -8,22 +8,8 @@
 #include <openssl/rand.h>
 
 namespace kesttcs::client {
-namespace {
-
-struct MdCtxFree {
-  void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
-};
-struct MacFree {
-  void operator()(EVP_MAC* mac) const { EVP_MAC_free(mac); }
-};
-struct MacCtxFree {
-  void operator()(EVP_MAC_CTX* ctx) const { EVP_MAC_CTX_free(ctx); }
-};
-
-}  // namespace
-
 bool Sha1(std::initializer_list<Bytes> parts, Digest out) {
-  std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
+  std::unique_ptr<EVP_MD_CTX, Freer<EVP_MD_CTX_free>> ctx(EVP_MD_CTX_new());
   if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha1(), nullptr) != 1) return false;
   for (Bytes part : parts) {
     if (!part.empty() && EVP_DigestUpdate(ctx.get(), part.data(), part.size()) != 1) return false;
@@ -33,9 +19,9 @@ bool Sha1(std::initializer_list<Bytes> parts, Digest out) {
 }
 
 bool HmacSha1(Bytes key, std::initializer_list<Bytes> parts, Digest out) {
-  std::unique_ptr<EVP_MAC, MacFree> mac(EVP_MAC_fetch(nullptr, "HMAC", nullptr));
+  std::unique_ptr<EVP_MAC, Freer<EVP_MAC_free>> mac(EVP_MAC_fetch(nullptr, "HMAC", nullptr));
   if (!mac) return false;
-  std::unique_ptr<EVP_MAC_CTX, MacCtxFree> ctx(EVP_MAC_CTX_new(mac.get()));
+  std::unique_ptr<EVP_MAC_CTX, Freer<EVP_MAC_CTX_free>> ctx(EVP_MAC_CTX_new(mac.get()));
   char digestName[] = "SHA1";
   const OSSL_PARAM params[] = {
       OSSL_PARAM_construct_utf8_string("digest", digestName, 0),

@@ -34,6 +34,16 @@ bool SameBytes(Bytes a, Bytes b);
 // Overwrites `bytes` with zeros in a way the compiler keeps (for secrets going out of use).
 void Wipe(std::span<BYTE> bytes);
 
+// Frees a libcrypto object with its own function, for std::unique_ptr:
+// std::unique_ptr<EVP_PKEY, Freer<EVP_PKEY_free>>.
+template <auto kFree>
+struct Freer {
+  template <typename T>
+  void operator()(T* object) const {
+    kFree(object);
+  }
+};
+
 // The bytes of a fixed 20-byte TPM value (nonce, secret, digest).
 template <typename T>
 std::span<BYTE, kDigestSize> BytesOf(T& value) {

@@ -14,24 +14,9 @@
 namespace kesttcs::client {
 namespace {
 
-struct BnFree {
-  void operator()(BIGNUM* bn) const { BN_free(bn); }
-};
-struct ParamBldFree {
-  void operator()(OSSL_PARAM_BLD* bld) const { OSSL_PARAM_BLD_free(bld); }
-};
-struct ParamFree {
-  void operator()(OSSL_PARAM* params) const { OSSL_PARAM_free(params); }
-};
-struct PkeyCtxFree {
-  void operator()(EVP_PKEY_CTX* ctx) const { EVP_PKEY_CTX_free(ctx); }
-};
-struct PkeyFree {
-  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-using UniqueBn = std::unique_ptr<BIGNUM, BnFree>;
-using UniquePkey = std::unique_ptr<EVP_PKEY, PkeyFree>;
-using UniquePkeyCtx = std::unique_ptr<EVP_PKEY_CTX, PkeyCtxFree>;
+using UniqueBn = std::unique_ptr<BIGNUM, Freer<BN_free>>;
+using UniquePkey = std::unique_ptr<EVP_PKEY, Freer<EVP_PKEY_free>>;
+using UniquePkeyCtx = std::unique_ptr<EVP_PKEY_CTX, Freer<EVP_PKEY_CTX_free>>;
 
 constexpr std::array<BYTE, 3> kDefaultExponent = {0x01, 0x00, 0x01};  // 65537
 
@@ -68,13 +53,13 @@ UniquePkey PublicKey(const RsaPublicKey& key) {
   const Bytes exponent = key.exponent.empty() ? Bytes(kDefaultExponent) : key.exponent;
   UniqueBn n(BN_bin2bn(key.modulus.data(), static_cast<int>(key.modulus.size()), nullptr));
   UniqueBn e(BN_bin2bn(exponent.data(), static_cast<int>(exponent.size()), nullptr));
-  std::unique_ptr<OSSL_PARAM_BLD, ParamBldFree> build(OSSL_PARAM_BLD_new());
+  std::unique_ptr<OSSL_PARAM_BLD, Freer<OSSL_PARAM_BLD_free>> build(OSSL_PARAM_BLD_new());
   if (!n || !e || !build ||
       OSSL_PARAM_BLD_push_BN(build.get(), OSSL_PKEY_PARAM_RSA_N, n.get()) != 1 ||
       OSSL_PARAM_BLD_push_BN(build.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) != 1) {
     return nullptr;
   }
-  std::unique_ptr<OSSL_PARAM, ParamFree> params(OSSL_PARAM_BLD_to_param(build.get()));
+  std::unique_ptr<OSSL_PARAM, Freer<OSSL_PARAM_free>> params(OSSL_PARAM_BLD_to_param(build.get()));
   UniquePkeyCtx ctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
   EVP_PKEY* made = nullptr;
   if (!params || !ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||

@@ -241,14 +241,8 @@ TEST(AuthHelperTest, SeededOaepEncryptionMatchesThePublishedVector) {
             TSS_SUCCESS);
 }
 
-struct PkeyFree {
-  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-struct PkeyCtxFree {
-  void operator()(EVP_PKEY_CTX* ctx) const { EVP_PKEY_CTX_free(ctx); }
-};
-using UniquePkey = std::unique_ptr<EVP_PKEY, PkeyFree>;
-using UniquePkeyCtx = std::unique_ptr<EVP_PKEY_CTX, PkeyCtxFree>;
+using UniquePkey = std::unique_ptr<EVP_PKEY, client::Freer<EVP_PKEY_free>>;
+using UniquePkeyCtx = std::unique_ptr<EVP_PKEY_CTX, client::Freer<EVP_PKEY_CTX_free>>;
 
 UniquePkey MakeRsaKey(unsigned bits) { return UniquePkey(EVP_RSA_gen(bits)); }
 
