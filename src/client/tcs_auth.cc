@@ -40,15 +40,17 @@ bool ParamBytes(const BYTE* p, UINT32 size, Bytes& out) {
   return true;
 }
 
-// Sets up `s` for a session whose HMAC key is already known: open, nothing pending.
-void Begin(KESTTCS_AUTH_SESSION* s, UINT32 kind, TCS_AUTHHANDLE handle, const TPM_NONCE& nonceEven,
-           const TPM_SECRET& key) {
+// Sets up `s` for a session whose HMAC key is already known: open, nothing pending. The nonce and
+// key come by value: a caller may pass them from the session it sets up again.
+void Begin(KESTTCS_AUTH_SESSION* s, UINT32 kind, TCS_AUTHHANDLE handle, TPM_NONCE nonceEven,
+           TPM_SECRET key) {
   std::memset(s, 0, sizeof *s);
   s->kind = kind;
   s->handle = handle;
   s->nonceEven = nonceEven;
   s->key = key;
   s->open = kTrue;
+  Wipe(BytesOf(key));
 }
 
 // OSAP and DSAP: the shared secret HMAC(secret, nonceEvenXSAP || nonceOddXSAP) becomes the key.

@@ -168,6 +168,11 @@ TEST(AuthHelperTest, SecretsSharedSecretAndEncAuthMatchIndependentValues) {
       TSS_SUCCESS);
   EXPECT_EQ(dsap.kind, KESTTCS_AUTH_DSAP);
   EXPECT_EQ(BytesOf(dsap.key), shared);
+  // Begun again from its own fields: the values are read before the session is reset.
+  KESTTCS_AUTH_SESSION again = OiapWithFixedNonces();
+  ASSERT_EQ(KestAuth_BeginOIAP(&again, kHandle, &again.nonceEven, &again.key), TSS_SUCCESS);
+  EXPECT_EQ(BytesOf(again.key), BytesOf(kKey));
+  EXPECT_EQ(BytesOf(again.nonceEven), BytesOf(kNonceEven));
 
   // python3: bytes(a ^ b for a, b in zip(b'\x5a' * 20, sha1(shared + nonce).digest())), nonce
   // bytes(range(0xA0,0xB4)) for the even one and bytes(range(0x50,0x64)) for the odd one.
