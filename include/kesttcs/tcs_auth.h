@@ -11,8 +11,9 @@
  *   KestAuth_Authorize  fills the TPM_AUTH record to send: handle, a fresh nonceOdd, the continue
  *                       flag and HMAC(key, SHA1(ordinal || inParams) || nonceEven || nonceOdd ||
  *                       continue).
- *   KestAuth_Verify     checks the returned record's HMAC over SHA1(0 || ordinal || outParams) with
- *                       the returned nonceEven, then rolls the session to that nonce.
+ *   KestAuth_Verify     checks the returned record's HMAC, HMAC(key, SHA1(0 || ordinal ||
+ *                       outParams) || returned nonceEven || the session's nonceOdd || returned
+ *                       continue), then rolls the session to the returned nonceEven.
  * All integers inside the parameter bytes are big-endian, as the TPM reads them.
  *
  * Results: 0; TCS_E_BAD_PARAMETER (0xE0282003) for a null or malformed argument;
@@ -96,11 +97,13 @@ extern "C" {
 #define KESTTCS_ET_DEL_ROW 0x0008u
 #define KESTTCS_ET_DEL_KEY_BLOB 0x0009u
 
-/* The protocol id of TPM_TakeOwnership. */
+/* Protocol ids: TPM_TakeOwnership's, and that of the commands that change a secret by ADIP
+ * (TPM_ChangeAuth, TPM_ChangeAuthOwner). */
 #define KESTTCS_PID_OWNER 0x0005u
+#define KESTTCS_PID_ADCP 0x0004u
 
 typedef struct tdKESTTCS_AUTH_SESSION {
-  UINT32 kind;            /* KESTTCS_AUTH_OIAP, _OSAP or _DSAP; 0 before a Begin */
+  UINT32 kind;            /* KESTTCS_AUTH_OIAP, _OSAP or _DSAP; 0 before a Begin, kept at the end */
   TCS_AUTHHANDLE handle;  /* the TPM's session handle */
   TPM_NONCE nonceEven;    /* the TPM's latest nonce */
   TPM_NONCE nonceOdd;     /* the nonce of the next (or last) authorised command */

@@ -21,7 +21,6 @@ namespace {
 
 constexpr UINT16 kTagRquCommand = 0x00C1;
 constexpr UINT16 kTagRquAuth1Command = 0x00C2;
-constexpr UINT16 kPidAdcp = 0x0004;
 constexpr UINT32 kKhSrk = 0x40000000;
 constexpr UINT32 kKhEk = 0x40000006;
 constexpr size_t kHeaderSize = 10;       // tag, paramSize, return code
@@ -280,7 +279,8 @@ TEST(AuthLibtpmsTest, OwnershipAndOwnerAuthorisedCommands) {
 
     TPM_ENCAUTH newAuth;
     ASSERT_EQ(KestAuth_EncAuth(&s, &newOwner, KESTTCS_ADIP_EVEN, &newAuth), TSS_SUCCESS);
-    const std::vector<BYTE> params = Bytes().U16(kPidAdcp).Raw(newAuth).U16(KESTTCS_ET_OWNER).get();
+    const std::vector<BYTE> params =
+        Bytes().U16(KESTTCS_PID_ADCP).Raw(newAuth).U16(KESTTCS_ET_OWNER).get();
     RunAuthorized(s, TPM_ORD_ChangeAuthOwner, params, false);
     EXPECT_FALSE(s.open);
   }
