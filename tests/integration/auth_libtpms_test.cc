@@ -43,8 +43,9 @@ class Bytes {
     KestAuth_PutUINT32(&bytes_[bytes_.size() - 4], v);
     return *this;
   }
+  // A fixed-size TPM value (nonce, secret, encAuth) as it lies in memory.
   template <typename T>
-  Bytes& Raw(const T& value) {
+  Bytes& Fixed(const T& value) {
     const BYTE* p = reinterpret_cast<const BYTE*>(&value);
     bytes_.insert(bytes_.end(), p, p + sizeof value);
     return *this;
@@ -80,9 +81,9 @@ Answer Send(UINT16 tag, TPM_COMMAND_CODE ordinal, const std::vector<BYTE>& param
   command.U16(tag).U32(0).U32(ordinal).Raw(params);
   if (auth != nullptr) {
     command.U32(auth->AuthHandle)
-        .Raw(auth->NonceOdd)
+        .Fixed(auth->NonceOdd)
         .U8(auth->fContinueAuthSession)
-        .Raw(auth->HMAC);
+        .Fixed(auth->HMAC);
   }
   std::array<BYTE, 4096> blob{};
   std::memcpy(blob.data(), command.get().data(), command.get().size());
@@ -131,7 +132,7 @@ KESTTCS_AUTH_SESSION OpenOsap(UINT16 entityType, UINT32 entityValue, const TPM_S
   TPM_NONCE nonceOddOsap;
   std::memset(&nonceOddOsap, 0x6b, sizeof nonceOddOsap);
   const Answer answer = Send(kTagRquCommand, TPM_ORD_OSAP,
-                             Bytes().U16(entityType).U32(entityValue).Raw(nonceOddOsap).get());
+                             Bytes().U16(entityType).U32(entityValue).Fixed(nonceOddOsap).get());
   EXPECT_EQ(answer.rc, TPM_SUCCESS);
   KESTTCS_AUTH_SESSION s{};
   if (answer.body.size() != 44) return s;
@@ -230,7 +231,7 @@ TEST(AuthLibtpmsTest, OwnershipAndOwnerAuthorisedCommands) {
   // The endorsement key, as a client reads it.
   TPM_NONCE antiReplay;
   std::memset(&antiReplay, 0x42, sizeof antiReplay);
-  const Answer pubek = Send(kTagRquCommand, TPM_ORD_ReadPubek, Bytes().Raw(antiReplay).get());
+  const Answer pubek = Send(kTagRquCommand, TPM_ORD_ReadPubek, Bytes().Fixed(antiReplay).get());
   ASSERT_EQ(pubek.rc, TPM_SUCCESS);
   ASSERT_GT(pubek.body.size(), 20u);
   const std::vector<BYTE> ek(pubek.body.begin(), pubek.body.end() - 20);  // less the checksum
@@ -280,7 +281,7 @@ TEST(AuthLibtpmsTest, OwnershipAndOwnerAuthorisedCommands) {
     TPM_ENCAUTH newAuth;
     ASSERT_EQ(KestAuth_EncAuth(&s, &newOwner, KESTTCS_ADIP_EVEN, &newAuth), TSS_SUCCESS);
     const std::vector<BYTE> params =
-        Bytes().U16(KESTTCS_PID_ADCP).Raw(newAuth).U16(KESTTCS_ET_OWNER).get();
+        Bytes().U16(KESTTCS_PID_ADCP).Fixed(newAuth).U16(KESTTCS_ET_OWNER).get();
     RunAuthorized(s, TPM_ORD_ChangeAuthOwner, params, false);
     EXPECT_FALSE(s.open);
   }
@@ -292,7 +293,7 @@ TEST(AuthLibtpmsTest, OwnershipAndOwnerAuthorisedCommands) {
     TPM_ENCAUTH dataAuth;
     ASSERT_EQ(KestAuth_EncAuth(&s, &owner, KESTTCS_ADIP_EVEN, &dataAuth), TSS_SUCCESS);
     const std::vector<BYTE> params =
-        Bytes().Raw(dataAuth).U32(0).Sized({'s', 'e', 'a', 'l', 'e', 'd'}).get();
+        Bytes().Fixed(dataAuth).U32(0).Sized({'s', 'e', 'a', 'l', 'e', 'd'}).get();
     // The answer: a TPM_STORED_DATA holding the encrypted blob.
     EXPECT_GT(RunAuthorized(s, TPM_ORD_Seal, params, false, Bytes().U32(kKhSrk).get()).size(),
               256u);
