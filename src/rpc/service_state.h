@@ -14,7 +14,6 @@ namespace kesttcs::rpc {
 // Serves one request of the interface (a dcerpc::InterfaceHandler): kNcaOpRangeError for an opnum
 // it does not have, kRpcBadStubData for a request that carries stub data.
 uint32_t DispatchServiceStateCall(const dcerpc::CallInfo& info, uint16_t opnum,
-                                  std::span<const uint8_t> stub_in,
-                                  std::vector<uint8_t>& stub_out);
+                                  std::span<const uint8_t> stub_in, std::vector<uint8_t>& stub_out);
 
 }  // namespace kesttcs::rpc

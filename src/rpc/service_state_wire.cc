@@ -19,8 +19,7 @@ void WriteSessionTable(const KESTTCS_SESSION_TABLE& table, TSS_RESULT result,
   writer.WriteUint32(result);
 }
 
-bool ReadSessionTable(dcerpc::NdrReader& reader, KESTTCS_SESSION_TABLE* table,
-                      TSS_RESULT* result) {
+bool ReadSessionTable(dcerpc::NdrReader& reader, KESTTCS_SESSION_TABLE* table, TSS_RESULT* result) {
   KESTTCS_SESSION_TABLE read{};
   uint32_t code = 0;
   bool ok = reader.ReadUint32(read.maxSessions) && reader.ReadUint32(read.count);

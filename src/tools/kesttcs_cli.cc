@@ -1,5 +1,6 @@
 // kesttcs-cli: status and facts of the TPM behind KestTCS, capabilities, random bytes, PCR read and
-// extend, registered keys, ownership and the service's sessions, over the client library. Human output by default, one JSON object with
+// extend, registered keys, ownership and the service's sessions, over the client library. Human
+// output by default, one JSON object with
 // --json. Exit status in tools/cli_output.h.
 #include <cstdio>
 #include <functional>

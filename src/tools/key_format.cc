@@ -107,8 +107,8 @@ std::optional<std::span<const BYTE>> KeyModulus(std::span<const BYTE> keyBlob) {
   size_t at = 11;
   auto size32 = [&](std::optional<size_t>& out) {
     if (keyBlob.size() < 4 || at > keyBlob.size() - 4) return false;
-    out = size_t{keyBlob[at]} << 24 | size_t{keyBlob[at + 1]} << 16 |
-          size_t{keyBlob[at + 2]} << 8 | keyBlob[at + 3];
+    out = size_t{keyBlob[at]} << 24 | size_t{keyBlob[at + 1]} << 16 | size_t{keyBlob[at + 2]} << 8 |
+          keyBlob[at + 3];
     at += 4;
     return *out <= keyBlob.size() - at;
   };

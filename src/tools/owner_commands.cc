@@ -4,8 +4,8 @@
 #include <map>
 #include <vector>
 
-#include <nlohmann/json.hpp>
 #include <openssl/evp.h>
+#include <nlohmann/json.hpp>
 
 #include <kesttcs/tcs_auth.h>
 #include <kesttcs/tcs_capabilities.h>
@@ -15,6 +15,7 @@
 
 #include "tools/cli_format.h"
 #include "tools/key_format.h"
+#include "tools/secret_input.h"
 
 namespace kesttcs::cli {
 namespace {
@@ -44,6 +45,10 @@ constexpr char kOwnerSet[] =
     "the TPM already has an owner; clear it first with `kesttcs-cli owner clear` (with the owner "
     "secret) or through the firmware's TPM menu";
 
+constexpr char kNotEnabled[] =
+    "the TPM is disabled or deactivated (as it is after its owner was cleared); enable and "
+    "activate it with physical presence, e.g. in the firmware's TPM menu, then provision again";
+
 void Append32(std::vector<BYTE>& out, UINT32 value) {
   BYTE b[4];
   KestAuth_PutUINT32(b, value);
@@ -58,7 +63,8 @@ std::optional<Failure> EncryptSecret(const std::vector<BYTE>& pubek, const TPM_S
   if (TSS_RESULT r = KestAuth_EncryptForOwnership(pubek.data(), static_cast<UINT32>(pubek.size()),
                                                   &secret, out->data(), &size);
       r != 0) {
-    return Failure{"KestAuth_EncryptForOwnership", r, "cannot encrypt the secrets under the TPM's endorsement key"};
+    return Failure{"KestAuth_EncryptForOwnership", r,
+                   "cannot encrypt the secrets under the TPM's endorsement key"};
   }
   out->resize(size);
   return std::nullopt;
@@ -165,12 +171,14 @@ std::optional<Failure> OwnerCommands::Provision(TcsConnection& tcs, Output& out)
   if (TSS_RESULT r = tcs.TpmProperty(TPM_CAP_PROP_OWNER, &hasOwner); r != 0) {
     return Failure{"Tcsip_GetCapability", r};
   }
-  if (hasOwner != 0) return Failure{"provision", TPM_E_OWNER_SET, kOwnerSet};
+  if (hasOwner != 0) return Failure{"provision", TpmResult(TPM_OWNER_SET), kOwnerSet};
   std::vector<BYTE> pubek, encOwner, encSrk;
   if (TSS_RESULT r = tcs.ReadPubek(&pubek); r != 0) {
     return Failure{"Tcsip_ReadPubek", r,
-                   "the TPM does not give out its endorsement key (it has none, or reading it "
-                   "was disabled)"};
+                   r == TpmResult(TPM_DISABLED) || r == TpmResult(TPM_DEACTIVATED)
+                       ? kNotEnabled
+                       : "the TPM does not give out its endorsement key (it has none, or reading "
+                         "it was disabled)"};
   }
   if (auto f = EncryptSecret(pubek, owner_, &encOwner)) return f;
   if (auto f = EncryptSecret(pubek, srk_, &encSrk)) return f;
@@ -189,7 +197,7 @@ std::optional<Failure> OwnerCommands::Provision(TcsConnection& tcs, Output& out)
     return Failure{"Tcsip_OIAP", r};
   }
   if (TSS_RESULT r = KestAuth_Authorize(&session, TPM_ORD_TakeOwnership, digestIn.data(),
-                                        static_cast<UINT32>(digestIn.size()), FALSE, &auth);
+                                        static_cast<UINT32>(digestIn.size()), 0, &auth);
       r != 0) {
     static_cast<void>(KestAuth_Close(tcs.context(), &session));
     return Failure{"KestAuth_Authorize", r};
@@ -197,7 +205,9 @@ std::optional<Failure> OwnerCommands::Provision(TcsConnection& tcs, Output& out)
   std::vector<BYTE> srk;
   if (TSS_RESULT r = tcs.TakeOwnership(encOwner, encSrk, kSrkParams, &auth, &srk); r != 0) {
     return Failure{"Tcsip_TakeOwnership", r,
-                   r == TPM_E_OWNER_SET ? kOwnerSet : "the TPM refused to take an owner"};
+                   r == TpmResult(TPM_OWNER_SET)  ? kOwnerSet
+                   : r == TpmResult(TPM_DISABLED) ? kNotEnabled
+                                                  : "the TPM refused to take an owner"};
   }
   if (TSS_RESULT r = KestAuth_Verify(&session, TPM_ORD_TakeOwnership, srk.data(),
                                      static_cast<UINT32>(srk.size()), &auth);
@@ -230,16 +240,16 @@ std::optional<Failure> OwnerCommands::ClearOwner(TcsConnection& tcs, Output& out
   if (TSS_RESULT r = KestAuth_OpenOIAP(tcs.context(), &owner_, &session); r != 0) {
     return Failure{"Tcsip_OIAP", r};
   }
-  if (TSS_RESULT r = KestAuth_Authorize(&session, TPM_ORD_OwnerClear, nullptr, 0, FALSE, &auth);
+  if (TSS_RESULT r = KestAuth_Authorize(&session, TPM_ORD_OwnerClear, nullptr, 0, 0, &auth);
       r != 0) {
     static_cast<void>(KestAuth_Close(tcs.context(), &session));
     return Failure{"KestAuth_Authorize", r};
   }
   if (TSS_RESULT r = tcs.OwnerClear(&auth); r != 0) {
-    const char* why = r == TPM_E_AUTHFAIL    ? "the owner secret is wrong"
-                      : r == TPM_E_NOSRK      ? "the TPM has no owner"
-                      : r == TPM_E_CLEAR_DISABLED ? "clearing by the owner was disabled"
-                                                  : "the TPM refused to clear its owner";
+    const char* why = r == TpmResult(TPM_AUTHFAIL)         ? "the owner secret is wrong"
+                      : r == TpmResult(TPM_NOSRK)          ? "the TPM has no owner"
+                      : r == TpmResult(TPM_CLEAR_DISABLED) ? "clearing by the owner was disabled"
+                                                           : "the TPM refused to clear its owner";
     return Failure{"Tcsip_OwnerClear", r, why};
   }
   if (TSS_RESULT r = KestAuth_Verify(&session, TPM_ORD_OwnerClear, nullptr, 0, &auth); r != 0) {
@@ -248,7 +258,11 @@ std::optional<Failure> OwnerCommands::ClearOwner(TcsConnection& tcs, Output& out
                    "proof"};
   }
   out.object()["owner"] = false;
-  if (!out.json()) std::printf("The TPM's owner is cleared; the SRK and its keys are gone.\n");
+  if (!out.json()) {
+    std::printf(
+        "The TPM's owner is cleared; the SRK and its keys are gone. The TPM is now disabled and "
+        "deactivated until it is enabled with physical presence.\n");
+  }
   return std::nullopt;
 }
 

@@ -87,8 +87,8 @@ class KesttcsdProcess {
   KesttcsdProcess(const fs::path& home, bool owned, const std::string& backend = "libtpms")
       : home_(home) {
     fs::create_directories(home / "tpm");
-    std::ofstream(home / "tcs_cfg.ini") << "[LOG]\nneedLog=0\n[TPM]\nbackend=" << backend
-                                        << "\n[RPC]\nsocket=" << socket() << "\n";
+    std::ofstream(home / "tcs_cfg.ini")
+        << "[LOG]\nneedLog=0\n[TPM]\nbackend=" << backend << "\n[RPC]\nsocket=" << socket() << "\n";
     if (owned) fs::copy_file(OwnedTpmState(), home / "tpm" / "00.permall");
   }
   ~KesttcsdProcess() { Kill(); }

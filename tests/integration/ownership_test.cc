@@ -23,12 +23,16 @@
 #include <kesttcs/tcs_service_state.h>
 #include <kesttcs/tpm_ordinals.h>
 
+#include "daemon_process.h"
 #include "kesttcsd_process.h"
 #include "swtpm_process.h"
 
 namespace kesttcs::testing {
 namespace {
 
+using daemon_process::kPatience;
+using daemon_process::ReadFile;
+using daemon_process::WriteFile;
 using ::testing::HasSubstr;
 using Bytes = std::vector<BYTE>;
 
@@ -38,8 +42,9 @@ constexpr UINT32 kSubCapAuthHandles = 2;   // TPM_RT_AUTH
 constexpr size_t kTpmSessions = 16;        // what libtpms holds at once
 
 // The SRK to make: 2048-bit RSA storage key, OAEP, always authorised, no PCRs.
-const Bytes kSrkParams = {1, 1, 0, 0, 0, 0x11, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 3, 0, 1, 0, 0, 0, 12,
-                          0, 0, 8, 0, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+const Bytes kSrkParams = {1, 1, 0, 0, 0, 0x11, 0,  0, 0, 0, 1, 0, 0, 0, 1, 0,
+                          3, 0, 1, 0, 0, 0,    12, 0, 0, 8, 0, 0, 0, 0, 2, 0,
+                          0, 0, 0, 0, 0, 0,    0,  0, 0, 0, 0, 0, 0, 0, 0};
 
 void Put32(Bytes& out, UINT32 v) {
   BYTE b[4];
@@ -85,16 +90,22 @@ class Owner {
   // TPM_TakeOwnership with secrets encrypted under the EK and the new owner secret's OIAP HMAC;
   // the answer's HMAC is checked.
   TSS_RESULT Take(const TPM_SECRET& owner, const TPM_SECRET& srk) {
-    TPM_NONCE antiReplay{};
-    UINT32 ekSize = 0;
-    BYTE* ek = nullptr;
-    TPM_DIGEST checksum{};
-    if (TSS_RESULT r = Tcsip_ReadPubek(h_, antiReplay, &ekSize, &ek, &checksum)) return r;
+    // The TPM stops giving out its endorsement key once it has an owner: keep the first answer.
+    if (ek_.empty()) {
+      TPM_NONCE antiReplay{};
+      UINT32 ekSize = 0;
+      BYTE* ek = nullptr;
+      TPM_DIGEST checksum{};
+      if (TSS_RESULT r = Tcsip_ReadPubek(h_, antiReplay, &ekSize, &ek, &checksum)) return r;
+      ek_.assign(ek, ek + ekSize);
+      Tcs_FreeBuffer(ek);
+    }
     Bytes encOwner(256), encSrk(256);
     UINT32 ownerSize = 256, srkSize = 256;
-    EXPECT_EQ(KestAuth_EncryptForOwnership(ek, ekSize, &owner, encOwner.data(), &ownerSize), 0u);
-    EXPECT_EQ(KestAuth_EncryptForOwnership(ek, ekSize, &srk, encSrk.data(), &srkSize), 0u);
-    Tcs_FreeBuffer(ek);
+    const UINT32 ekSize = UINT32(ek_.size());
+    EXPECT_EQ(KestAuth_EncryptForOwnership(ek_.data(), ekSize, &owner, encOwner.data(), &ownerSize),
+              0u);
+    EXPECT_EQ(KestAuth_EncryptForOwnership(ek_.data(), ekSize, &srk, encSrk.data(), &srkSize), 0u);
     Bytes digest = {0, KESTTCS_PID_OWNER};
     Put32(digest, ownerSize);
     digest.insert(digest.end(), encOwner.begin(), encOwner.end());
@@ -104,15 +115,15 @@ class Owner {
     KESTTCS_AUTH_SESSION s{};
     if (TSS_RESULT r = KestAuth_OpenOIAP(h_, &owner, &s)) return r;
     TPM_AUTH auth{};
-    EXPECT_EQ(KestAuth_Authorize(&s, TPM_ORD_TakeOwnership, digest.data(), UINT32(digest.size()),
-                                 FALSE, &auth),
+    EXPECT_EQ(KestAuth_Authorize(&s, TPM_ORD_TakeOwnership, digest.data(), UINT32(digest.size()), 0,
+                                 &auth),
               0u);
     UINT32 srkKeySize = 0;
     BYTE* srkKey = nullptr;
-    const TSS_RESULT r = Tcsip_TakeOwnership(
-        h_, KESTTCS_PID_OWNER, ownerSize, encOwner.data(), srkSize, encSrk.data(),
-        UINT32(kSrkParams.size()), const_cast<BYTE*>(kSrkParams.data()), &auth, &srkKeySize,
-        &srkKey);
+    const TSS_RESULT r =
+        Tcsip_TakeOwnership(h_, KESTTCS_PID_OWNER, ownerSize, encOwner.data(), srkSize,
+                            encSrk.data(), UINT32(kSrkParams.size()),
+                            const_cast<BYTE*>(kSrkParams.data()), &auth, &srkKeySize, &srkKey);
     if (r == TSS_SUCCESS) {
       EXPECT_EQ(KestAuth_Verify(&s, TPM_ORD_TakeOwnership, srkKey, srkKeySize, &auth), 0u);
       EXPECT_GT(srkKeySize, 256u);
@@ -127,7 +138,7 @@ class Owner {
     KESTTCS_AUTH_SESSION s{};
     if (TSS_RESULT r = KestAuth_OpenOIAP(h_, &owner, &s)) return r;
     TPM_AUTH auth{};
-    EXPECT_EQ(KestAuth_Authorize(&s, TPM_ORD_GetCapabilityOwner, nullptr, 0, FALSE, &auth), 0u);
+    EXPECT_EQ(KestAuth_Authorize(&s, TPM_ORD_GetCapabilityOwner, nullptr, 0, 0, &auth), 0u);
     if (flip) auth.HMAC.authdata[7] ^= 0x10;
     TPM_VERSION version{};
     UINT32 nonVolatile = 0, volatileFlags = 0;
@@ -138,10 +149,11 @@ class Owner {
       std::memcpy(out, &version, 4);
       KestAuth_PutUINT32(out + 4, nonVolatile);
       KestAuth_PutUINT32(out + 8, volatileFlags);
-      EXPECT_EQ(KestAuth_Verify(&s, TPM_ORD_GetCapabilityOwner, out, sizeof out, &auth), 0u);
       out[11] ^= 1;  // an answer changed on its way is caught
       EXPECT_EQ(KestAuth_Verify(&s, TPM_ORD_GetCapabilityOwner, out, sizeof out, &auth),
                 KESTTCS_AUTH_E_VERIFY);
+      out[11] ^= 1;
+      EXPECT_EQ(KestAuth_Verify(&s, TPM_ORD_GetCapabilityOwner, out, sizeof out, &auth), 0u);
     }
     return r;
   }
@@ -156,8 +168,8 @@ class Owner {
     digest.insert(digest.end(), encAuth.authdata, encAuth.authdata + 20);
     digest.insert(digest.end(), {0, BYTE(kOwnerEntity)});
     TPM_AUTH auth{};
-    EXPECT_EQ(KestAuth_Authorize(&s, TPM_ORD_ChangeAuthOwner, digest.data(),
-                                 UINT32(digest.size()), FALSE, &auth),
+    EXPECT_EQ(KestAuth_Authorize(&s, TPM_ORD_ChangeAuthOwner, digest.data(), UINT32(digest.size()),
+                                 0, &auth),
               0u);
     const TSS_RESULT r = Tcsip_ChangeAuthOwner(h_, kAdcp, encAuth, kOwnerEntity, &auth);
     if (r == TSS_SUCCESS) {
@@ -170,15 +182,27 @@ class Owner {
     KESTTCS_AUTH_SESSION s{};
     if (TSS_RESULT r = KestAuth_OpenOIAP(h_, &owner, &s)) return r;
     TPM_AUTH auth{};
-    EXPECT_EQ(KestAuth_Authorize(&s, TPM_ORD_OwnerClear, nullptr, 0, FALSE, &auth), 0u);
+    EXPECT_EQ(KestAuth_Authorize(&s, TPM_ORD_OwnerClear, nullptr, 0, 0, &auth), 0u);
     const TSS_RESULT r = Tcsip_OwnerClear(h_, &auth);
-    if (r == TSS_SUCCESS) EXPECT_EQ(KestAuth_Verify(&s, TPM_ORD_OwnerClear, nullptr, 0, &auth), 0u);
+    if (r == TSS_SUCCESS) {
+      EXPECT_EQ(KestAuth_Verify(&s, TPM_ORD_OwnerClear, nullptr, 0, &auth), 0u);
+    }
     return r;
   }
 
  private:
   TCS_CONTEXT_HANDLE h_;
+  Bytes ek_;
 };
+
+// What the platform does with physical presence asserted: enable and activate the TPM.
+void EnableByPhysicalPresence(TCS_CONTEXT_HANDLE h) {
+  constexpr UINT16 kCommandEnable = 0x0020, kPresent = 0x0008;
+  ASSERT_EQ(Tcsip_PhysicalPresence(h, kCommandEnable), TSS_SUCCESS);
+  ASSERT_EQ(Tcsip_PhysicalPresence(h, kPresent), TSS_SUCCESS);
+  ASSERT_EQ(Tcsip_PhysicalEnable(h), TSS_SUCCESS);
+  ASSERT_EQ(Tcsip_PhysicalSetDeactivated(h, 0), TSS_SUCCESS);
+}
 
 // The whole owner life cycle on whatever TPM the daemon runs on.
 void RunOwnerLifeCycle(TCS_CONTEXT_HANDLE h) {
@@ -186,18 +210,21 @@ void RunOwnerLifeCycle(TCS_CONTEXT_HANDLE h) {
   const TPM_SECRET custom = Secret("correct horse battery staple");
 
   ASSERT_EQ(owner.Take(WellKnown(), WellKnown()), TSS_SUCCESS);
-  EXPECT_EQ(owner.Take(WellKnown(), WellKnown()), TPM_E_OWNER_SET);
+  EXPECT_EQ(owner.Take(WellKnown(), WellKnown()), TpmResult(TPM_OWNER_SET));
   EXPECT_EQ(owner.GetCapabilityOwner(WellKnown()), TSS_SUCCESS);
-  EXPECT_EQ(owner.GetCapabilityOwner(custom), TPM_E_AUTHFAIL);
-  EXPECT_EQ(owner.GetCapabilityOwner(WellKnown(), /*flip=*/true), TPM_E_AUTHFAIL);
+  EXPECT_EQ(owner.GetCapabilityOwner(custom), TpmResult(TPM_AUTHFAIL));
+  EXPECT_EQ(owner.GetCapabilityOwner(WellKnown(), /*flip=*/true), TpmResult(TPM_AUTHFAIL));
 
   // OSAP with ADIP: the owner secret changes, and only the new one works afterwards.
   ASSERT_EQ(owner.Change(WellKnown(), custom), TSS_SUCCESS);
-  EXPECT_EQ(owner.GetCapabilityOwner(WellKnown()), TPM_E_AUTHFAIL);
+  EXPECT_EQ(owner.GetCapabilityOwner(WellKnown()), TpmResult(TPM_AUTHFAIL));
   EXPECT_EQ(owner.GetCapabilityOwner(custom), TSS_SUCCESS);
 
-  EXPECT_EQ(owner.Clear(WellKnown()), TPM_E_AUTHFAIL);
+  EXPECT_EQ(owner.Clear(WellKnown()), TpmResult(TPM_AUTHFAIL));
   ASSERT_EQ(owner.Clear(custom), TSS_SUCCESS);
+  // Clearing leaves the TPM disabled, as it left the factory; physical presence enables it.
+  EXPECT_EQ(owner.Take(custom, Secret("srk")), TpmResult(TPM_DISABLED));
+  ASSERT_NO_FATAL_FAILURE(EnableByPhysicalPresence(h));
   ASSERT_EQ(owner.Take(custom, Secret("srk")), TSS_SUCCESS);
   EXPECT_EQ(owner.GetCapabilityOwner(custom), TSS_SUCCESS);
   ASSERT_EQ(owner.Clear(custom), TSS_SUCCESS);
@@ -210,8 +237,7 @@ class OwnershipTest : public ::testing::Test {
  protected:
   fs::path Home() const { return fs::path(dir_.path()) / "home"; }
 
-  std::pair<int, std::string> Cli(const std::vector<std::string>& args,
-                                  const std::string& socket) {
+  std::pair<int, std::string> Cli(const std::vector<std::string>& args, const std::string& socket) {
     std::vector<std::string> argv = {kKesttcsCli, "--endpoint", socket};
     argv.insert(argv.end(), args.begin(), args.end());
     const fs::path log = fs::path(dir_.path()) / "cli.txt";
@@ -258,8 +284,8 @@ TEST_F(OwnershipTest, CliProvisionsListsSessionsAndClears) {
   const fs::path ownerFile = fs::path(dir_.path()) / "owner.txt";
   WriteFile(ownerFile, "owner pass phrase\n", fs::perms(0600));
 
-  auto [status, text] = Cli({"--json", "provision", "--owner-secret", ownerFile.string()},
-                            daemon.socket());
+  auto [status, text] =
+      Cli({"--json", "provision", "--owner-secret", ownerFile.string()}, daemon.socket());
   EXPECT_EQ(status, 0) << text;
   EXPECT_THAT(text, HasSubstr("\"modulus_bits\": 2048"));
   EXPECT_THAT(text, HasSubstr("\"owner_secret\": \"given\""));
@@ -299,6 +325,10 @@ TEST_F(OwnershipTest, CliProvisionsListsSessionsAndClears) {
   std::tie(status, text) =
       Cli({"owner", "clear", "--owner-secret", ownerFile.string()}, daemon.socket());
   EXPECT_EQ(status, 0) << text;
+  std::tie(status, text) = Cli({"provision"}, daemon.socket());
+  EXPECT_EQ(status, 1);
+  EXPECT_THAT(text, HasSubstr("enable and activate it with physical presence"));
+  ASSERT_NO_FATAL_FAILURE(EnableByPhysicalPresence(h));
   std::tie(status, text) = Cli({"provision"}, daemon.socket());
   EXPECT_EQ(status, 0) << text;
 }
