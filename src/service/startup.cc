@@ -14,6 +14,7 @@
 #include "base/logging.h"
 #include "commands/tpm_metrics.h"
 #include "contexts/contexts.h"
+#include "keys/mem_cache.h"
 #include "rpc/dcerpc/server.h"
 #include "service/instance_lock.h"
 #include "storage/persistent_storage.h"
@@ -123,8 +124,8 @@ TSS_RESULT StepSetAsideStorage() {
 
 TSS_RESULT StepCheckStorage() { return ps_checkAndRestore(g_paths.storageFile); }
 
-// Loads the registered-key index (the key cache's init will run it once the cache is there).
-TSS_RESULT StepOpenStorage() { return ps_init(g_paths.storageFile, tpmHasOwner()); }
+// The key cache opens persistent storage, whose index load enters the SRK into it.
+TSS_RESULT StepOpenKeyCache() { return mem_cache_init(g_paths.storageFile, tpmHasOwner()); }
 
 void UndoStorageAndTpmAccess() {
   ps_close();
@@ -152,7 +153,7 @@ constexpr StartupStep kStartupSteps[] = {
     {"TPM metrics", StepReadTpmMetrics, UndoTpmAccess, nullptr},
     {"storage set-aside", StepSetAsideStorage, UndoStorageAndTpmAccess, nullptr},
     {"storage check", StepCheckStorage, UndoStorageAndTpmAccess, nullptr},
-    {"persistent storage", StepOpenStorage, UndoTpmAccess, nullptr},
+    {"persistent storage", StepOpenKeyCache, UndoTpmAccess, nullptr},
 };
 
 // ---- Shut-down steps ----
@@ -163,8 +164,6 @@ void ShutdownRequestManager() {
   ReportServiceEvent(r, 0, 0, nullptr);
   TcsTrace("kesttcs_shutdown:req_mgr_final fail", &r);
 }
-
-void ShutdownStorage() { ps_close(); }
 
 // No call can still be inside a context: listening has stopped and every worker has finished.
 void ShutdownContexts() { ctx_final(); }
@@ -177,7 +176,7 @@ struct ShutdownStep {
 // The shut-down order. Releasing the owner-held keys and finishing the session table join after
 // persistent storage, and the PCR event log after the request manager, as those managers land.
 constexpr ShutdownStep kShutdownSteps[] = {
-    {"kesttcs_shutdown:closeDiskCache", ShutdownStorage},
+    {"kesttcs_shutdown:closeDiskCache", mem_cache_final},
     {"kesttcs_shutdown:req_mgr_final", ShutdownRequestManager},
     {nullptr, ShutdownContexts},
 };
