@@ -52,13 +52,13 @@ void WriteConfiguration(const std::string& home, const CoreOptions& options) {
 
 }  // namespace
 
-std::vector<Bytes> StartupAnswers() {
+std::vector<Bytes> StartupAnswers(bool owned) {
   return {
       FakeTpmBackend::Response(TPM_SUCCESS),                         // ContinueSelfTest
       CapabilityAnswer({'I', 'B', 'M', 0}),                          // manufacturer
       CapabilityAnswer({0x00, 0x30, 1, 2, 0, 0, 0x00, 0x02, 0x03}),  // TPM_CAP_VERSION_INFO
       CapabilityAnswer({1}),                                         // TPM_SaveContext supported
-      CapabilityAnswer({0}),                                         // no owner
+      CapabilityAnswer({BYTE(owned ? 1 : 0)}),                       // owner or none
       NumberAnswer(24),                                              // PCRs
       NumberAnswer(1),                                               // DIRs
       NumberAnswer(20),                                              // key slots
@@ -78,7 +78,7 @@ TestCore::TestCore(CoreOptions options) {
     backend_ = std::make_unique<FuzzTpmBackend>(fuzzStream_);
   } else {
     auto fake = std::make_unique<FakeTpmBackend>();
-    for (Bytes& answer : StartupAnswers()) {
+    for (Bytes& answer : StartupAnswers(options.owned)) {
       fake->Expect({std::move(answer), TSS_SUCCESS, std::nullopt});
     }
     fake_ = fake.get();

@@ -26,8 +26,8 @@ namespace kesttcs::testing {
 // The answers a plain TPM 1.2 that was started already gives to the commands start-up sends:
 // ContinueSelfTest, then the metrics queries: manufacturer "IBM", version 1.2, context saving, no
 // owner, 24 PCRs, 1 DIR, 20 key slots and 16 authorisation sessions (the embedded libtpms TPM's
-// figures).
-std::vector<std::vector<BYTE>> StartupAnswers();
+// figures). `owned`: the TPM reports an owner instead.
+std::vector<std::vector<BYTE>> StartupAnswers(bool owned = false);
 
 // What the core runs against; CoreOptions() is the scripted fake without logging.
 struct CoreOptions {
@@ -49,9 +49,17 @@ struct CoreOptions {
     return *this;
   }
 
+  // The scripted fake reports an owner at start-up (storage then keeps its file and makes sure it
+  // has an SRK record).
+  CoreOptions& Owned() {
+    owned = true;
+    return *this;
+  }
+
   std::string backendConfig;
   std::optional<std::span<const BYTE>> fuzzInput;
   bool needLog = false;
+  bool owned = false;
 };
 
 class TestCore {
