@@ -1,6 +1,7 @@
 // The key cache's updates of one entry: its slot and stamp, its parent, its wrapped private part.
 #include <algorithm>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include <kesttcs/tcs_results.h>
@@ -39,17 +40,22 @@ void MoveToSlot(mem_cache_entry& entry, TPM_KEY_HANDLE newTpmHandle) {
   entry.tpmHandle = newTpmHandle;
 }
 
-// Gives the entry new encData; its exact bytes keep everything before the encData field.
+// Gives the entry new encData; its exact bytes keep everything before the encData field. Both
+// are built aside first, so an allocation failure leaves the entry as it was.
 void SetEncData(mem_cache_entry& entry, std::span<const BYTE> encData) {
+  std::vector<BYTE> newEncData(encData.begin(), encData.end());
+  std::vector<BYTE> newBlob;
   const std::size_t oldTail = kEncSizeBytes + entry.key.encData.size();
   if (entry.keyBlob.size() >= oldTail) {
-    entry.keyBlob.resize(entry.keyBlob.size() - oldTail);
+    newBlob.reserve(entry.keyBlob.size() - oldTail + kEncSizeBytes + encData.size());
+    newBlob.assign(entry.keyBlob.begin(), entry.keyBlob.end() - oldTail);
     const auto size = static_cast<UINT32>(encData.size());
-    for (int shift = 24; shift >= 0; shift -= 8) entry.keyBlob.push_back(BYTE(size >> shift));
-    entry.keyBlob.insert(entry.keyBlob.end(), encData.begin(), encData.end());
+    for (int shift = 24; shift >= 0; shift -= 8) newBlob.push_back(BYTE(size >> shift));
+    newBlob.insert(newBlob.end(), encData.begin(), encData.end());
   }
   entry.key.encSize = static_cast<UINT32>(encData.size());
-  entry.key.encData.assign(encData.begin(), encData.end());
+  entry.key.encData = std::move(newEncData);
+  entry.keyBlob = std::move(newBlob);
 }
 
 bool SameBytes(const std::vector<BYTE>& a, std::span<const BYTE> b) {
