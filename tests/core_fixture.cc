@@ -52,7 +52,9 @@ void WriteConfiguration(const std::string& home, const CoreOptions& options) {
 
 }  // namespace
 
-std::vector<Bytes> StartupAnswers(bool owned) {
+std::vector<Bytes> StartupAnswers() { return StartupAnswers(16); }
+
+std::vector<Bytes> StartupAnswers(UINT32 authSessions, bool owned) {
   return {
       FakeTpmBackend::Response(TPM_SUCCESS),                         // ContinueSelfTest
       CapabilityAnswer({'I', 'B', 'M', 0}),                          // manufacturer
@@ -62,7 +64,7 @@ std::vector<Bytes> StartupAnswers(bool owned) {
       NumberAnswer(24),                                              // PCRs
       NumberAnswer(1),                                               // DIRs
       NumberAnswer(20),                                              // key slots
-      NumberAnswer(16),                                              // authorisation sessions
+      NumberAnswer(authSessions),                                    // authorisation sessions
   };
 }
 
@@ -78,7 +80,7 @@ TestCore::TestCore(CoreOptions options) {
     backend_ = std::make_unique<FuzzTpmBackend>(fuzzStream_);
   } else {
     auto fake = std::make_unique<FakeTpmBackend>();
-    for (Bytes& answer : StartupAnswers(options.owned)) {
+    for (Bytes& answer : StartupAnswers(options.authSessions, options.owned)) {
       fake->Expect({std::move(answer), TSS_SUCCESS, std::nullopt});
     }
     fake_ = fake.get();

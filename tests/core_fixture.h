@@ -26,8 +26,12 @@ namespace kesttcs::testing {
 // The answers a plain TPM 1.2 that was started already gives to the commands start-up sends:
 // ContinueSelfTest, then the metrics queries: manufacturer "IBM", version 1.2, context saving, no
 // owner, 24 PCRs, 1 DIR, 20 key slots and 16 authorisation sessions (the embedded libtpms TPM's
-// figures). `owned`: the TPM reports an owner instead.
-std::vector<std::vector<BYTE>> StartupAnswers(bool owned = false);
+// figures).
+std::vector<std::vector<BYTE>> StartupAnswers();
+
+// StartupAnswers() with the TPM holding `authSessions` authorisation sessions at once, and with an
+// owner when `owned`.
+std::vector<std::vector<BYTE>> StartupAnswers(UINT32 authSessions, bool owned = false);
 
 // What the core runs against; CoreOptions() is the scripted fake without logging.
 struct CoreOptions {
@@ -48,6 +52,11 @@ struct CoreOptions {
     needLog = true;
     return *this;
   }
+  // The scripted fake reports `count` authorisation sessions instead of 16.
+  CoreOptions& AuthSessions(UINT32 count) {
+    authSessions = count;
+    return *this;
+  }
 
   // The scripted fake reports an owner at start-up (storage then keeps its file and makes sure it
   // has an SRK record).
@@ -59,6 +68,7 @@ struct CoreOptions {
   std::string backendConfig;
   std::optional<std::span<const BYTE>> fuzzInput;
   bool needLog = false;
+  UINT32 authSessions = 16;
   bool owned = false;
 };
 

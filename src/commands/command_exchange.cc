@@ -4,6 +4,7 @@
 
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"
+#include "keys/auth_mgr.h"
 #include "tpm/req_mgr.h"
 
 namespace kesttcs {
@@ -21,6 +22,57 @@ TSS_RESULT TpmCommand::Submit() noexcept {
   TSS_RESULT result = UnloadBlob_Header(blob_, &paramSize);
   outputs_ = ResponseParams(blob_, paramSize);
   return result;
+}
+
+TSS_RESULT TpmCommand::UseSessions(TPM_AUTH* first, TPM_AUTH* second) noexcept {
+  sessionCount_ = 0;
+  for (TPM_AUTH* auth : {first, second}) {
+    if (auth == nullptr) continue;
+    if (TSS_RESULT rc = auth_mgr_check_auth(hContext_, auth)) return rc;
+    sessions_[sessionCount_++] = auth;
+  }
+  return TSS_SUCCESS;
+}
+
+TPM_TAG TpmCommand::SessionTag() const noexcept {
+  switch (sessionCount_) {
+    case 0:
+      return TPM_TAG_RQU_COMMAND;
+    case 1:
+      return TPM_TAG_RQU_AUTH1_COMMAND;
+    default:
+      return TPM_TAG_RQU_AUTH2_COMMAND;
+  }
+}
+
+TSS_RESULT TpmCommand::FinishAuthorised(TSS_RESULT result) noexcept {
+  // The continue flags as sent: reading the response trailers replaces them.
+  std::array<bool, 2> continued{};
+  for (size_t i = 0; i < sessionCount_; ++i) continued[i] = sessions_[i]->fContinueAuthSession != 0;
+  if (result == TSS_SUCCESS) result = UnloadSessionTrailers();
+  for (size_t i = 0; i < sessionCount_; ++i) {
+    if (result != TSS_SUCCESS) {
+      static_cast<void>(auth_mgr_release(sessions_[i]->AuthHandle));
+    } else if (!continued[i]) {
+      auth_mgr_forget(sessions_[i]->AuthHandle);
+    }
+  }
+  return result;
+}
+
+TSS_RESULT TpmCommand::UnloadSessionTrailers() noexcept {
+  const size_t trailerBytes = sessionCount_ * kAuthResponseTrailerSize;
+  if (outputs_.remaining() < trailerBytes) return TCS_E_BAD_PARAMETER;
+  const auto outputsEnd = static_cast<UINT16>(outputs_.blob().size() - trailerBytes);
+  BlobReader trailers(outputs_.blob(), outputsEnd);
+  std::array<TPM_AUTH, 2> read{};
+  for (size_t i = 0; i < sessionCount_; ++i) {
+    read[i] = *sessions_[i];
+    if (TSS_RESULT rc = UnloadBlob(trailers, &read[i])) return rc;
+  }
+  for (size_t i = 0; i < sessionCount_; ++i) *sessions_[i] = read[i];
+  outputs_ = ResponseParams(blob_, outputsEnd);
+  return TSS_SUCCESS;
 }
 
 TSS_RESULT TpmCommand::UnloadSized(UINT32* size, BYTE** data) noexcept {

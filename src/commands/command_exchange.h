@@ -7,9 +7,18 @@
 //   if (TSS_RESULT rc = command.Check(kStirRandomFixedBytes, inDataSize, inData)) return rc;
 //   return command.Run(TPM_TAG_RQU_COMMAND, inDataSize, std::span(inData, inDataSize));
 //
+// An authorised command names its sessions after Check and runs with RunAuthorised, which keeps the
+// session table straight:
+//
+//   TpmCommand command(hContext, TPM_ORD_OwnerClear);
+//   if (TSS_RESULT rc = command.Check(kOwnerClearFixedBytes)) return rc;
+//   if (TSS_RESULT rc = command.UseSessions(ownerAuth)) return rc;
+//   return command.RunAuthorised();
+//
 // A TpmCommand lives on the calling thread's stack and is used by that thread only. Run takes the
-// TPM lock through req_mgr_submit; nothing here takes any other lock except the context list's and
-// the context memory table's (briefly, through ctx_ValidateContext and getSomeMemory).
+// TPM lock through req_mgr_submit; the session bookkeeping takes the auth mutex (and, to end a
+// session, the TPM lock after it); nothing else is taken except the context list's and the context
+// memory table's locks (briefly, through ctx_ValidateContext and getSomeMemory).
 #pragma once
 
 #include <array>
@@ -55,6 +64,30 @@ class TpmCommand {
     return Submit();
   }
 
+  // Names the authorisation sessions the command carries, in the order of their trailers (null:
+  // none, so a command whose session is optional passes what it was given), and checks each with
+  // auth_mgr_check_auth: TCS_E_INTERNAL_ERROR for a session the context does not own, and nothing
+  // is sent. Call after Check.
+  [[nodiscard]] TSS_RESULT UseSessions(TPM_AUTH* first, TPM_AUTH* second = nullptr) noexcept;
+
+  // Run for the sessions UseSessions named: tag 0x00C1, 0x00C2 or 0x00C3 by their number, their
+  // request trailers after `fields`. When the exchange fails or the TPM refuses the command, every
+  // session is released (auth_mgr_release: ended in the TPM, freed in the table) and the failure
+  // returned. Otherwise the response trailers are read back into the sessions' TPM_AUTH (nonceEven,
+  // continue flag, HMAC) for the caller to verify, a session that was sent with continue 0 is freed
+  // in the table (the TPM has ended it), and the Unload* members read the outputs before the
+  // trailers. A response too short for its trailers counts as a failed one (TCS_E_BAD_PARAMETER).
+  template <class... Fields>
+  [[nodiscard]] TSS_RESULT RunAuthorised(const Fields&... fields) noexcept {
+    BlobWriter writer(blob_, kTpmHeaderSize);
+    if (TSS_RESULT rc = LoadBlobs(writer, fields...)) return rc;
+    for (size_t i = 0; i < sessionCount_; ++i) {
+      if (TSS_RESULT rc = LoadBlob(writer, *sessions_[i])) return rc;
+    }
+    if (TSS_RESULT rc = LoadBlob_Header(SessionTag(), writer.offset(), ordinal_, blob_)) return rc;
+    return FinishAuthorised(Submit());
+  }
+
   // Reads the next response fields into the pointed-to objects (TCS_E_BAD_PARAMETER when the
   // response is too short; fields read before the failing one are written).
   template <class... Out>
@@ -97,9 +130,15 @@ class TpmCommand {
 
  private:
   [[nodiscard]] TSS_RESULT Submit() noexcept;
+  TPM_TAG SessionTag() const noexcept;
+  // The session bookkeeping after the exchange whose result is `result` (see RunAuthorised).
+  [[nodiscard]] TSS_RESULT FinishAuthorised(TSS_RESULT result) noexcept;
+  [[nodiscard]] TSS_RESULT UnloadSessionTrailers() noexcept;
 
   TCS_CONTEXT_HANDLE hContext_;
   TPM_COMMAND_CODE ordinal_;
+  std::array<TPM_AUTH*, 2> sessions_{};
+  size_t sessionCount_ = 0;
   std::array<BYTE, kTpmBlobSize> blob_;  // only [0, paramSize) is ever read
   BlobReader outputs_{std::span<const BYTE>()};
 };

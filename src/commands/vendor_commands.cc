@@ -23,20 +23,16 @@ struct VendorData {
   std::span<const BYTE> bytes() const { return {data, dataLen}; }
 };
 
-// Checks the size bound, then sends the command with `tag`; with `auth` appends its trailer and,
-// on success, reads the response trailer back. The context is the caller's to check.
-TSS_RESULT SendVendor(TpmCommand& command, TPM_TAG tag, const VendorData& in, TPM_AUTH* auth) {
-  if ((in.dataLen != 0 && in.data == nullptr) ||
-      !FitsCommandBuffer(in.dataLen, kVendorFixedBytes)) {
+// Checks the size bound, then sends the command; with `auth` (tag 0x00C2) checks that the session
+// is the context's first, appends its trailer and keeps the session table straight (see
+// TpmCommand::RunAuthorised), else tag 0x00C1. The context is the caller's to check.
+TSS_RESULT SendVendor(TpmCommand& command, const VendorData& in, TPM_AUTH* auth) {
+  const UINT32 fixedBytes = kVendorFixedBytes + (auth != nullptr ? kAuthRequestTrailerSize : 0);
+  if ((in.dataLen != 0 && in.data == nullptr) || !FitsCommandBuffer(in.dataLen, fixedBytes)) {
     return TCS_E_BAD_PARAMETER;
   }
-  if (auth == nullptr) return command.Run(tag, in.selector, in.dataLen, in.bytes());
-  if (TSS_RESULT rc = command.Run(tag, in.selector, in.dataLen, in.bytes(), *auth)) return rc;
-  // The response trailer sits at the end of the response.
-  BlobReader& outputs = command.Outputs();
-  if (outputs.remaining() < kAuthResponseTrailerSize) return TCS_E_BAD_PARAMETER;
-  outputs.set_offset(static_cast<UINT16>(outputs.blob().size() - kAuthResponseTrailerSize));
-  return command.Unload(auth);
+  if (TSS_RESULT rc = command.UseSessions(auth)) return rc;
+  return command.RunAuthorised(in.selector, in.dataLen, in.bytes());
 }
 
 }  // namespace
@@ -45,7 +41,7 @@ TSS_RESULT Tcsip_VendorCommand1_Internal(TCS_CONTEXT_HANDLE hContext, BYTE selec
                                          const BYTE* data) {
   TpmCommand command(hContext, kVendorCommand1Ordinal);
   if (TSS_RESULT rc = command.Check()) return rc;
-  return SendVendor(command, TPM_TAG_RQU_COMMAND, {selector, dataLen, data}, nullptr);
+  return SendVendor(command, {selector, dataLen, data}, nullptr);
 }
 
 TSS_RESULT Tcsip_VendorCommand2_Internal(TCS_CONTEXT_HANDLE hContext, BYTE selector, UINT32 dataLen,
@@ -53,15 +49,14 @@ TSS_RESULT Tcsip_VendorCommand2_Internal(TCS_CONTEXT_HANDLE hContext, BYTE selec
   TpmCommand command(hContext, kVendorCommand2Ordinal);
   if (TSS_RESULT rc = command.Check()) return rc;
   if (pAuth == nullptr) return TCS_E_BAD_PARAMETER;
-  return SendVendor(command, TPM_TAG_RQU_AUTH1_COMMAND, {selector, dataLen, data}, pAuth);
+  return SendVendor(command, {selector, dataLen, data}, pAuth);
 }
 
 TSS_RESULT Tcsip_VendorCommand3_Internal(TCS_CONTEXT_HANDLE hContext, BYTE selector, UINT32 dataLen,
                                          const BYTE* data, UINT32* respLen, BYTE** resp) {
   if (respLen == nullptr || resp == nullptr) return TCS_E_BAD_PARAMETER;
   TpmCommand command(hContext, kVendorCommand3Ordinal);
-  if (TSS_RESULT rc =
-          SendVendor(command, TPM_TAG_RQU_COMMAND, {selector, dataLen, data}, nullptr)) {
+  if (TSS_RESULT rc = SendVendor(command, {selector, dataLen, data}, nullptr)) {
     return rc;
   }
   return command.UnloadRest(respLen, resp);
@@ -73,8 +68,7 @@ TSS_RESULT vendor_seq_open(TCS_CONTEXT_HANDLE hContext, BYTE selector, UINT32 da
   if (TSS_RESULT rc = command.Check()) return rc;
   if (pAuth == nullptr) return TCS_E_BAD_PARAMETER;
   SetVendorExclusiveMode(true);
-  TSS_RESULT result =
-      SendVendor(command, TPM_TAG_RQU_AUTH1_COMMAND, {selector, dataLen, data}, pAuth);
+  TSS_RESULT result = SendVendor(command, {selector, dataLen, data}, pAuth);
   if (result != TSS_SUCCESS) SetVendorExclusiveMode(false);
   return result;
 }
@@ -84,7 +78,7 @@ TSS_RESULT vendor_seq_continue(TCS_CONTEXT_HANDLE hContext, BYTE selector, UINT3
   TpmCommand command(hContext, kVendorOrdinalContinue);
   if (TSS_RESULT rc = command.Check()) return rc;
   if (!VendorExclusiveMode()) return TCS_E_FEATURE_NOT_ENABLED;
-  return SendVendor(command, TPM_TAG_RQU_COMMAND, {selector, dataLen, data}, nullptr);
+  return SendVendor(command, {selector, dataLen, data}, nullptr);
 }
 
 TSS_RESULT vendor_seq_end(TCS_CONTEXT_HANDLE hContext, BYTE selector, UINT32 dataLen,
@@ -92,7 +86,7 @@ TSS_RESULT vendor_seq_end(TCS_CONTEXT_HANDLE hContext, BYTE selector, UINT32 dat
   TpmCommand command(hContext, kVendorOrdinalEnd);
   if (TSS_RESULT rc = command.Check()) return rc;
   if (!VendorExclusiveMode()) return TCS_E_FEATURE_NOT_ENABLED;
-  TSS_RESULT result = SendVendor(command, TPM_TAG_RQU_COMMAND, {selector, dataLen, data}, nullptr);
+  TSS_RESULT result = SendVendor(command, {selector, dataLen, data}, nullptr);
   SetVendorExclusiveMode(false);
   return result;
 }

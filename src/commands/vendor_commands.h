@@ -25,8 +25,10 @@ inline constexpr TPM_COMMAND_CODE kVendorCommand3Ordinal = 0x20000003;
 
 // Vendor command 2: checks the context, sends tag 0x00C2 and ordinal 0x20000002 with the
 // authorisation trailer of *pAuth (required: null gives TCS_E_BAD_PARAMETER; a command that with
-// its trailer would pass 4096 bytes too). When the TPM accepted the command, the response trailer
-// (nonceEven, continue flag, HMAC) is read into *pAuth for the caller to verify.
+// its trailer would pass 4096 bytes too). A session the context does not own gives
+// TCS_E_INTERNAL_ERROR and nothing is sent. A failed command releases the session; when the TPM
+// accepted the command, a session sent with continue 0 is freed in the table and the response
+// trailer (nonceEven, continue flag, HMAC) is read into *pAuth for the caller to verify.
 [[nodiscard]] TSS_RESULT Tcsip_VendorCommand2_Internal(TCS_CONTEXT_HANDLE hContext, BYTE selector,
                                                        UINT32 dataLen, const BYTE* data,
                                                        TPM_AUTH* pAuth);
@@ -39,8 +41,9 @@ inline constexpr TPM_COMMAND_CODE kVendorCommand3Ordinal = 0x20000003;
                                                        UINT32* respLen, BYTE** resp);
 
 // The vendor sequence. vendor_seq_open sends ordinal 0x20008000 with tag 0x00C2 and the
-// authorisation trailer of *pAuth (required), after switching vendor exclusive mode on; the mode is
-// switched off again when the command fails (exchange or TPM result). vendor_seq_continue
+// authorisation trailer of *pAuth (required; its session handled as vendor command 2's), after
+// switching vendor exclusive mode on; the mode is switched off again when the command fails
+// (session check, exchange or TPM result). vendor_seq_continue
 // (0x20008001) and vendor_seq_end (0x20008002) send tag 0x00C1; without the mode they return
 // TCS_E_FEATURE_NOT_ENABLED and send nothing. vendor_seq_end switches the mode off once its
 // exchange is over, whatever the outcome, so a failing TPM cannot keep the service locked. All

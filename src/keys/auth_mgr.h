@@ -38,12 +38,13 @@ struct AuthTableSnapshot {
   std::array<auth_session, kAuthTableEntries> entries{};
 };
 
-// The auth mutex (for the annotations of the functions that require it).
-Mutex& auth_mutex() RETURN_CAPABILITY(auth_mutex());
+// The auth mutex. Callers of the functions that require it hold it through a MutexLock.
+Mutex& auth_mutex();
 
-// Zeroes the table and sets maxSessions. Registers the context-close hook that releases a closing
-// context's sessions. Returns 0.
-[[nodiscard]] TSS_RESULT auth_mgr_init(int16_t maxSessions);
+// Zeroes the table and sets maxSessions. `ownVendorTpm` says whether the TPM is one of the maker's
+// own, which ends sessions with TPM_FlushSpecific whatever version it reports. Registers the
+// context-close hook that releases a closing context's sessions. Returns 0.
+[[nodiscard]] TSS_RESULT auth_mgr_init(int16_t maxSessions, bool ownVendorTpm);
 // Returns 0 and does nothing else (sessions still in the TPM die with its next start-up).
 [[nodiscard]] TSS_RESULT auth_mgr_final();
 
@@ -67,6 +68,9 @@ Mutex& auth_mutex() RETURN_CAPABILITY(auth_mutex());
 // Ends every entry with `authHandle` in the TPM (auth_mgr_flush) and frees it. Returns 0. Takes
 // the auth mutex, then the TPM lock.
 TSS_RESULT auth_mgr_release(TCS_AUTHHANDLE authHandle) EXCLUDES(auth_mutex());
+// Frees every entry with `authHandle` without a TPM command: for a session the TPM has ended itself
+// (a command sent with continue 0 that succeeded). Takes the auth mutex.
+void auth_mgr_forget(TCS_AUTHHANDLE authHandle) EXCLUDES(auth_mutex());
 // The same for every entry of `hContext`: the session step of closing a context.
 TSS_RESULT auth_mgr_close_context(TCS_CONTEXT_HANDLE hContext) EXCLUDES(auth_mutex());
 // TPM_FlushSpecific(authHandle, resourceType), or TPM_Terminate_Handle(authHandle) on a TPM that

@@ -13,6 +13,8 @@
 
 #include "commands/capability.h"
 #include "commands/tcsip_keyless.h"
+#include "commands/tcsip_owner.h"
+#include "commands/tcsip_sessions.h"
 #include "commands/vendor_commands.h"
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"
@@ -212,27 +214,44 @@ constexpr Binding kBindings[] = {
     Bind<&Tcsi_GetRegisteredKeyBlob_Internal>(),
     Bind<&Tcsip_GetRegisteredKeyByPublicInfo_Internal>(),
     Bind<&Tcsip_SetOwnerInstall_Internal>(),
+    Bind<&Tcsip_TakeOwnership_Internal>(),
+    Bind<&Tcsip_OIAP_Internal>(),
+    Bind<&Tcsip_OSAP_Internal>(),
+    Bind<&Tcsip_DSAP_Internal>(),
+    Bind<&Tcsip_ChangeAuthOwner_Internal>(),
+    Bind<&Tcsip_TerminateHandle_Internal>(),
     Bind<&Tcsip_Extend_Internal>(),
     Bind<&Tcsip_PcrRead_Internal>(),
+    Bind<&Tcsip_DirWriteAuth_Internal>(),
     Bind<&Tcsip_DirRead_Internal>(),
+    Bind<&Tcsip_SetOperatorAuth_Internal>(),
     Bind<&Tcsip_GetRandom_Internal>(),
     Bind<&Tcsip_StirRandom_Internal>(),
     Bind<&Tcsip_GetCapability_Internal>(),
+    Bind<&Tcsip_GetCapabilityOwner_Internal>(),
     Bind<&Tcsip_CreateEndorsementKeyPair_Internal>(),
     Bind<&Tcsip_ReadPubek_Internal>(),
+    Bind<&Tcsip_DisablePubekRead_Internal>(),
+    Bind<&Tcsip_OwnerReadPubek_Internal>(),
     Bind<&Tcsip_SelfTestFull_Internal>(),
     Bind<&Tcsip_ContinueSelfTest_Internal>(),
     Bind<&Tcsip_GetTestResult_Internal>(),
+    Bind<&Tcsip_OwnerSetDisable_Internal>(),
+    Bind<&Tcsip_OwnerClear_Internal>(),
+    Bind<&Tcsip_DisableOwnerClear_Internal>(),
     Bind<&Tcsip_ForceClear_Internal>(),
     Bind<&Tcsip_DisableForceClear_Internal>(),
     Bind<&Tcsip_PhysicalDisable_Internal>(),
     Bind<&Tcsip_PhysicalEnable_Internal>(),
     Bind<&Tcsip_PhysicalSetDeactivated_Internal>(),
     Bind<&Tcsip_SetTempDeactivated_Internal>(),
+    Bind<&Tcsip_SetTempDeactivated2_Internal>(),
     Bind<&Tcsip_PhysicalPresence_Internal>(),
     Bind<&Tcsip_PcrReset_Internal>(),
     Bind<&Tcsip_ReadCounter_Internal>(),
     Bind<&Tcsip_TPM_ReadCurrentTicks_Internal>(),
+    Bind<&Tcsip_SetCapability_Internal>(),
+    Bind<&Tcsip_ResetLockValue_Internal>(),
 };
 
 constexpr std::array<InternalCall, rpc::kOperationCount> MakeTable() {

@@ -4,7 +4,9 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <utility>
@@ -14,6 +16,7 @@
 #include "base/logging.h"
 #include "commands/tpm_metrics.h"
 #include "contexts/contexts.h"
+#include "keys/auth_mgr.h"
 #include "keys/mem_cache.h"
 #include "rpc/dcerpc/server.h"
 #include "service/instance_lock.h"
@@ -132,6 +135,17 @@ void UndoStorageAndTpmAccess() {
   UndoTpmAccess();
 }
 
+void UndoKeyCacheAndTpmAccess() {
+  mem_cache_final();
+  UndoTpmAccess();
+}
+
+// The session table, sized by the sessions the TPM holds at once.
+TSS_RESULT StepInitSessions() {
+  const UINT32 maxSessions = std::min<UINT32>(tpm_metrics_current().maxAuthSessions, INT16_MAX);
+  return auth_mgr_init(static_cast<int16_t>(maxSessions), isOwnVendorTpm());
+}
+
 struct StartupStep {
   const char* name;
   TSS_RESULT (*run)();
@@ -141,8 +155,8 @@ struct StartupStep {
   std::string (*describeFailure)();
 };
 
-// The start-up order. The session table, the owner-held keys and the PCR event log join after
-// persistent storage as their managers land.
+// The start-up order. The owner-held keys and the PCR event log join after the session table as
+// their managers land.
 constexpr StartupStep kStartupSteps[] = {
     {"locks", StepCreateLocks, nullptr, nullptr},
     {"random seed", StepSeedRandom, nullptr, nullptr},
@@ -154,6 +168,7 @@ constexpr StartupStep kStartupSteps[] = {
     {"storage set-aside", StepSetAsideStorage, UndoStorageAndTpmAccess, nullptr},
     {"storage check", StepCheckStorage, UndoStorageAndTpmAccess, nullptr},
     {"persistent storage", StepOpenKeyCache, UndoTpmAccess, nullptr},
+    {"session table", StepInitSessions, UndoKeyCacheAndTpmAccess, nullptr},
 };
 
 // ---- Shut-down steps ----
@@ -165,6 +180,11 @@ void ShutdownRequestManager() {
   TcsTrace("kesttcs_shutdown:req_mgr_final fail", &r);
 }
 
+void ShutdownSessions() {
+  TSS_RESULT r = auth_mgr_final();
+  if (r != TSS_SUCCESS) TcsTrace("kesttcs_shutdown:auth_mgr_final fail", &r);
+}
+
 // No call can still be inside a context: listening has stopped and every worker has finished.
 void ShutdownContexts() { ctx_final(); }
 
@@ -173,10 +193,11 @@ struct ShutdownStep {
   void (*run)();
 };
 
-// The shut-down order. Releasing the owner-held keys and finishing the session table join after
-// persistent storage, and the PCR event log after the request manager, as those managers land.
+// The shut-down order. Releasing the owner-held keys joins after persistent storage, and the PCR
+// event log after the request manager, as those managers land.
 constexpr ShutdownStep kShutdownSteps[] = {
     {"kesttcs_shutdown:closeDiskCache", mem_cache_final},
+    {"kesttcs_shutdown:auth_mgr_final", ShutdownSessions},
     {"kesttcs_shutdown:req_mgr_final", ShutdownRequestManager},
     {nullptr, ShutdownContexts},
 };

@@ -123,9 +123,7 @@ OwnerCommands::OwnerCommands(CLI::App& app) {
       "Take ownership of the TPM and make its SRK. Secrets are the SHA-1 of a pass phrase read "
       "from FILE, or typed at the terminal with '-'; without the option, the well-known secret");
   provision_->add_option("--owner-secret", ownerSource_, "FILE or '-': the new owner secret");
-  provision_->add_option("--srk-secret", srkSource_,
-                         "FILE or '-': the new SRK secret (the service loads keys under the SRK "
-                         "with the srk_secret of tcs_cfg.ini)");
+  provision_->add_option("--srk-secret", srkSource_, "FILE or '-': the new SRK secret");
   CLI::App* owner = app.add_subcommand("owner", "The TPM's owner");
   owner->require_subcommand(1);
   owner->fallthrough();
@@ -221,11 +219,6 @@ std::optional<Failure> OwnerCommands::Provision(TcsConnection& tcs, Output& out)
       std::printf("SRK: %u-bit RSA storage key, modulus SHA-1 %s\n",
                   o["srk"]["modulus_bits"].get<unsigned>(),
                   o["srk"]["modulus_sha1"].get<std::string>().c_str());
-    }
-    if (!srkWellKnown_) {
-      std::printf(
-          "Set srk_secret in the service's tcs_cfg.ini ([TPM]) to the secret's 40 hex digits "
-          "(the SHA-1 of the pass phrase) so that it can load keys under the SRK.\n");
     }
   }
   return std::nullopt;

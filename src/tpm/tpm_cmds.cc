@@ -28,13 +28,13 @@ TSS_RESULT Exchange(BlobWriter& writer, UINT32 ordinal, UINT32 priority) REQUIRE
   return UnloadBlob_Header(std::span<const BYTE>(response.data(), length), &paramSize);
 }
 
-// TPM_FlushSpecific(handle, resourceType) on a TPM 1.2; the older command `olderOrdinal`(handle)
-// otherwise.
-TSS_RESULT FlushOr(TPM_COMMAND_CODE olderOrdinal, UINT32 handle, UINT32 resourceType)
-    REQUIRES(tpm_lock()) {
+// TPM_FlushSpecific(handle, resourceType) when `flushSpecific`; the older command
+// `olderOrdinal`(handle) otherwise.
+TSS_RESULT FlushOr(bool flushSpecific, TPM_COMMAND_CODE olderOrdinal, UINT32 handle,
+                   UINT32 resourceType) REQUIRES(tpm_lock()) {
   std::array<BYTE, kTpmBlobSize> command;
   BlobWriter writer(command, kTpmHeaderSize);
-  if (TpmIsVersion12()) {
+  if (flushSpecific) {
     if (TSS_RESULT rc = LoadBlobs(writer, handle, resourceType)) return rc;
     return Exchange(writer, TPM_ORD_FlushSpecific, kPriorityNormal);
   }
@@ -61,11 +61,15 @@ TSS_RESULT SendStartup(UINT16 startupType) {
 }
 
 TSS_RESULT ReleaseTpmHandle(UINT32 handle, UINT32 resourceType) {
-  return FlushOr(TPM_ORD_Terminate_Handle, handle, resourceType);
+  return SendHandleRelease(TpmIsVersion12(), handle, resourceType);
+}
+
+TSS_RESULT SendHandleRelease(bool flushSpecific, UINT32 handle, UINT32 resourceType) {
+  return FlushOr(flushSpecific, TPM_ORD_Terminate_Handle, handle, resourceType);
 }
 
 TSS_RESULT SendEvictKey(UINT32 keyHandle) {
-  return FlushOr(TPM_ORD_EvictKey, keyHandle, TPM_RT_KEY);
+  return FlushOr(TpmIsVersion12(), TPM_ORD_EvictKey, keyHandle, TPM_RT_KEY);
 }
 
 TSS_RESULT RunTpmStartupSequence() {

@@ -28,6 +28,10 @@ bool TpmIsVersion12();
 // Drops a session or other resource from the TPM at normal priority: TPM_FlushSpecific(handle,
 // resourceType) on a TPM 1.2, TPM_Terminate_Handle(handle) otherwise. Result as above.
 TSS_RESULT ReleaseTpmHandle(UINT32 handle, UINT32 resourceType) REQUIRES(tpm_lock());
+// The same with the command chosen by the caller: TPM_FlushSpecific when `flushSpecific`, else
+// TPM_Terminate_Handle (for a caller that also counts other TPMs as knowing FlushSpecific).
+TSS_RESULT SendHandleRelease(bool flushSpecific, UINT32 handle, UINT32 resourceType)
+    REQUIRES(tpm_lock());
 // Removes a key from the TPM at normal priority: TPM_FlushSpecific(keyHandle, TPM_RT_KEY) on a
 // TPM 1.2, TPM_EvictKey(keyHandle) otherwise. Result as above.
 TSS_RESULT SendEvictKey(UINT32 keyHandle) REQUIRES(tpm_lock());

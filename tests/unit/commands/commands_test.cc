@@ -11,8 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "command_bytes.h"
 #include "commands/capability.h"
 #include "commands/tcsip_keyless.h"
+#include "commands/tcsip_sessions.h"
 #include "commands/tpm_metrics.h"
 #include "commands/vendor_commands.h"
 #include "contexts/context_memory.h"
@@ -29,40 +31,11 @@ namespace {
 
 using ::testing::Each;
 using ::testing::ElementsAre;
-using Bytes = std::vector<BYTE>;
+using namespace command_bytes;  // NOLINT: the test's vocabulary
 
-Bytes U32(UINT32 v) {
-  return {static_cast<BYTE>(v >> 24), static_cast<BYTE>(v >> 16), static_cast<BYTE>(v >> 8),
-          static_cast<BYTE>(v)};
-}
-Bytes U16(UINT16 v) { return {static_cast<BYTE>(v >> 8), static_cast<BYTE>(v)}; }
-Bytes Cat(std::initializer_list<Bytes> parts) {
-  Bytes all;
-  for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
-  return all;
-}
-Bytes Fill(size_t n, BYTE b) { return Bytes(n, b); }
-// A request: tag, paramSize, ordinal, then the parameters.
-Bytes Request(UINT16 tag, UINT32 ordinal, const Bytes& params = {}) {
-  return Cat({U16(tag), U32(static_cast<UINT32>(10 + params.size())), U32(ordinal), params});
-}
-Bytes Plain(UINT32 ordinal, const Bytes& params = {}) {
-  return Request(TPM_TAG_RQU_COMMAND, ordinal, params);
-}
 // A capability answer: its size, then the bytes.
 Bytes Answer(const Bytes& bytes) { return Cat({U32(static_cast<UINT32>(bytes.size())), bytes}); }
-Bytes ToBytes(const BYTE* p, UINT32 n) { return p == nullptr ? Bytes() : Bytes(p, p + n); }
 Bytes DigestBytes(const TPM_DIGEST& d) { return Bytes(d.digest, d.digest + 20); }
-TPM_DIGEST Digest(BYTE b) {
-  TPM_DIGEST d;
-  std::memset(d.digest, b, sizeof d.digest);
-  return d;
-}
-TPM_NONCE Nonce(BYTE b) {
-  TPM_NONCE n;
-  std::memset(n.nonce, b, sizeof n.nonce);
-  return n;
-}
 // A small TPM_PUBKEY: RSA parameters (12 bytes) and an 8-byte modulus.
 const Bytes kPubkey =
     Cat({U32(1), U16(3), U16(1), U32(12), U32(512), U32(2), U32(0), U32(8), Fill(8, 0xEE)});
@@ -82,6 +55,13 @@ class CommandsTest : public ::testing::Test {
   Bytes LastSent() {
     std::vector<Bytes> all = Sent();
     return all.empty() ? Bytes() : all.back();
+  }
+  // Opens an OIAP session of ctx_ that the TPM numbers `handle`.
+  void OpenSession(TCS_AUTHHANDLE handle) {
+    tpm_->Respond(TPM_SUCCESS, Cat({U32(handle), Fill(20, 0x0E)}));
+    TCS_AUTHHANDLE opened = 0;
+    TPM_NONCE nonceEven;
+    ASSERT_EQ(Tcsip_OIAP_Internal(ctx_, &opened, &nonceEven), TSS_SUCCESS);
   }
 
   testing::TestCore core_;
@@ -543,6 +523,7 @@ TEST_F(CommandsTest, VendorCommandsCarrySelectorLengthAndData) {
   EXPECT_EQ(LastSent(), Plain(0x20000001, Cat({{7}, U32(3), data})));
 
   // Vendor command 2: the trailer goes out, the TPM's comes back into the record.
+  OpenSession(0x02000001);
   TPM_AUTH auth{};
   auth.AuthHandle = 0x02000001;
   std::memset(auth.NonceOdd.nonce, 0x0D, 20);
@@ -596,12 +577,21 @@ TEST_F(CommandsTest, VendorSequenceHoldsTheTpmForVendorTraffic) {
   EXPECT_EQ(vendor_seq_end(ctx_, 1, 0, nullptr), TCS_E_FEATURE_NOT_ENABLED);
   EXPECT_TRUE(Sent().empty());
 
-  // A refused opening leaves the mode off.
+  // Only a session of the context's own may open it.
+  EXPECT_EQ(vendor_seq_open(ctx_, 1, 0, nullptr, &auth), TCS_E_INTERNAL_ERROR);
+  EXPECT_FALSE(VendorExclusiveMode());
+  EXPECT_TRUE(Sent().empty());
+
+  // A refused opening leaves the mode off and ends the session.
+  OpenSession(0x02000002);
   tpm_->Respond(TPM_AUTHFAIL);
+  tpm_->Respond(TPM_SUCCESS);  // the session's flush
   EXPECT_EQ(vendor_seq_open(ctx_, 1, 0, nullptr, &auth), TpmResult(TPM_AUTHFAIL));
+  EXPECT_EQ(LastSent(), Plain(TPM_ORD_FlushSpecific, Cat({U32(0x02000002), U32(TPM_RT_AUTH)})));
   EXPECT_FALSE(VendorExclusiveMode());
 
   // Open: only the vendor sequence passes until it ends.
+  OpenSession(0x02000002);
   tpm_->Respond(TPM_SUCCESS, Fill(41, 0));
   ASSERT_EQ(vendor_seq_open(ctx_, 1, 0, nullptr, &auth), TSS_SUCCESS);
   EXPECT_EQ(LastSent(), Request(TPM_TAG_RQU_AUTH1_COMMAND, 0x20008000,

@@ -1,19 +1,26 @@
 // The operation table's TPM ordinals against what the operations send: every operation the service
 // implements is called through the internal-call dispatch of the RPC server, on a context of its
 // own with zero arguments, against the scripted fake answering success and zero bytes. Each sends
-// exactly the table's ordinal, or nothing when the table gives 0.
+// exactly the table's ordinal, or nothing when the table gives 0. An operation that carries a
+// session finds session 0 (the handle of a zeroed TPM_AUTH) opened for its context first.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <optional>
+#include <string_view>
 #include <vector>
 
 #include <kesttcs/tcs_results.h>
 
+#include "commands/tcsip_sessions.h"
 #include "contexts/contexts.h"
 #include "core_fixture.h"
+#include "keys/auth_mgr.h"
 #include "rpc/internal_calls.h"
 #include "rpc/operations.h"
 #include "rpc/stubs.h"
+#include "tpm12/tpm_ordinals.h"
 
 namespace kesttcs {
 namespace {
@@ -25,27 +32,75 @@ bool TakesContext(const rpc::Operation& op) {
   return !op.params.empty() && op.params[0].type == "TCS_CONTEXT_HANDLE" && op.params[0].is_input();
 }
 
+bool CarriesSession(const rpc::Operation& op) {
+  for (const rpc::Param& p : op.params) {
+    if (p.type == "TPM_AUTH" && p.is_input()) return true;
+  }
+  return false;
+}
+
+// Keeps `n` answers (success and zero bytes) queued: an operation that sent nothing leaves its
+// answer for the next command.
+void QueueAnswers(testing::TestCore& core, size_t n) {
+  while (core.fake().Unanswered() < n) {
+    core.fake().Respond(TPM_SUCCESS, std::vector<BYTE>(kResponseBytes, 0));
+  }
+}
+
+// Closes hContext if the operation left it open, answering the flush of each session it holds.
+void CloseIfOpen(testing::TestCore& core, TCS_CONTEXT_HANDLE hContext) {
+  if (ctx_ValidateContext(hContext) != TSS_SUCCESS) return;
+  const AuthTableSnapshot table = auth_mgr_snapshot();
+  QueueAnswers(core, static_cast<size_t>(std::count_if(table.entries.begin(), table.entries.end(),
+                                                       [&](const auth_session& e) {
+                                                         return e.inUse && e.hContext == hContext;
+                                                       })));
+  ASSERT_EQ(Tcsi_CloseContext_Internal(hContext), TSS_SUCCESS);
+}
+
+// Operations whose zero arguments, or this TPM 1.2, make them send something else than the
+// table's ordinal.
+std::optional<std::vector<UINT32>> SentInstead(std::string_view name) {
+  // Refused before sending: entity type 0 is no delegation entity; an empty srkInfo is no key.
+  if (name == "Tcsip_DSAP" || name == "Tcsip_TakeOwnership") return std::vector<UINT32>{};
+  // A TPM 1.2 ends sessions with TPM_FlushSpecific and reads the endorsement key with
+  // TPM_OwnerReadInternalPub.
+  if (name == "Tcsip_TerminateHandle") return std::vector<UINT32>{TPM_ORD_FlushSpecific};
+  if (name == "Tcsip_OwnerReadPubek") return std::vector<UINT32>{TPM_ORD_OwnerReadInternalPub};
+  return std::nullopt;
+}
+
 TEST(OperationOrdinalsTest, EveryImplementedOperationSendsTheOrdinalOfTheTable) {
   testing::TestCore core;
   ASSERT_EQ(core.Start(), TSS_SUCCESS);
   int implemented = 0;
   for (const rpc::Operation& op : rpc::kOperations) {
     rpc::CallFrame frame(op);
+    TCS_CONTEXT_HANDLE hContext = 0;
     if (TakesContext(op)) {
-      TCS_CONTEXT_HANDLE hContext = 0;
       ASSERT_EQ(Tcsi_OpenContext_Internal(&hContext), TSS_SUCCESS);
       frame.set_scalar(0, hContext);
+      if (CarriesSession(op) || op.name == "Tcsip_TerminateHandle") {
+        QueueAnswers(core, 1);
+        TCS_AUTHHANDLE session = 0;
+        TPM_NONCE nonceEven;
+        ASSERT_EQ(Tcsip_OIAP_Internal(hContext, &session, &nonceEven), TSS_SUCCESS);
+      }
     }
-    core.fake().Respond(TPM_SUCCESS, std::vector<BYTE>(kResponseBytes, 0));
+    QueueAnswers(core, 1);
     const size_t before = core.OrdinalsAfterStart().size();
-    if (CallInternalFunction(op.opnum, frame) == TCS_E_NOTIMPL) continue;
+    const TSS_RESULT result = CallInternalFunction(op.opnum, frame);
+    const std::vector<UINT32> all = core.OrdinalsAfterStart();
+    if (hContext != 0) {
+      ASSERT_NO_FATAL_FAILURE(CloseIfOpen(core, hContext));
+    }
+    if (result == TCS_E_NOTIMPL) continue;
     ++implemented;
 
-    const std::vector<UINT32> all = core.OrdinalsAfterStart();
     const std::vector<UINT32> sent(all.begin() + static_cast<std::ptrdiff_t>(before), all.end());
     const UINT32 ordinal = op.tpm_ordinal.value;
-    const std::vector<UINT32> expected =
-        ordinal == 0 ? std::vector<UINT32>{} : std::vector<UINT32>{ordinal};
+    const std::vector<UINT32> expected = SentInstead(op.name).value_or(
+        ordinal == 0 ? std::vector<UINT32>{} : std::vector<UINT32>{ordinal});
     EXPECT_EQ(sent, expected) << op.name;
   }
   EXPECT_GT(implemented, 0);
