@@ -11,43 +11,59 @@
  *   KestAuth_Authorize  fills the TPM_AUTH record to send: handle, a fresh nonceOdd, the continue
  *                       flag and HMAC(key, SHA1(ordinal || inParams) || nonceEven || nonceOdd ||
  *                       continue).
- *   KestAuth_Verify     checks the returned record's HMAC over SHA1(0 || ordinal || outParams) with
- *                       the returned nonceEven, then rolls the session to that nonce.
+ *   KestAuth_Verify     checks the returned record's HMAC, HMAC(key, SHA1(0 || ordinal ||
+ *                       outParams) || returned nonceEven || the session's nonceOdd || returned
+ *                       continue), then rolls the session to the returned nonceEven.
  * All integers inside the parameter bytes are big-endian, as the TPM reads them.
  *
  * Results: 0; TCS_E_BAD_PARAMETER (0xE0282003) for a null or malformed argument;
  * KESTTCS_AUTH_E_VERIFY (0xE0283001) when a response HMAC does not match (the answer did not come
  * from the TPM for this session and secret: treat its outputs as untrusted);
  * KESTTCS_AUTH_E_CLOSED (0xE0283002) for a session that is not open (never begun, or ended by a
- * command sent without continue); KESTTCS_AUTH_E_CRYPTO (0xE0283003) when the random source or an
- * RSA operation fails; KESTTCS_AUTH_E_SMALL_BUFFER (0xE0283004) when an output buffer is too
- * small (the size needed is written back). The KestAuth_Open* functions also return what the
- * service answered.
+ * command sent without continue), and from KestAuth_Verify when no authorised command awaits its
+ * answer; KESTTCS_AUTH_E_CRYPTO (0xE0283003) when the random source or an RSA operation fails;
+ * KESTTCS_AUTH_E_SMALL_BUFFER (0xE0283004) when an output buffer is too small (the size needed is
+ * written back). The KestAuth_Open* functions and KestAuth_Close also return what the service
+ * answered.
  *
- * Secrets never leave the structures the caller passes; the helper keeps no copy.
+ * A command the TPM refuses carries no authorisation record to verify, and the TPM ends the
+ * sessions it used: end the session with KestAuth_Close (which tells the service) and open a new
+ * one.
+ *
+ * Secrets never leave the structures the caller passes; the helper keeps no copy. The helper keeps
+ * no state of its own: sessions in different threads need no locking, one session is one thread's.
  *
  * Example: read the TPM's flags with the owner secret (TPM_GetCapabilityOwner, no input parameters;
  * the output digest covers the version and the two flag words).
  *
- *   KESTTCS_AUTH_SESSION s;
- *   TPM_SECRET owner;
- *   TPM_AUTH auth;
- *   TPM_VERSION version;
- *   UINT32 nonVolatile, volatileFlags;
- *   BYTE out[12];
- *   KestAuth_SecretFromPassword((const BYTE*)"owner pass", 10, &owner);
- *   TSS_RESULT rc = KestAuth_OpenOIAP(hContext, &owner, &s);
- *   if (rc == 0) rc = KestAuth_Authorize(&s, TPM_ORD_GetCapabilityOwner, NULL, 0, FALSE, &auth);
- *   if (rc == 0)
- *     rc = Tcsip_GetCapabilityOwner(hContext, &auth, &version, &nonVolatile, &volatileFlags);
- *   if (rc == 0) {
- *     memcpy(out, &version, 4);                      // TPM_VERSION is four bytes
- *     KestAuth_PutUINT32(out + 4, nonVolatile);
- *     KestAuth_PutUINT32(out + 8, volatileFlags);
- *     rc = KestAuth_Verify(&s, TPM_ORD_GetCapabilityOwner, out, sizeof out, &auth);
+ *   #include <string.h>
+ *   #include <kesttcs/tcs_auth.h>
+ *   #include <kesttcs/tcs_client.h>
+ *   #include <kesttcs/tpm_ordinals.h>
+ *
+ *   TSS_RESULT ReadOwnerFlags(TCS_CONTEXT_HANDLE hContext, UINT32* nonVolatile,
+ *                             UINT32* volatileFlags) {
+ *     KESTTCS_AUTH_SESSION s;
+ *     TPM_SECRET owner;
+ *     TPM_AUTH auth;
+ *     TPM_VERSION version;
+ *     BYTE out[12];
+ *     TSS_RESULT rc = KestAuth_SecretFromPassword((const BYTE*)"owner pass", 10, &owner);
+ *     if (rc == 0) rc = KestAuth_OpenOIAP(hContext, &owner, &s);
+ *     if (rc != 0) return rc;
+ *     rc = KestAuth_Authorize(&s, TPM_ORD_GetCapabilityOwner, NULL, 0, 0, &auth);
+ *     if (rc == 0)
+ *       rc = Tcsip_GetCapabilityOwner(hContext, &auth, &version, nonVolatile, volatileFlags);
+ *     if (rc != 0) {
+ *       KestAuth_Close(hContext, &s);  // refused or never sent: end the session everywhere
+ *       return rc;
+ *     }
+ *     memcpy(out, &version, 4);  // TPM_VERSION is four bytes
+ *     KestAuth_PutUINT32(out + 4, *nonVolatile);
+ *     KestAuth_PutUINT32(out + 8, *volatileFlags);
+ *     // Sent without continue: once verified, the TPM and the service have ended the session.
+ *     return KestAuth_Verify(&s, TPM_ORD_GetCapabilityOwner, out, sizeof out, &auth);
  *   }
- *   // The command was sent without continue: the TPM and the service have ended the session.
- *   // On failure before the send, KestAuth_Close(hContext, &s) ends it.
  */
 #ifndef KESTTCS_TCS_AUTH_H
 #define KESTTCS_TCS_AUTH_H
@@ -81,17 +97,20 @@ extern "C" {
 #define KESTTCS_ET_DEL_ROW 0x0008u
 #define KESTTCS_ET_DEL_KEY_BLOB 0x0009u
 
-/* The protocol id of TPM_TakeOwnership. */
+/* Protocol ids: TPM_TakeOwnership's, and that of the commands that change a secret by ADIP
+ * (TPM_ChangeAuth, TPM_ChangeAuthOwner). */
 #define KESTTCS_PID_OWNER 0x0005u
+#define KESTTCS_PID_ADCP 0x0004u
 
 typedef struct tdKESTTCS_AUTH_SESSION {
-  UINT32 kind;              /* KESTTCS_AUTH_OIAP, _OSAP or _DSAP; 0 before a Begin */
-  TCS_AUTHHANDLE handle;    /* the TPM's session handle */
-  TPM_NONCE nonceEven;      /* the TPM's latest nonce */
-  TPM_NONCE nonceOdd;       /* the nonce of the next (or last) authorised command */
-  TSS_BOOL nonceOddFresh;   /* nonceOdd was set for the next command and not used yet */
-  TSS_BOOL open;            /* the session can authorise another command */
-  TPM_SECRET key;           /* HMAC key: usage secret (OIAP) or shared secret (OSAP, DSAP) */
+  UINT32 kind;            /* KESTTCS_AUTH_OIAP, _OSAP or _DSAP; 0 before a Begin, kept at the end */
+  TCS_AUTHHANDLE handle;  /* the TPM's session handle */
+  TPM_NONCE nonceEven;    /* the TPM's latest nonce */
+  TPM_NONCE nonceOdd;     /* the nonce of the next (or last) authorised command */
+  TSS_BOOL nonceOddFresh; /* nonceOdd was set for the next command and not used yet */
+  TSS_BOOL open;          /* the session can authorise another command */
+  TSS_BOOL pending;       /* a command was authorised and its answer is not verified yet */
+  TPM_SECRET key;         /* HMAC key: usage secret (OIAP) or shared secret (OSAP, DSAP) */
 } KESTTCS_AUTH_SESSION;
 
 /* ---- Secrets ---- */
@@ -140,8 +159,9 @@ KESTTCS_CLIENT_API TSS_RESULT KestAuth_OpenDSAP(TCS_CONTEXT_HANDLE hContext,
                                                 const BYTE* entityValue,
                                                 const TPM_SECRET* delegationSecret,
                                                 KESTTCS_AUTH_SESSION* s);
-/* Ends an open session with Tcsip_TerminateHandle and marks it closed; a closed one is left
- * alone (0). Clears the key. */
+/* Ends the session: Tcsip_TerminateHandle while the TPM may still hold it (the session is open, or
+ * its last command's answer was not verified), then marks it closed and clears its key and nonces
+ * whatever the service answered. A session already ended needs no call (0). */
 KESTTCS_CLIENT_API TSS_RESULT KestAuth_Close(TCS_CONTEXT_HANDLE hContext, KESTTCS_AUTH_SESSION* s);
 
 /* ---- Commands ---- */
@@ -151,25 +171,29 @@ KESTTCS_CLIENT_API TSS_RESULT KestAuth_Close(TCS_CONTEXT_HANDLE hContext, KESTTC
  * first when an encAuth must be computed with the command's nonceOdd. */
 KESTTCS_CLIENT_API TSS_RESULT KestAuth_NewNonceOdd(KESTTCS_AUTH_SESSION* s);
 
-/* Fills *auth for a command of `ordinal` whose digest parameters are inParams[0, inSize):
- * AuthHandle, NonceOdd, NonceEven (the session's), fContinueAuthSession and HMAC. A session sent
- * without continue can verify that command's answer but authorise nothing more. */
+/* Fills *auth for a command of `ordinal` whose digest parameters are inParams[0, inSize) (NULL when
+ * inSize is 0): AuthHandle, NonceOdd, NonceEven (the session's), fContinueAuthSession and HMAC.
+ * The command then awaits its answer (KestAuth_Verify). A session sent without continue can verify
+ * that command's answer but authorise nothing more. */
 KESTTCS_CLIENT_API TSS_RESULT KestAuth_Authorize(KESTTCS_AUTH_SESSION* s, TPM_COMMAND_CODE ordinal,
                                                  const BYTE* inParams, UINT32 inSize,
                                                  TSS_BOOL continueSession, TPM_AUTH* auth);
 
 /* Checks the record the command returned (NonceEven, fContinueAuthSession, HMAC) against the
- * output digest parameters outParams[0, outSize) of a successful command. On success the session's
- * nonceEven becomes the returned one, and a session the TPM ended (continue 0) is marked closed. On
- * a mismatch the session is left as it was and KESTTCS_AUTH_E_VERIFY returned. */
+ * output digest parameters outParams[0, outSize) (NULL when outSize is 0) of a successful command,
+ * with the nonceOdd the session sent (the record's NonceOdd is not trusted). On success the
+ * session's nonceEven becomes the returned one, and a session the TPM ended (continue 0) is marked
+ * closed. On a mismatch the session is left as it was and KESTTCS_AUTH_E_VERIFY returned. */
 KESTTCS_CLIENT_API TSS_RESULT KestAuth_Verify(KESTTCS_AUTH_SESSION* s, TPM_COMMAND_CODE ordinal,
                                               const BYTE* outParams, UINT32 outSize,
                                               const TPM_AUTH* auth);
 
 /* ADIP: encrypts `secret` for an OSAP or DSAP session as
  * secret XOR SHA1(sharedSecret || nonce), where `nonce` is the session's nonceEven for the first
- * encrypted secret of a command and its (fresh) nonceOdd for the second one
- * (KESTTCS_ADIP_EVEN / KESTTCS_ADIP_ODD). OIAP sessions give TCS_E_BAD_PARAMETER. */
+ * encrypted secret of a command and its nonceOdd for the second one
+ * (KESTTCS_ADIP_EVEN / KESTTCS_ADIP_ODD). The second needs the command's own nonceOdd, so it must
+ * be fresh (KestAuth_NewNonceOdd first); a used one gives TCS_E_BAD_PARAMETER, as do OIAP sessions.
+ */
 #define KESTTCS_ADIP_EVEN 0u
 #define KESTTCS_ADIP_ODD 1u
 KESTTCS_CLIENT_API TSS_RESULT KestAuth_EncAuth(const KESTTCS_AUTH_SESSION* s,
@@ -180,8 +204,11 @@ KESTTCS_CLIENT_API TSS_RESULT KestAuth_EncAuth(const KESTTCS_AUTH_SESSION* s,
 
 /* Encrypts an owner or SRK secret for Tcsip_TakeOwnership under the endorsement key:
  * RSA-OAEP with SHA-1, MGF1 and the label "TCPA". `pubEndorsementKey` is the TPM_PUBKEY that
- * Tcsip_ReadPubek returned. On input *outSize is the room at `out`; on output the bytes written
- * (or needed, with KESTTCS_AUTH_E_SMALL_BUFFER). */
+ * Tcsip_ReadPubek returned: an RSA key for OAEP (algorithm 1, encryption scheme 3), two primes, a
+ * modulus of 512 to 4096 bits whose size agrees with its key length, an odd exponent above 1 (or
+ * none: 65537); anything else, or bytes left over, gives TCS_E_BAD_PARAMETER. On input *outSize is
+ * the room at `out` (`out` may be NULL when it is 0); on output the bytes written, the modulus
+ * size (or needed, with KESTTCS_AUTH_E_SMALL_BUFFER). */
 KESTTCS_CLIENT_API TSS_RESULT KestAuth_EncryptForOwnership(const BYTE* pubEndorsementKey,
                                                            UINT32 pubEndorsementKeySize,
                                                            const TPM_SECRET* secret, BYTE* out,
@@ -189,7 +216,7 @@ KESTTCS_CLIENT_API TSS_RESULT KestAuth_EncryptForOwnership(const BYTE* pubEndors
 
 /* ---- Byte helpers for digest parameters ---- */
 
-/* Writes `value` big-endian at p[0..3] / p[0..1]. */
+/* Writes `value` big-endian at p[0..3] / p[0..1] (nothing when p is NULL). */
 KESTTCS_CLIENT_API void KestAuth_PutUINT32(BYTE* p, UINT32 value);
 KESTTCS_CLIENT_API void KestAuth_PutUINT16(BYTE* p, UINT16 value);
 
