@@ -54,13 +54,13 @@ void WriteConfiguration(const std::string& home, const CoreOptions& options) {
 
 std::vector<Bytes> StartupAnswers() { return StartupAnswers(16); }
 
-std::vector<Bytes> StartupAnswers(UINT32 authSessions) {
+std::vector<Bytes> StartupAnswers(UINT32 authSessions, bool owned) {
   return {
       FakeTpmBackend::Response(TPM_SUCCESS),                         // ContinueSelfTest
       CapabilityAnswer({'I', 'B', 'M', 0}),                          // manufacturer
       CapabilityAnswer({0x00, 0x30, 1, 2, 0, 0, 0x00, 0x02, 0x03}),  // TPM_CAP_VERSION_INFO
       CapabilityAnswer({1}),                                         // TPM_SaveContext supported
-      CapabilityAnswer({0}),                                         // no owner
+      CapabilityAnswer({BYTE(owned ? 1 : 0)}),                       // owner or none
       NumberAnswer(24),                                              // PCRs
       NumberAnswer(1),                                               // DIRs
       NumberAnswer(20),                                              // key slots
@@ -80,7 +80,7 @@ TestCore::TestCore(CoreOptions options) {
     backend_ = std::make_unique<FuzzTpmBackend>(fuzzStream_);
   } else {
     auto fake = std::make_unique<FakeTpmBackend>();
-    for (Bytes& answer : StartupAnswers(options.authSessions)) {
+    for (Bytes& answer : StartupAnswers(options.authSessions, options.owned)) {
       fake->Expect({std::move(answer), TSS_SUCCESS, std::nullopt});
     }
     fake_ = fake.get();

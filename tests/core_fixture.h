@@ -29,8 +29,9 @@ namespace kesttcs::testing {
 // figures).
 std::vector<std::vector<BYTE>> StartupAnswers();
 
-// StartupAnswers() with the TPM holding `authSessions` authorisation sessions at once.
-std::vector<std::vector<BYTE>> StartupAnswers(UINT32 authSessions);
+// StartupAnswers() with the TPM holding `authSessions` authorisation sessions at once, and with an
+// owner when `owned`.
+std::vector<std::vector<BYTE>> StartupAnswers(UINT32 authSessions, bool owned = false);
 
 // What the core runs against; CoreOptions() is the scripted fake without logging.
 struct CoreOptions {
@@ -57,10 +58,18 @@ struct CoreOptions {
     return *this;
   }
 
+  // The scripted fake reports an owner at start-up (storage then keeps its file and makes sure it
+  // has an SRK record).
+  CoreOptions& Owned() {
+    owned = true;
+    return *this;
+  }
+
   std::string backendConfig;
   std::optional<std::span<const BYTE>> fuzzInput;
   bool needLog = false;
   UINT32 authSessions = 16;
+  bool owned = false;
 };
 
 class TestCore {

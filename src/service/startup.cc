@@ -17,6 +17,7 @@
 #include "commands/tpm_metrics.h"
 #include "contexts/contexts.h"
 #include "keys/auth_mgr.h"
+#include "keys/mem_cache.h"
 #include "rpc/dcerpc/server.h"
 #include "service/instance_lock.h"
 #include "storage/persistent_storage.h"
@@ -126,11 +127,16 @@ TSS_RESULT StepSetAsideStorage() {
 
 TSS_RESULT StepCheckStorage() { return ps_checkAndRestore(g_paths.storageFile); }
 
-// Loads the registered-key index (the key cache's init will run it once the cache is there).
-TSS_RESULT StepOpenStorage() { return ps_init(g_paths.storageFile, tpmHasOwner()); }
+// The key cache opens persistent storage, whose index load enters the SRK into it.
+TSS_RESULT StepOpenKeyCache() { return mem_cache_init(g_paths.storageFile, tpmHasOwner()); }
 
 void UndoStorageAndTpmAccess() {
   ps_close();
+  UndoTpmAccess();
+}
+
+void UndoKeyCacheAndTpmAccess() {
+  mem_cache_final();
   UndoTpmAccess();
 }
 
@@ -161,8 +167,8 @@ constexpr StartupStep kStartupSteps[] = {
     {"TPM metrics", StepReadTpmMetrics, UndoTpmAccess, nullptr},
     {"storage set-aside", StepSetAsideStorage, UndoStorageAndTpmAccess, nullptr},
     {"storage check", StepCheckStorage, UndoStorageAndTpmAccess, nullptr},
-    {"persistent storage", StepOpenStorage, UndoTpmAccess, nullptr},
-    {"session table", StepInitSessions, UndoStorageAndTpmAccess, nullptr},
+    {"persistent storage", StepOpenKeyCache, UndoTpmAccess, nullptr},
+    {"session table", StepInitSessions, UndoKeyCacheAndTpmAccess, nullptr},
 };
 
 // ---- Shut-down steps ----
@@ -173,8 +179,6 @@ void ShutdownRequestManager() {
   ReportServiceEvent(r, 0, 0, nullptr);
   TcsTrace("kesttcs_shutdown:req_mgr_final fail", &r);
 }
-
-void ShutdownStorage() { ps_close(); }
 
 void ShutdownSessions() {
   TSS_RESULT r = auth_mgr_final();
@@ -192,7 +196,7 @@ struct ShutdownStep {
 // The shut-down order. Releasing the owner-held keys joins after persistent storage, and the PCR
 // event log after the request manager, as those managers land.
 constexpr ShutdownStep kShutdownSteps[] = {
-    {"kesttcs_shutdown:closeDiskCache", ShutdownStorage},
+    {"kesttcs_shutdown:closeDiskCache", mem_cache_final},
     {"kesttcs_shutdown:auth_mgr_final", ShutdownSessions},
     {"kesttcs_shutdown:req_mgr_final", ShutdownRequestManager},
     {nullptr, ShutdownContexts},
