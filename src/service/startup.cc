@@ -15,6 +15,7 @@
 #include "commands/tpm_metrics.h"
 #include "contexts/contexts.h"
 #include "rpc/dcerpc/server.h"
+#include "service/event_log_start.h"
 #include "service/instance_lock.h"
 #include "storage/persistent_storage.h"
 #include "tpm/driver.h"
@@ -109,6 +110,11 @@ TSS_RESULT StepReadTpmMetrics() {
   return r;
 }
 
+// One list per PCR the TPM reported; with persistence on, the events file is replayed into it.
+TSS_RESULT StepCreateEventLog() {
+  return StartEventLog(tpm_metrics_current().pcrCount, g_config.eventLogPersist, g_paths.data);
+}
+
 // Undo after the TPM is up: the driver is closed again.
 void UndoTpmAccess() { static_cast<void>(req_mgr_final()); }
 
@@ -140,8 +146,8 @@ struct StartupStep {
   std::string (*describeFailure)();
 };
 
-// The start-up order. The session table, the owner-held keys and the PCR event log join after
-// persistent storage as their managers land.
+// The start-up order. The session table and the owner-held keys join after persistent storage as
+// their managers land, before the PCR event log.
 constexpr StartupStep kStartupSteps[] = {
     {"locks", StepCreateLocks, nullptr, nullptr},
     {"random seed", StepSeedRandom, nullptr, nullptr},
@@ -153,6 +159,7 @@ constexpr StartupStep kStartupSteps[] = {
     {"storage set-aside", StepSetAsideStorage, UndoStorageAndTpmAccess, nullptr},
     {"storage check", StepCheckStorage, UndoStorageAndTpmAccess, nullptr},
     {"persistent storage", StepOpenStorage, UndoTpmAccess, nullptr},
+    {"PCR event log", StepCreateEventLog, UndoStorageAndTpmAccess, nullptr},
 };
 
 // ---- Shut-down steps ----
@@ -166,6 +173,10 @@ void ShutdownRequestManager() {
 
 void ShutdownStorage() { ps_close(); }
 
+void ShutdownEventLog() {
+  if (event_log_final() != TSS_SUCCESS) TcsTrace("kesttcs_shutdown:event_log_final fail", nullptr);
+}
+
 // No call can still be inside a context: listening has stopped and every worker has finished.
 void ShutdownContexts() { ctx_final(); }
 
@@ -175,10 +186,11 @@ struct ShutdownStep {
 };
 
 // The shut-down order. Releasing the owner-held keys and finishing the session table join after
-// persistent storage, and the PCR event log after the request manager, as those managers land.
+// persistent storage as those managers land.
 constexpr ShutdownStep kShutdownSteps[] = {
     {"kesttcs_shutdown:closeDiskCache", ShutdownStorage},
     {"kesttcs_shutdown:req_mgr_final", ShutdownRequestManager},
+    {"kesttcs_shutdown:event_log_final", ShutdownEventLog},
     {nullptr, ShutdownContexts},
 };
 
