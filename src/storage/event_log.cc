@@ -26,7 +26,7 @@ struct SourceBinding {
 };
 
 struct EventLog {
-  Mutex mu;  // the log mutex: a leaf
+  Mutex mu;  // the log mutex; only the context memory's mutex is taken while it is held
   // One list per PCR. A deque keeps its elements in place while others are appended, so a record
   // found under the mutex can be copied after it is released.
   std::vector<std::deque<LoggedEvent>> lists GUARDED_BY(mu);

@@ -7,8 +7,9 @@
 // by two PCR bit masks. Both masks are empty and nothing sets them, so every PCR is served from
 // memory; the source table exists without sources.
 //
-// Lock: the log mutex guards the lists and the attached file; it is a leaf (nothing else is taken
-// while it is held). Every operation first validates hContext (TCS_E_INVALID_CONTEXT unchanged).
+// Lock: the log mutex guards the lists and the attached file. While it is held only the context
+// memory's mutex (a leaf) is taken, to hand out copies. Every operation first validates hContext
+// (TCS_E_INVALID_CONTEXT unchanged).
 #pragma once
 
 #include <functional>
@@ -39,7 +40,7 @@ struct LoggedEvent {
 // stores the PCR's event count into *number.
 struct EventSource {
   TSS_RESULT (*open)(const char* name, int* handle);
-  TSS_RESULT (*getEventsByPcr)
+  TSS_RESULT(*getEventsByPcr)
   (int handle, UINT32 pcrIndex, UINT32 firstEvent, UINT32* eventCount,
    std::vector<LoggedEvent>* events);
   TSS_RESULT (*getEvent)(int handle, UINT32 pcrIndex, UINT32* number, LoggedEvent* event);
