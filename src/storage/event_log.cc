@@ -192,12 +192,6 @@ TSS_RESULT event_log_restore(std::span<const LoggedEvent> events) {
   return TSS_SUCCESS;
 }
 
-UINT32 event_log_pcr_count() {
-  if (g_log == nullptr) return 0;
-  MutexLock lock(g_log->mu);
-  return static_cast<UINT32>(g_log->lists.size());
-}
-
 TSS_RESULT Tcsi_LogPcrEvent_Internal(TCS_CONTEXT_HANDLE hContext, const TSS_PCR_EVENT& Event,
                                      UINT32* pNumber) {
   if (TSS_RESULT r = Enter(hContext); r != TSS_SUCCESS) return r;

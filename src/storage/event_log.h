@@ -67,9 +67,6 @@ void event_log_set_append_hook(EventAppended hook);
 // TCS_E_INTERNAL_ERROR when the log does not exist.
 [[nodiscard]] TSS_RESULT event_log_restore(std::span<const LoggedEvent> events);
 
-// The number of PCRs the log has lists for; 0 before event_log_init.
-UINT32 event_log_pcr_count();
-
 // Appends a deep copy of Event to its PCR's list; *pNumber becomes that PCR's event count after
 // the append (1 for its first event). Returns 0; TCS_E_BAD_PARAMETER for a PCR index at or above
 // the count, a null pNumber or data lengths without data; TCS_E_FAIL for a PCR served by an
