@@ -111,8 +111,9 @@ class EventsFile {
 // Moves the file aside and says why, in the trace and the event log.
 void SetAside(const std::string& dataDir, const std::string& why) {
   const std::string path = dataDir + kEventsFileName;
-  std::rename(path.c_str(), (dataDir + kEventsBackupName).c_str());
-  const std::string text = path + " set aside as " + kEventsBackupName + ": " + why;
+  const std::string backup = dataDir + kEventsBackupName;
+  std::rename(path.c_str(), backup.c_str());
+  const std::string text = path + " set aside as " + backup + ": " + why;
   const char* strings[] = {text.c_str()};
   ReportServiceEvent(kEventEventsFileSetAside, 0, 1, strings);
   TcsTrace(text.c_str(), nullptr);

@@ -125,7 +125,7 @@ class EventsFileAttachTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(core_.Start(), TSS_SUCCESS);
-    SetEventSink([this](const ServiceEvent& e) { reported_.push_back(e.eventCode); });
+    SetEventSink([this](const ServiceEvent& e) { reported_.push_back(e); });
   }
   void TearDown() override { SetEventSink({}); }
 
@@ -142,7 +142,7 @@ class EventsFileAttachTest : public ::testing::Test {
   TestCore core_;
   TempDir data_;
   fs::path file_ = fs::path(data_.path()) / "events.log";
-  std::vector<UINT32> reported_;
+  std::vector<ServiceEvent> reported_;
 };
 
 TEST_F(EventsFileAttachTest, AMatchingFileIsReplayedAndNewEventsFollowIt) {
@@ -183,7 +183,13 @@ TEST_F(EventsFileAttachTest, AFileTheTpmNoLongerMatchesIsSetAside) {
                                   }),
             TSS_SUCCESS);
   EXPECT_TRUE(LoggedTags().empty());
-  EXPECT_EQ(reported_, std::vector<UINT32>{kEventEventsFileSetAside});
+  ASSERT_EQ(reported_.size(), 1u);
+  EXPECT_EQ(reported_[0].eventCode, kEventEventsFileSetAside);
+  EXPECT_EQ(reported_[0].type, kEventWarning);
+  ASSERT_EQ(reported_[0].strings.size(), 1u);
+  EXPECT_NE(
+      reported_[0].strings[0].find("events.log.bak: replaying PCR 0 does not give the TPM's value"),
+      std::string::npos);
   EXPECT_EQ(ReadFile(fs::path(data_.path()) / "events.log.bak"), old);
   EXPECT_EQ(ReadFile(file_), EventsFileHeader());
 }
