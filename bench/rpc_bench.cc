@@ -2,7 +2,8 @@
 // the embedded libtpms TPM in a temporary home, all in this process) against a bare Unix-socket
 // echo of the same message size: Tcsi_GetCapability (no TPM command) and Tcsip_GetRandom(16), with
 // 1 and 8 client threads, each thread on its own connection. Compare each RPC row with its echo
-// row for the per-call overhead of the RPC path.
+// row for the per-call overhead of the RPC path. Also Tcsi_GetPcrEventLog of a log of 100 000
+// events, one call answered in one fragmented response, against the same copy made in-process.
 #include <benchmark/benchmark.h>
 #include <kesttcs/tcs_client.h>
 #include <sys/socket.h>
@@ -15,8 +16,11 @@
 #include <thread>
 #include <vector>
 
+#include "contexts/context_memory.h"
+#include "contexts/contexts.h"
 #include "embedded_tpm.h"
 #include "rpc/rpc_service.h"
+#include "storage/event_log.h"
 
 namespace {
 
@@ -115,6 +119,62 @@ void RpcGetRandom16(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 
+constexpr UINT32 kLoggedEvents = 100000;
+
+// Fills the event log once with kLoggedEvents events (20-byte digest, 16 bytes of data) spread
+// over the 24 PCRs, logged in-process so that only the reading is measured.
+bool FillEventLog() {
+  static const bool filled = [] {
+    BYTE digest[20] = {};
+    BYTE data[16] = {};
+    for (UINT32 i = 0; i < kLoggedEvents; ++i) {
+      digest[0] = static_cast<BYTE>(i);
+      TSS_PCR_EVENT e{{1, 2, 0, 0}, i % 24, 13, sizeof(digest), digest, sizeof(data), data};
+      UINT32 number = 0;
+      if (kesttcs::Tcsi_LogPcrEvent_Internal(kesttcs::kInternalContextHandle, e, &number) != 0) {
+        return false;
+      }
+    }
+    return true;
+  }();
+  return filled;
+}
+
+void RpcGetPcrEventLog100k(benchmark::State& state) {
+  const Environment& env = Env();
+  if (!FillEventLog()) state.SkipWithError("fill");
+  if (Tcs_ConnectThread(env.socket.c_str()) != 0) state.SkipWithError("connect");
+  TCS_CONTEXT_HANDLE h = 0;
+  if (Tcsi_OpenContext(&h) != 0) state.SkipWithError("open");
+  for (auto _ : state) {
+    UINT32 count = 0;
+    TSS_PCR_EVENT* events = nullptr;
+    if (Tcsi_GetPcrEventLog(h, &count, &events) != 0 || count != kLoggedEvents) {
+      state.SkipWithError("call");
+    }
+    Tcs_FreeBuffer(events);
+  }
+  static_cast<void>(Tcsi_CloseContext(h));
+  Tcs_DisconnectThread();
+  state.SetItemsProcessed(state.iterations() * kLoggedEvents);
+}
+
+// The same answer made by the internal function alone: the copies into context memory.
+void InternalGetPcrEventLog100k(benchmark::State& state) {
+  Env();
+  if (!FillEventLog()) state.SkipWithError("fill");
+  for (auto _ : state) {
+    UINT32 count = 0;
+    TSS_PCR_EVENT* events = nullptr;
+    if (kesttcs::Tcsi_GetPcrEventLog_Internal(kesttcs::kInternalContextHandle, &count, &events) !=
+        0) {
+      state.SkipWithError("call");
+    }
+    kesttcs::ctx_FreeContextMemory(kesttcs::kInternalContextHandle);
+  }
+  state.SetItemsProcessed(state.iterations() * kLoggedEvents);
+}
+
 void Echo(benchmark::State& state, size_t message) {
   const Environment& env = Env();
   const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
@@ -144,5 +204,7 @@ BENCHMARK(RpcGetCapability)->Threads(1)->Threads(8)->UseRealTime();
 BENCHMARK(EchoCapabilitySize)->Threads(1)->Threads(8)->UseRealTime();
 BENCHMARK(RpcGetRandom16)->Threads(1)->Threads(8)->UseRealTime();
 BENCHMARK(EchoRandomSize)->Threads(1)->Threads(8)->UseRealTime();
+BENCHMARK(RpcGetPcrEventLog100k)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(InternalGetPcrEventLog100k)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace

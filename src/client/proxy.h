@@ -52,6 +52,9 @@ bool PutInput(rpc::CallFrame& frame, A arg) {
     if (arg == nullptr) return count == 0;
     slot.value = rpc::ArrayFromC(p.kind, arg, count);
     return true;
+  } else if constexpr (p.form == rpc::Form::kOptPtr) {
+    slot.requested = arg != nullptr;
+    return true;
   } else {
     if (arg == nullptr) return false;
     if constexpr (p.form == rpc::Form::kArrayPtr && p.dir == rpc::Dir::kInOut) {
@@ -77,12 +80,13 @@ bool TakeOutput(rpc::CallFrame& frame, A arg, TCS_CONTEXT_HANDLE hContext) {
       return true;
     } else {
       using Element = std::remove_pointer_t<std::remove_pointer_t<A>>;
+      if (arg == nullptr) return true;  // a kOptPtr the caller did not pass
       if (!slot.present) {
         *arg = nullptr;
         return true;
       }
-      *arg = static_cast<Element*>(
-          AllocateOutput(hContext, p.kind, slot.value, p.form == rpc::Form::kPtr));
+      *arg = static_cast<Element*>(AllocateOutput(
+          hContext, p.kind, slot.value, p.form == rpc::Form::kPtr || p.form == rpc::Form::kOptPtr));
       return *arg != nullptr;
     }
   }

@@ -1,6 +1,7 @@
 #include "contexts/context_memory.h"
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <unordered_map>
@@ -53,10 +54,12 @@ TSS_RESULT ctx_ReleaseMemory(TCS_CONTEXT_HANDLE hContext, const void* pMemory) {
   auto entry = g_table->entries.find(hContext);
   if (entry == g_table->entries.end()) return TCS_E_MEMORY_NOT_OWNED;
   std::vector<Block>& blocks = entry->second;
-  auto it = std::find_if(blocks.begin(), blocks.end(),
+  // Searched newest first: outputs go back soon after they were made, and the newest block is
+  // also the cheapest to erase.
+  auto it = std::find_if(blocks.rbegin(), blocks.rend(),
                          [pMemory](const Block& b) { return b.get() == pMemory; });
-  if (it == blocks.end()) return TCS_E_INTERNAL_ERROR;
-  blocks.erase(it);
+  if (it == blocks.rend()) return TCS_E_INTERNAL_ERROR;
+  blocks.erase(std::next(it).base());
   if (blocks.empty()) g_table->entries.erase(entry);
   return TSS_SUCCESS;
 }

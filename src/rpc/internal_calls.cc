@@ -21,6 +21,7 @@
 #include "rpc/c_layout.h"
 #include "rpc/name_of.h"
 #include "rpc/operations.h"
+#include "storage/event_log.h"
 #include "storage/registered_keys.h"
 
 namespace kesttcs {
@@ -48,17 +49,20 @@ void Release(TCS_CONTEXT_HANDLE hContext, const void* block) {
   if (block != nullptr) (void)ctx_ReleaseMemory(hContext, block);
 }
 
-// Releases an output block and the blocks behind the embedded pointers of its structures.
+// Releases an output block and the blocks behind the embedded pointers of its structures, newest
+// first: internal functions allocate the array before its elements' data, and the context's memory
+// finds the newest blocks fastest, so even an event log of 100 000 records goes back in linear
+// time.
 void ReleaseOutput(TCS_CONTEXT_HANDLE hContext, rpc::Kind kind, const void* block, size_t count) {
   if (kind == rpc::Kind::kPcrEvent) {
     const auto* events = static_cast<const TSS_PCR_EVENT*>(block);
-    for (size_t i = 0; i < count; ++i) {
-      Release(hContext, events[i].rgbPcrValue);
+    for (size_t i = count; i-- > 0;) {
       Release(hContext, events[i].rgbEvent);
+      Release(hContext, events[i].rgbPcrValue);
     }
   } else if (kind == rpc::Kind::kKeyInfo) {
     const auto* infos = static_cast<const TSS_KM_KEYINFO*>(block);
-    for (size_t i = 0; i < count; ++i) Release(hContext, infos[i].rgbVendorData);
+    for (size_t i = count; i-- > 0;) Release(hContext, infos[i].rgbVendorData);
   }
   Release(hContext, block);
 }
@@ -115,6 +119,7 @@ class Holder {
       static_assert(std::is_pointer_v<A> && std::is_pointer_v<Pointee> &&
                         FitsElement<Bare<std::remove_pointer_t<Pointee>>>(p),
                     "output pointer argument of the wrong type");
+      if (p.form == Form::kOptPtr && !frame_.arg(I).requested) return nullptr;
       return reinterpret_cast<A>(&out_);
     }
   }
@@ -124,7 +129,8 @@ class Holder {
       rpc::Arg& arg = frame_.arg(I);
       if constexpr (p.form == Form::kRef || p.form == Form::kUnique) {
         if (arg.present) arg.value = rpc::SingleFromC(p.kind, buf_);
-      } else if constexpr (p.form == Form::kPtr) {
+      } else if constexpr (p.form == Form::kPtr || p.form == Form::kOptPtr) {
+        arg.present = false;
         if (out_ != nullptr) {
           frame_.SetOutput(I, rpc::SingleFromC(p.kind, out_));
           ReleaseOutput(hContext, p.kind, out_, 1);
@@ -213,6 +219,10 @@ constexpr Binding kBindings[] = {
     Bind<&Tcsi_GetRegisteredKey_Internal>(),
     Bind<&Tcsi_GetRegisteredKeyBlob_Internal>(),
     Bind<&Tcsip_GetRegisteredKeyByPublicInfo_Internal>(),
+    Bind<&Tcsi_LogPcrEvent_Internal>(),
+    Bind<&Tcsi_GetPcrEvent_Internal>(),
+    Bind<&Tcsi_GetPcrEventsByPcr_Internal>(),
+    Bind<&Tcsi_GetPcrEventLog_Internal>(),
     Bind<&Tcsip_SetOwnerInstall_Internal>(),
     Bind<&Tcsip_TakeOwnership_Internal>(),
     Bind<&Tcsip_OIAP_Internal>(),

@@ -51,6 +51,8 @@ consteval bool ParamShapeIsValid(const Operation& op, size_t index) {
       return p.dir != Dir::kOut && p.size_is.empty();
     case Form::kPtr:
       return p.dir == Dir::kOut && p.size_is.empty();
+    case Form::kOptPtr:
+      return p.dir == Dir::kInOut && p.size_is.empty();
     case Form::kArray: {
       const std::optional<size_t> size = SizeParamIndex(op, index);
       if (p.dir != Dir::kIn || !size) return false;

@@ -18,6 +18,9 @@
 //                                                                an earlier UINT32* parameter
 //   Form::kPtr       [out] T** name                              one element behind a pointer
 //                                                                that may come back null
+//   Form::kOptPtr    [in, out, unique] T** name                  as kPtr, but the caller may
+//                                                                pass no pointer at all: then
+//                                                                nothing comes back
 // `size_is` names the size parameter of the two array forms; SizeParamIndex() turns it into an
 // index. Kind says what one element is; the type name is one of rpc/interface_types.h.
 #pragma once
@@ -40,7 +43,7 @@ namespace kesttcs::rpc {
 
 enum class Dir : uint8_t { kIn, kOut, kInOut };
 
-enum class Form : uint8_t { kValue, kRef, kUnique, kArray, kArrayPtr, kPtr };
+enum class Form : uint8_t { kValue, kRef, kUnique, kArray, kArrayPtr, kPtr, kOptPtr };
 
 // Where an entry handler holds the API serialisation lock.
 enum class ApiLock : uint8_t {
@@ -155,6 +158,9 @@ consteval Param OptInOut(std::string_view type, std::string_view name) {
 }
 consteval Param OutPtr(std::string_view type, std::string_view name) {
   return Make(Dir::kOut, Form::kPtr, type, name);
+}
+consteval Param OptOutPtr(std::string_view type, std::string_view name) {
+  return Make(Dir::kInOut, Form::kOptPtr, type, name);
 }
 consteval Param InArray(std::string_view type, std::string_view name, std::string_view size) {
   return Make(Dir::kIn, Form::kArray, type, name, size);
@@ -328,7 +334,7 @@ inline constexpr Param kTcsi_GetPcrEvent[] = {
     In("TCS_CONTEXT_HANDLE", "hContext"),
     In("UINT32", "PcrIndex"),
     InOut("UINT32", "pNumber"),
-    OutPtr("TSS_PCR_EVENT", "ppEvent"),
+    OptOutPtr("TSS_PCR_EVENT", "ppEvent"),
 };
 inline constexpr Param kTcsi_GetPcrEventsByPcr[] = {
     In("TCS_CONTEXT_HANDLE", "hContext"),
@@ -1205,7 +1211,8 @@ inline constexpr std::array<Operation, kOperationCount> kOperations = {{
      "The three credentials come from the service's own files, not from the TPM."},
     {21, "Tcsi_LogPcrEvent", kTraced, kNoOrdinal, detail::kTcsi_LogPcrEvent},
     {22, "Tcsi_GetPcrEvent", kTraced, kNoOrdinal, detail::kTcsi_GetPcrEvent,
-     "pNumber names the event wanted; the event comes back through a pointer that may be null."},
+     "pNumber names the event wanted and the event comes back behind ppEvent; a caller that passes "
+     "no ppEvent gets the PCR's number of events in pNumber instead."},
     {23, "Tcsi_GetPcrEventsByPcr", kTraced, kNoOrdinal, detail::kTcsi_GetPcrEventsByPcr,
      "pEventCount carries the number wanted in and the number returned out."},
     {24, "Tcsi_GetPcrEventLog", kTraced, kNoOrdinal, detail::kTcsi_GetPcrEventLog},

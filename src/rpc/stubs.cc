@@ -375,6 +375,14 @@ bool ReadParam(NdrReader& r, CallFrame& frame, size_t index) {
       if (!r.ReadUniquePointer(arg.present)) return false;
       arg.value = ValueFor(p);
       return !arg.present || ReadElement(r, p.kind, arg.value);
+    case Form::kOptPtr:
+      // An element that comes with a request is read and dropped: only the answer fills it.
+      if (!r.ReadUniquePointer(arg.requested)) return false;
+      arg.present = false;
+      arg.value = ValueFor(p);
+      if (!arg.requested) return true;
+      if (!r.ReadUniquePointer(arg.present)) return false;
+      return !arg.present || ReadElement(r, p.kind, arg.value);
     case Form::kArray:
     case Form::kArrayPtr: {
       if (p.form == Form::kArrayPtr) {
@@ -401,6 +409,11 @@ bool WriteParam(NdrWriter& w, const CallFrame& frame, size_t index) {
       return arg.present && WriteElement(w, p.kind, arg.value);
     case Form::kUnique:
     case Form::kPtr:
+      w.WriteUniquePointer(arg.present);
+      return !arg.present || WriteElement(w, p.kind, arg.value);
+    case Form::kOptPtr:
+      w.WriteUniquePointer(arg.requested);
+      if (!arg.requested) return true;
       w.WriteUniquePointer(arg.present);
       return !arg.present || WriteElement(w, p.kind, arg.value);
     case Form::kArray:
@@ -469,7 +482,8 @@ CallFrame::CallFrame(const Operation& op) : op_(&op) {
   args_.reserve(op.params.size());
   for (const Param& p : op.params) {
     const bool pointer_output =
-        p.dir == Dir::kOut && (p.form == Form::kPtr || p.form == Form::kArrayPtr);
+        p.form == Form::kOptPtr ||
+        (p.dir == Dir::kOut && (p.form == Form::kPtr || p.form == Form::kArrayPtr));
     args_.push_back(Arg{!pointer_output, ValueFor(p)});
   }
 }
@@ -510,8 +524,10 @@ bool UnmarshalResponse(NdrReader& reader, CallFrame& frame, TSS_RESULT& result) 
     const Param& p = frame.op().params[i];
     if (!p.is_output()) continue;
     const bool sent = frame.arg(i).present;
+    const bool requested = frame.arg(i).requested;
     if (!ReadParam(reader, frame, i)) return false;
     if (p.form == Form::kUnique && frame.arg(i).present != sent) return reader.Fail();
+    if (frame.arg(i).requested != requested) return reader.Fail();
   }
   uint32_t r = 0;
   if (!reader.ReadUint32(r)) return false;

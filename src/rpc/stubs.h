@@ -14,6 +14,8 @@
 //   TSS_KM_KEYINFO     version, two UUIDs, two bytes, length, pointer id (48 bytes); its vendor
 //                      data follows likewise
 //   Form::kUnique, kPtr and kArrayPtr carry a referent id (0 = null); kRef and kArray carry none.
+//   Form::kOptPtr carries the referent id of the caller's pointer and, when that is not null, the
+//                    referent id of the element behind it (null in a request from this library).
 //   Arrays carry their conformance (element count) first; it must equal the size parameter.
 // The return value follows the outputs in a response.
 #pragma once
@@ -72,9 +74,12 @@ using Value = std::variant<uint64_t, TPM_DIGEST, TPM_AUTH, TSS_UUID, TPM_VERSION
                            std::vector<uint32_t>, std::vector<PcrEvent>, std::vector<KeyInfo>>;
 
 struct Arg {
-  // False for a null pointer (Form::kUnique, kPtr, kArrayPtr); always true for the other forms.
+  // False for a null pointer (Form::kUnique, kPtr, kArrayPtr, and the element of kOptPtr); always
+  // true for the other forms.
   bool present = true;
   Value value;
+  // Form::kOptPtr: whether the caller passed its pointer at all; always true for the other forms.
+  bool requested = true;
 };
 
 // The default (zero, empty) value of a parameter.
@@ -127,7 +132,7 @@ class CallFrame {
 
 // Client side: reads the out and in,out parameters into `frame` (which holds the call's inputs)
 // and the result. Returns false when the response does not unmarshal, or when an optional in,out
-// record comes back present where it was sent null (or the reverse).
+// record (or a kOptPtr pointer) comes back present where it was sent null (or the reverse).
 [[nodiscard]] bool UnmarshalResponse(dcerpc::NdrReader& reader, CallFrame& frame,
                                      TSS_RESULT& result);
 

@@ -150,6 +150,10 @@ TcsConfig ReadTcsConfig(const std::string& path) {
   limit("idle_timeout", config.idleTimeout, 0, 86400);
   limit("request_memory", config.requestMemory, 1, 4096);
   limit("max_contexts", config.maxContexts, 1, kMaxCount);
+  ReadKey(
+      profile, "EVENTLOG", "persist", "0",
+      [](std::string_view v) { return Decimal(v, 1).has_value(); },
+      [&](std::string_view v) { config.eventLogPersist = *Decimal(v, 1) == 1; });
   return config;
 }
 

@@ -17,6 +17,8 @@
 //                          context is closed, 0 = never, at most 86400          (default 60)
 //          request_memory  MiB of requests held for all clients, 1..4096         (default 32)
 //          max_contexts    contexts one client may hold, 1..1048576             (default 1024)
+//   [EVENTLOG] persist  1 keeps the PCR event log in data/events.log across restarts
+//                       of the service without a TPM reset, 0 keeps it in memory only (default 0)
 #pragma once
 
 #include <array>
@@ -50,6 +52,8 @@ struct TcsConfig {
   UINT32 idleTimeout = 60;
   UINT32 requestMemory = 32;
   UINT32 maxContexts = 1024;
+  // [EVENTLOG] persist = 1.
+  bool eventLogPersist = false;
 };
 
 // Reads the configuration file at `path`. A missing or unreadable file gives the defaults (logging

@@ -19,6 +19,7 @@
 #include "keys/auth_mgr.h"
 #include "keys/mem_cache.h"
 #include "rpc/dcerpc/server.h"
+#include "service/event_log_start.h"
 #include "service/instance_lock.h"
 #include "storage/persistent_storage.h"
 #include "tpm/driver.h"
@@ -113,6 +114,11 @@ TSS_RESULT StepReadTpmMetrics() {
   return r;
 }
 
+// One list per PCR the TPM reported; with persistence on, the events file is replayed into it.
+TSS_RESULT StepCreateEventLog() {
+  return StartEventLog(tpm_metrics_current().pcrCount, g_config.eventLogPersist, g_paths.data);
+}
+
 // Undo after the TPM is up: the driver is closed again.
 void UndoTpmAccess() { static_cast<void>(req_mgr_final()); }
 
@@ -140,6 +146,11 @@ void UndoKeyCacheAndTpmAccess() {
   UndoTpmAccess();
 }
 
+void UndoSessionsKeyCacheAndTpmAccess() {
+  static_cast<void>(auth_mgr_final());
+  UndoKeyCacheAndTpmAccess();
+}
+
 // The session table, sized by the sessions the TPM holds at once.
 TSS_RESULT StepInitSessions() {
   const UINT32 maxSessions = std::min<UINT32>(tpm_metrics_current().maxAuthSessions, INT16_MAX);
@@ -155,8 +166,8 @@ struct StartupStep {
   std::string (*describeFailure)();
 };
 
-// The start-up order. The owner-held keys and the PCR event log join after the session table as
-// their managers land.
+// The start-up order. The owner-held keys join after the session table, before the PCR event log,
+// as their manager lands.
 constexpr StartupStep kStartupSteps[] = {
     {"locks", StepCreateLocks, nullptr, nullptr},
     {"random seed", StepSeedRandom, nullptr, nullptr},
@@ -169,6 +180,7 @@ constexpr StartupStep kStartupSteps[] = {
     {"storage check", StepCheckStorage, UndoStorageAndTpmAccess, nullptr},
     {"persistent storage", StepOpenKeyCache, UndoTpmAccess, nullptr},
     {"session table", StepInitSessions, UndoKeyCacheAndTpmAccess, nullptr},
+    {"PCR event log", StepCreateEventLog, UndoSessionsKeyCacheAndTpmAccess, nullptr},
 };
 
 // ---- Shut-down steps ----
@@ -185,6 +197,10 @@ void ShutdownSessions() {
   if (r != TSS_SUCCESS) TcsTrace("kesttcs_shutdown:auth_mgr_final fail", &r);
 }
 
+void ShutdownEventLog() {
+  if (event_log_final() != TSS_SUCCESS) TcsTrace("kesttcs_shutdown:event_log_final fail", nullptr);
+}
+
 // No call can still be inside a context: listening has stopped and every worker has finished.
 void ShutdownContexts() { ctx_final(); }
 
@@ -193,12 +209,13 @@ struct ShutdownStep {
   void (*run)();
 };
 
-// The shut-down order. Releasing the owner-held keys joins after persistent storage, and the PCR
-// event log after the request manager, as those managers land.
+// The shut-down order. Releasing the owner-held keys joins after persistent storage as its manager
+// lands.
 constexpr ShutdownStep kShutdownSteps[] = {
     {"kesttcs_shutdown:closeDiskCache", mem_cache_final},
     {"kesttcs_shutdown:auth_mgr_final", ShutdownSessions},
     {"kesttcs_shutdown:req_mgr_final", ShutdownRequestManager},
+    {"kesttcs_shutdown:event_log_final", ShutdownEventLog},
     {nullptr, ShutdownContexts},
 };
 

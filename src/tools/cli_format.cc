@@ -3,6 +3,8 @@
 
 #include <charconv>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 
 namespace kesttcs::cli {
 
@@ -15,6 +17,14 @@ std::string HexString(std::span<const BYTE> bytes) {
     text += kDigits[b & 0xF];
   }
   return text;
+}
+
+std::optional<std::vector<BYTE>> ReadWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  std::vector<BYTE> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (in.bad()) return std::nullopt;
+  return bytes;
 }
 
 std::optional<TPM_DIGEST> ParseDigest(const std::string& hex) {

@@ -20,6 +20,9 @@ std::optional<TPM_DIGEST> ParseDigest(const std::string& hex);
 // A decimal number in [min, max]; nothing for anything else (signs, blanks, other digits).
 std::optional<UINT32> ParseNumber(const std::string& text, UINT32 min, UINT32 max);
 
+// The whole content of the file at `path`; nothing when it cannot be read.
+std::optional<std::vector<BYTE>> ReadWholeFile(const std::string& path);
+
 // Big-endian UINT32 from an answer of 1 to 4 bytes; nothing for another length.
 std::optional<UINT32> BigEndianNumber(std::span<const BYTE> answer);
 

@@ -1,7 +1,6 @@
 // kesttcs-cli: status and facts of the TPM behind KestTCS, capabilities, random bytes, PCR read and
-// extend, registered keys, ownership and the service's sessions, over the client library. Human
-// output by default, one JSON object with
-// --json. Exit status in tools/cli_output.h.
+// extend, the PCR event log, registered keys, ownership and the service's sessions, over the client
+// library. Human output by default, one JSON object with --json. Exit status in tools/cli_output.h.
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -16,6 +15,7 @@
 #include <kesttcs/tcs_results.h>
 #include "tools/cli_format.h"
 #include "tools/cli_output.h"
+#include "tools/events_command.h"
 #include "tools/keys_commands.h"
 #include "tools/owner_commands.h"
 #include "tools/tcs_connection.h"
@@ -208,6 +208,7 @@ int Main(int argc, char** argv) {
   pcrExtend->add_option("N", extendIndex, "PCR index")->required();
   pcrExtend->add_option("HEX", extendDigest, "Digest, 40 hex digits")->required();
   for (CLI::App* sub : {status, caps, random, pcrRead, pcrExtend}) sub->fallthrough();
+  EventsCommand events(app);
   KeysCommand keys(app);
   OwnerCommands owner(app);
 
@@ -235,6 +236,9 @@ int Main(int argc, char** argv) {
     digest = ParseDigest(extendDigest);
     if (!digest) return out.BadArgument("pcr extend HEX must be 40 hex digits");
   }
+  if (events.parsed()) {
+    if (std::optional<int> status = events.CheckArguments(out)) return *status;
+  }
   if (keys.parsed()) {
     if (std::optional<int> status = keys.CheckArguments(out)) return *status;
     if (keys.needsNoService()) return keys.Check(out);
@@ -255,6 +259,7 @@ int Main(int argc, char** argv) {
   if (random->parsed()) failure = Random(*tcs, *count, out);
   if (pcrRead->parsed()) failure = PcrRead(*tcs, index, out);
   if (pcrExtend->parsed()) failure = PcrExtend(*tcs, *index, *digest, out);
+  if (events.parsed()) failure = events.Run(*tcs, out);
   if (keys.parsed()) failure = keys.Run(*tcs, out);
   if (owner.parsed()) failure = owner.Run(*tcs, out);
   if (failure) return out.TcsError(*failure);

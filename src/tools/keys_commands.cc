@@ -2,11 +2,10 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 
 #include <kesttcs/tcs_results.h>
 
+#include "tools/cli_format.h"
 #include "tools/kestdata_check.h"
 #include "tools/key_format.h"
 #include "tools/key_tree.h"
@@ -22,14 +21,6 @@ std::string DefaultDataFile() {
   const char* home = std::getenv("KESTTCS_HOME");
   const std::string base = home != nullptr && *home != '\0' ? home : "/var/lib/kesttcs";
   return base + "/data/KestData.dat";
-}
-
-std::optional<std::vector<BYTE>> ReadWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::vector<BYTE> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) return std::nullopt;
-  return bytes;
 }
 
 std::string Hex32(UINT32 value) {

@@ -58,6 +58,7 @@ std::string Declarator(const Param& p) {
       break;
     case Form::kArrayPtr:
     case Form::kPtr:
+    case Form::kOptPtr:
       stars = 2;
       break;
   }

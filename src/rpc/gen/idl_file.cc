@@ -41,7 +41,7 @@ constexpr std::string_view kPreamble = R"(/*
 // The attributes of a parameter, as in "[in, out, unique]".
 std::string Attributes(const Param& p) {
   std::string a = p.is_input() ? (p.is_output() ? "in, out" : "in") : "out";
-  if (p.form == Form::kUnique) a += ", unique";
+  if (p.form == Form::kUnique || p.form == Form::kOptPtr) a += ", unique";
   if (p.form == Form::kArray) a += ", size_is(" + std::string(p.size_is) + ")";
   if (p.form == Form::kArrayPtr) a += ", size_is(, *" + std::string(p.size_is) + ")";
   return "[" + a + "]";

@@ -111,6 +111,14 @@ class Generator {
     if (p.form == Form::kPtr || (p.form == Form::kUnique && choose_presence)) {
       arg.present = Coin();
     }
+    // The client chooses whether it passes the pointer; the server whether an element comes back.
+    if (p.form == Form::kOptPtr) {
+      if (choose_presence) {
+        arg.requested = Coin();
+      } else {
+        arg.present = arg.requested && Coin();
+      }
+    }
     arg.value = ValueFor(p);
     std::visit(
         [this, &p](auto& v) {
@@ -167,6 +175,7 @@ TEST(StubsTest, EveryOperationRoundTripsAndRejectsEveryTruncation) {
       for (size_t i = 0; i < op.params.size(); ++i) {
         if (!op.params[i].is_input()) continue;
         EXPECT_EQ(server.arg(i).present, client.arg(i).present) << op.params[i].name;
+        EXPECT_EQ(server.arg(i).requested, client.arg(i).requested) << op.params[i].name;
         if (std::holds_alternative<uint64_t>(client.arg(i).value) && client.arg(i).present) {
           EXPECT_EQ(server.scalar(i), client.scalar(i)) << op.params[i].name;
         }
@@ -193,7 +202,10 @@ TEST(StubsTest, EveryOperationRoundTripsAndRejectsEveryTruncation) {
       EXPECT_EQ(Response(client, result), response);
       for (size_t cut = 0; cut < response.size(); ++cut) {
         CallFrame again(op);
-        for (size_t i = 0; i < op.params.size(); ++i) again.arg(i).present = client.arg(i).present;
+        for (size_t i = 0; i < op.params.size(); ++i) {
+          again.arg(i).present = client.arg(i).present;
+          again.arg(i).requested = client.arg(i).requested;
+        }
         NdrReader short_reader(std::span<const uint8_t>(response).first(cut));
         EXPECT_FALSE(UnmarshalResponse(short_reader, again, got)) << "cut at " << cut;
       }
@@ -243,6 +255,55 @@ TEST(StubsTest, LoadKeyByBlobWireLayout) {
   ASSERT_TRUE(UnmarshalRequest(reader, server));
   EXPECT_EQ(server.auth(4), nullptr);
   EXPECT_EQ(server.bytes(3), (Bytes{0xAA, 0xBB, 0xCC}));
+}
+
+TEST(StubsTest, GetPcrEventCarriesAnEventPointerTheClientMayLeaveOut) {
+  const Operation& op = *FindOperation("Tcsi_GetPcrEvent");
+  CallFrame client(op);
+  client.set_scalar(0, 0x11223344);
+  client.set_scalar(1, 7);
+  client.set_scalar(2, 2);
+  const Bytes withEvent = Request(client);
+  EXPECT_EQ(withEvent,
+            (Bytes{0x44, 0x33, 0x22, 0x11, 7, 0, 0, 0, 2, 0, 0, 0,  // handle, PCR, number
+                   0x00, 0x00, 0x02, 0x00,                          // the caller's pointer
+                   0x00, 0x00, 0x00, 0x00}));                       // no event of its own
+  client.arg(3).requested = false;
+  const Bytes countOnly = Request(client);
+  Bytes nullPointer(withEvent.begin(), withEvent.begin() + 12);
+  nullPointer.insert(nullPointer.end(), 4, 0x00);
+  EXPECT_EQ(countOnly, nullPointer);
+
+  // The server sees which form was asked; an answer to the count form carries no event.
+  CallFrame server(op);
+  NdrReader reader(countOnly);
+  ASSERT_TRUE(UnmarshalRequest(reader, server));
+  EXPECT_FALSE(server.arg(3).requested);
+  server.set_scalar(2, 5);
+  EXPECT_EQ(Response(server, 0), (Bytes{5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+
+  // An event comes back behind the pointer the client passed, and only then.
+  CallFrame eventServer(op);
+  NdrReader eventReader(withEvent);
+  ASSERT_TRUE(UnmarshalRequest(eventReader, eventServer));
+  ASSERT_TRUE(eventServer.arg(3).requested);
+  PcrEvent event;
+  event.ulPcrIndex = 7;
+  event.ulPcrValueLength = 20;
+  event.rgbPcrValue = Bytes(20, 0x5A);
+  eventServer.SetOutput(3, event);
+  const Bytes response = Response(eventServer, 0);
+  client.arg(3).requested = true;
+  NdrReader responseReader(response);
+  TSS_RESULT result = 1;
+  ASSERT_TRUE(UnmarshalResponse(responseReader, client, result));
+  EXPECT_EQ(result, 0u);
+  ASSERT_TRUE(client.arg(3).present);
+  EXPECT_EQ(std::get<PcrEvent>(client.arg(3).value).rgbPcrValue, Bytes(20, 0x5A));
+  CallFrame notAsked(op);
+  notAsked.arg(3).requested = false;
+  NdrReader mismatched(response);
+  EXPECT_FALSE(UnmarshalResponse(mismatched, notAsked, result));
 }
 
 // A declared type with its typedefs followed to the base type or structure they name.

@@ -49,6 +49,7 @@ class ConfigTest : public ::testing::Test {
     EXPECT_EQ(config.idleTimeout, 60u);
     EXPECT_EQ(config.requestMemory, 32u);
     EXPECT_EQ(config.maxContexts, 1024u);
+    EXPECT_FALSE(config.eventLogPersist);
   }
 
   std::vector<ServiceEvent> events_;
@@ -146,6 +147,19 @@ TEST_F(ConfigTest, LimitsAreReadWithinTheirRanges) {
   ASSERT_EQ(events_.size(), 5u);
   EXPECT_THAT(events_[0].strings, ::testing::ElementsAre(::testing::HasSubstr(
                                       "[RPC] max_connections; the default \"4096\" is used")));
+}
+
+// The events file is on with 1 and off with 0; anything else keeps it off with a warning.
+TEST_F(ConfigTest, EventLogPersistenceIsZeroOrOne) {
+  EXPECT_TRUE(Read("[eventlog]\nPersist=1\n").eventLogPersist);
+  EXPECT_FALSE(Read("[EVENTLOG]\npersist=0\n").eventLogPersist);
+  EXPECT_TRUE(events_.empty());
+  for (const char* value : {"2", "yes", "-1", "1x"}) {
+    EXPECT_FALSE(Read(std::string("[EVENTLOG]\npersist=") + value + "\n").eventLogPersist);
+  }
+  ASSERT_EQ(events_.size(), 4u);
+  EXPECT_THAT(events_[0].strings,
+              ::testing::ElementsAre(::testing::HasSubstr("[EVENTLOG] persist")));
 }
 
 }  // namespace
