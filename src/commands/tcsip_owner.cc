@@ -6,7 +6,7 @@
 
 #include "commands/command_exchange.h"
 #include "commands/tpm_metrics.h"
-#include "keys/new_srk.h"
+#include "keys/mem_cache.h"
 #include "storage/persistent_storage.h"
 #include "tpm/tpm_cmds.h"
 #include "tpm12/marshal.h"
@@ -47,10 +47,10 @@ TSS_RESULT RunOwnerCommand(TCS_CONTEXT_HANDLE hContext, TPM_COMMAND_CODE ordinal
   return RunWithSession(command, ownerAuth, fields...);
 }
 
-// The new SRK's parameters as the client sent them: exactly one TPM_KEY.
-TSS_RESULT ReadSrkParams(const BYTE* srkInfo, UINT32 srkInfoSize, TPM_KEY* srkParams) {
-  BlobReader reader(Bytes(srkInfo, srkInfoSize));
-  if (TSS_RESULT rc = UnloadBlob(reader, srkParams)) return rc;
+// Exactly one TPM_KEY: the new SRK's parameters as the client sent them, or the SRK the TPM made.
+TSS_RESULT ReadOneKey(std::span<const BYTE> bytes, TPM_KEY* key) {
+  BlobReader reader(bytes);
+  if (TSS_RESULT rc = UnloadBlob(reader, key)) return rc;
   return reader.remaining() == 0 ? TSS_SUCCESS : TCS_E_BAD_PARAMETER;
 }
 
@@ -71,7 +71,7 @@ TSS_RESULT Tcsip_TakeOwnership_Internal(TCS_CONTEXT_HANDLE hContext, TPM_PROTOCO
     return TCS_E_BAD_PARAMETER;
   }
   TPM_KEY srkParams;
-  if (TSS_RESULT rc = ReadSrkParams(srkInfo, srkInfoSize, &srkParams)) return rc;
+  if (TSS_RESULT rc = ReadOneKey(Bytes(srkInfo, srkInfoSize), &srkParams)) return rc;
   if (TSS_RESULT rc = command.UseSessions(ownerAuth)) return rc;
   if (TSS_RESULT rc =
           command.RunAuthorised(protocolID, encOwnerAuthSize, Bytes(encOwnerAuth, encOwnerAuthSize),
@@ -80,9 +80,11 @@ TSS_RESULT Tcsip_TakeOwnership_Internal(TCS_CONTEXT_HANDLE hContext, TPM_PROTOCO
   }
   std::span<const BYTE> srk;
   if (TSS_RESULT rc = command.TakeStructure<TPM_KEY>(&srk)) return rc;
-  if (TSS_RESULT rc = command.HandOut(srk, srkKeySize, srkKey)) return rc;
-  HandOverNewSrk(srk);
-  return TSS_SUCCESS;
+  // The key cache holds the new SRK in place of the old one, under the SRK's fixed handle.
+  TPM_KEY newSrk;
+  if (TSS_RESULT rc = ReadOneKey(srk, &newSrk)) return rc;
+  if (TSS_RESULT rc = replaceEntry(kSrkKeyHandle, kSrkKeyHandle, newSrk)) return rc;
+  return command.HandOut(srk, srkKeySize, srkKey);
 }
 
 TSS_RESULT Tcsip_OwnerClear_Internal(TCS_CONTEXT_HANDLE hContext, TPM_AUTH* ownerAuth) {

@@ -24,8 +24,9 @@
 namespace kesttcs {
 
 // TPM_TakeOwnership (0x0D), owner session required. srkInfo must be one well-formed TPM_KEY (the
-// new SRK's parameters), else TCS_E_BAD_PARAMETER. On success the new SRK, as TPM_KEY bytes, goes
-// to (*srkKeySize, *srkKey) and to the key cache's hook (new_srk.h). Bound: encOwnerAuthSize +
+// new SRK's parameters), else TCS_E_BAD_PARAMETER. On success the key cache records the new SRK
+// in place of the old one (replaceEntry under the SRK's handle) and its TPM_KEY bytes go to
+// (*srkKeySize, *srkKey). Bound: encOwnerAuthSize +
 // encSrkAuthSize + srkInfoSize + 65 <= 4096.
 [[nodiscard]] TSS_RESULT Tcsip_TakeOwnership_Internal(
     TCS_CONTEXT_HANDLE hContext, TPM_PROTOCOL_ID protocolID, UINT32 encOwnerAuthSize,

@@ -18,12 +18,14 @@
 #include "contexts/contexts.h"
 #include "core_fixture.h"
 #include "keys/auth_mgr.h"
-#include "keys/new_srk.h"
+#include "keys/key_equality.h"
+#include "keys/mem_cache.h"
 #include "service/startup.h"
 #include "storage/persistent_storage.h"
 #include "storage/registered_keys.h"
 #include "storage/test_keys.h"
 #include "tpm/tpm_cmds.h"
+#include "tpm12/marshal.h"
 #include "tpm12/tpm_ordinals.h"
 
 namespace kesttcs {
@@ -128,8 +130,6 @@ TEST_F(OwnerCommandsTest, TakeOwnershipSendsItsPartsAndHandsBackTheNewSrk) {
   const Bytes srkSecret = Fill(256, 0x5A);
   const Bytes srkParams = testing::KeyBlob({.modulusSize = 0, .encSize = 0, .keyUsage = 0x0011});
   const Bytes srk = testing::KeyBlob({.modulusSize = 256, .fill = 0x30, .keyUsage = 0x0011});
-  static Bytes handedOver;
-  SetNewSrkHook([](std::span<const BYTE> key) { handedOver.assign(key.begin(), key.end()); });
 
   tpm_->Respond(TPM_SUCCESS, Cat({srk, ResponseTrailer(0)}));
   const TPM_AUTH sent = auth_;
@@ -139,13 +139,18 @@ TEST_F(OwnerCommandsTest, TakeOwnershipSendsItsPartsAndHandsBackTheNewSrk) {
                                          srkSecret.data(), static_cast<UINT32>(srkParams.size()),
                                          srkParams.data(), &auth_, &srkSize, &srkKey),
             TSS_SUCCESS);
-  SetNewSrkHook(nullptr);
   EXPECT_EQ(
       LastSent(),
       Authorised(TPM_ORD_TakeOwnership,
                  Cat({U16(0x0005), U32(256), ownerSecret, U32(256), srkSecret, srkParams}), sent));
   EXPECT_EQ(ToBytes(srkKey, srkSize), srk);
-  EXPECT_EQ(handedOver, srk);
+  // The key cache now holds the new SRK under its fixed handle.
+  const std::optional<TPM_KEY> cached = getKeyByHandle(kSrkKeyHandle);
+  ASSERT_TRUE(cached.has_value());
+  BlobReader reader(srk);
+  TPM_KEY made;
+  ASSERT_EQ(UnloadBlob(reader, &made), TSS_SUCCESS);
+  EXPECT_TRUE(keysEqual(*cached, made));
   EXPECT_EQ(auth_.fContinueAuthSession, 0);
 
   // srkInfo that is not exactly one key, or secrets past the buffer, are refused unsent.
