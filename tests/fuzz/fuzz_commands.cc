@@ -1,8 +1,9 @@
 // The TCS command layer against a TPM that answers anything once the core is up (start-up itself
 // is answered as a plain TPM 1.2 would; fuzz_req_mgr feeds the start-up sequence): every keyless
-// operation, the vendor commands and sequence, the metrics (every path the answers lead to), the
-// vendor classifier and key eviction parse whatever comes back without crashing or reading past
-// the response.
+// operation, the session openers and the commands that carry sessions (their response trailers
+// and the session table's bookkeeping), the vendor commands and sequence, the metrics (every path
+// the answers lead to), the vendor classifier and key eviction parse whatever comes back without
+// crashing or reading past the response.
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -10,6 +11,8 @@
 
 #include "commands/capability.h"
 #include "commands/tcsip_keyless.h"
+#include "commands/tcsip_owner.h"
+#include "commands/tcsip_sessions.h"
 #include "commands/tpm_metrics.h"
 #include "commands/vendor_commands.h"
 #include "contexts/contexts.h"
@@ -63,6 +66,40 @@ void RunEveryCommand(TCS_CONTEXT_HANDLE h) {
   static_cast<void>(EvictTpmKey(0x01000000));
 }
 
+// A session of `h` as the TPM opened it (handle 0, which no command gets past the session check,
+// when the answer was no session).
+TPM_AUTH OpenSession(TCS_CONTEXT_HANDLE h) {
+  TPM_AUTH auth{};
+  if (Tcsip_OIAP_Internal(h, &auth.AuthHandle, &auth.NonceEven) != TSS_SUCCESS) auth.AuthHandle = 0;
+  auth.fContinueAuthSession = 1;
+  return auth;
+}
+
+void RunSessionCommands(TCS_CONTEXT_HANDLE h) {
+  std::array<BYTE, 300> input{};
+  TPM_NONCE nonce{};
+  TCS_AUTHHANDLE handle = 0;
+  UINT32 size = 0;
+  BYTE* out = nullptr;
+  TPM_VERSION version{};
+  UINT32 flags[2] = {};
+  static_cast<void>(Tcsip_OSAP_Internal(h, 2, 0, nonce, &handle, &nonce, &nonce));
+  static_cast<void>(Tcsip_DSAP_Internal(h, 7, 0, nonce, 20, input.data(), &handle, &nonce, &nonce));
+  static_cast<void>(Tcsip_TerminateHandle_Internal(h, handle));
+  TPM_AUTH auth = OpenSession(h);
+  static_cast<void>(Tcsip_GetCapabilityOwner_Internal(h, &auth, &version, &flags[0], &flags[1]));
+  static_cast<void>(Tcsip_OwnerReadPubek_Internal(h, &auth, &size, &out));
+  // 35 zero bytes are the smallest well-formed TPM_KEY.
+  static_cast<void>(Tcsip_TakeOwnership_Internal(h, 5, 20, input.data(), 20, input.data(), 35,
+                                                 input.data(), &auth, &size, &out));
+  static_cast<void>(Tcsip_SetCapability_Internal(h, 1, 4, input.data(), 1, input.data(), &auth));
+  static_cast<void>(Tcsip_DirWriteAuth_Internal(h, 0, TPM_DIRVALUE{}, &auth));
+  static_cast<void>(Tcsip_SetTempDeactivated2_Internal(h, &auth));
+  static_cast<void>(Tcsip_OwnerClear_Internal(h, &auth));
+  TPM_AUTH second = OpenSession(h);
+  static_cast<void>(Tcsip_VendorCommand2_Internal(h, 2, 4, input.data(), &second));
+}
+
 }  // namespace
 }  // namespace kesttcs
 
@@ -71,6 +108,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   testing::TestCore core(testing::CoreOptions().Fuzz(std::span<const BYTE>(data, size)));
   if (core.Start() != TSS_SUCCESS) return 0;
   TCS_CONTEXT_HANDLE hContext = 0;
-  if (Tcsi_OpenContext_Internal(&hContext) == TSS_SUCCESS) RunEveryCommand(hContext);
+  if (Tcsi_OpenContext_Internal(&hContext) == TSS_SUCCESS) {
+    RunEveryCommand(hContext);
+    RunSessionCommands(hContext);
+  }
   return 0;
 }
