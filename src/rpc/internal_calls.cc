@@ -12,6 +12,7 @@
 #include <kesttcs/tcs_results.h>
 
 #include "commands/capability.h"
+#include "commands/tcsip_audit.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tcsip_owner.h"
 #include "commands/tcsip_sessions.h"
@@ -261,6 +262,9 @@ constexpr Binding kBindings[] = {
     Bind<&Tcsip_ReadCounter_Internal>(),
     Bind<&Tcsip_TPM_ReadCurrentTicks_Internal>(),
     Bind<&Tcsip_SetCapability_Internal>(),
+    Bind<&Tcsip_GetAuditDigest_Internal>(),
+    Bind<&Tcsip_GetAuditDigestSigned_Internal>(),
+    Bind<&Tcsip_SetOrdinalAuditStatus_Internal>(),
     Bind<&Tcsip_ResetLockValue_Internal>(),
 };
 

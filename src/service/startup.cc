@@ -21,6 +21,7 @@
 #include "rpc/dcerpc/server.h"
 #include "service/event_log_start.h"
 #include "service/instance_lock.h"
+#include "storage/audit_log.h"
 #include "storage/persistent_storage.h"
 #include "tpm/driver.h"
 #include "tpm/req_mgr.h"
@@ -77,6 +78,12 @@ TSS_RESULT StepCreateDirectories() {
     if (TSS_RESULT r = CreateDirectory(g_paths.log); r != TSS_SUCCESS) return r;
   }
   return CreateDirectory(g_paths.audit);
+}
+
+// The audited list starts empty; the request manager writes to the audit directory from now on.
+TSS_RESULT StepStartAuditLog() {
+  audit_log_init(g_paths.audit);
+  return TSS_SUCCESS;
 }
 
 // Before the TPM state or the socket is touched: the home, then the socket, must be this
@@ -173,6 +180,7 @@ constexpr StartupStep kStartupSteps[] = {
     {"random seed", StepSeedRandom, nullptr, nullptr},
     {"configuration", StepReadConfiguration, nullptr, nullptr},
     {"directories", StepCreateDirectories, nullptr, nullptr},
+    {"audit log", StepStartAuditLog, nullptr, nullptr},
     {"instance", StepLockInstance, nullptr, LockFailure},
     {"TPM access", StepStartTpmAccess, nullptr, driver_last_error},
     {"TPM metrics", StepReadTpmMetrics, UndoTpmAccess, nullptr},
@@ -216,6 +224,7 @@ constexpr ShutdownStep kShutdownSteps[] = {
     {"kesttcs_shutdown:auth_mgr_final", ShutdownSessions},
     {"kesttcs_shutdown:req_mgr_final", ShutdownRequestManager},
     {"kesttcs_shutdown:event_log_final", ShutdownEventLog},
+    {nullptr, audit_log_final},
     {nullptr, ShutdownContexts},
 };
 

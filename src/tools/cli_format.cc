@@ -2,9 +2,13 @@
 #include "tools/cli_format.h"
 
 #include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <string_view>
+
+#include <kesttcs/tpm_ordinal_list.h>
 
 namespace kesttcs::cli {
 
@@ -47,6 +51,46 @@ std::optional<UINT32> ParseNumber(const std::string& text, UINT32 min, UINT32 ma
   if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
   if (value < min || value > max) return std::nullopt;
   return value;
+}
+
+namespace {
+
+struct NamedOrdinal {
+  std::string_view name;
+  UINT32 value;
+};
+
+#define KESTTCS_NAMED_ORDINAL(name, value) {#name, value},
+constexpr NamedOrdinal kNamedOrdinals[] = {KESTTCS_TPM_ORDINALS(KESTTCS_NAMED_ORDINAL)};
+#undef KESTTCS_NAMED_ORDINAL
+
+constexpr std::string_view kOrdinalPrefix = "TPM_ORD_";
+
+}  // namespace
+
+std::optional<UINT32> ParseOrdinal(const std::string& text) {
+  if (text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0) {
+    UINT32 value = 0;
+    const char* first = text.data() + 2;
+    const char* last = text.data() + text.size();
+    auto [end, ec] = std::from_chars(first, last, value, 16);
+    if (first == last || ec != std::errc() || end != last) return std::nullopt;
+    return value;
+  }
+  if (std::optional<UINT32> number = ParseNumber(text, 0, UINT32_MAX)) return number;
+  for (const NamedOrdinal& o : kNamedOrdinals) {
+    if (text == o.name || text == o.name.substr(kOrdinalPrefix.size())) return o.value;
+  }
+  return std::nullopt;
+}
+
+std::string OrdinalName(UINT32 ordinal) {
+  for (const NamedOrdinal& o : kNamedOrdinals) {
+    if (o.value == ordinal) return std::string(o.name);
+  }
+  char text[11];
+  std::snprintf(text, sizeof text, "0x%08X", ordinal);
+  return text;
 }
 
 std::optional<UINT32> BigEndianNumber(std::span<const BYTE> answer) {

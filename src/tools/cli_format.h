@@ -20,6 +20,13 @@ std::optional<TPM_DIGEST> ParseDigest(const std::string& hex);
 // A decimal number in [min, max]; nothing for anything else (signs, blanks, other digits).
 std::optional<UINT32> ParseNumber(const std::string& text, UINT32 min, UINT32 max);
 
+// A TPM ordinal named by its TPM name ("TPM_ORD_GetRandom", or without the "TPM_ORD_" prefix) or
+// by its number (decimal, or hex with "0x"); nothing for anything else.
+std::optional<UINT32> ParseOrdinal(const std::string& text);
+
+// The TPM name of `ordinal`, or "0x%08X" for an ordinal without one.
+std::string OrdinalName(UINT32 ordinal);
+
 // The whole content of the file at `path`; nothing when it cannot be read.
 std::optional<std::vector<BYTE>> ReadWholeFile(const std::string& path);
 

@@ -1,6 +1,7 @@
 // kesttcs-cli: status and facts of the TPM behind KestTCS, capabilities, random bytes, PCR read and
-// extend, the PCR event log, registered keys, ownership and the service's sessions, over the client
-// library. Human output by default, one JSON object with --json. Exit status in tools/cli_output.h.
+// extend, the PCR event log, registered keys, ownership, the TPM's ordinal audit and the service's
+// sessions, over the client library. Human output by default, one JSON object with --json. Exit
+// status in tools/cli_output.h.
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -13,6 +14,7 @@
 
 #include <kesttcs/tcs_capabilities.h>
 #include <kesttcs/tcs_results.h>
+#include "tools/audit_command.h"
 #include "tools/cli_format.h"
 #include "tools/cli_output.h"
 #include "tools/events_command.h"
@@ -211,6 +213,7 @@ int Main(int argc, char** argv) {
   EventsCommand events(app);
   KeysCommand keys(app);
   OwnerCommands owner(app);
+  AuditCommand audit(app);
 
   try {
     app.parse(argc, argv);
@@ -244,6 +247,7 @@ int Main(int argc, char** argv) {
     if (keys.needsNoService()) return keys.Check(out);
   }
   if (std::optional<int> status = owner.CheckArguments(out)) return *status;
+  if (std::optional<int> status = audit.CheckArguments(out)) return *status;
 
   std::string reason;
   TSS_RESULT openResult = 0;
@@ -262,6 +266,7 @@ int Main(int argc, char** argv) {
   if (events.parsed()) failure = events.Run(*tcs, out);
   if (keys.parsed()) failure = keys.Run(*tcs, out);
   if (owner.parsed()) failure = owner.Run(*tcs, out);
+  if (audit.parsed()) failure = audit.Run(*tcs, out);
   if (failure) return out.TcsError(*failure);
   return out.Finish();
 }

@@ -185,4 +185,30 @@ TSS_RESULT TcsConnection::OwnerClear(TPM_AUTH* ownerAuth) {
   return Tcsip_OwnerClear(hContext_, ownerAuth);
 }
 
+TSS_RESULT TcsConnection::SetOrdinalAuditStatus(TPM_AUTH* ownerAuth, UINT32 ordinal, bool audited) {
+  return Tcsip_SetOrdinalAuditStatus(hContext_, ownerAuth, ordinal, audited ? 1 : 0);
+}
+
+TSS_RESULT TcsConnection::AuditDigest(TPM_DIGEST* digest, std::vector<UINT32>* ordinals) {
+  ordinals->clear();
+  UINT32 startOrdinal = 0;
+  for (;;) {
+    UINT32 counterSize = 0, ordSize = 0;
+    BYTE* counter = nullptr;
+    UINT32* ordList = nullptr;
+    TSS_BOOL more = 0;
+    if (TSS_RESULT r = Tcsip_GetAuditDigest(hContext_, startOrdinal, digest, &counterSize, &counter,
+                                            &more, &ordSize, &ordList);
+        r != 0) {
+      return r;
+    }
+    Tcs_FreeBuffer(counter);
+    if (ordList != nullptr) ordinals->insert(ordinals->end(), ordList, ordList + ordSize);
+    Tcs_FreeBuffer(ordList);
+    // A TPM that says "more" without listing any would be asked for ever.
+    if (!more || ordSize == 0) return 0;
+    startOrdinal = ordinals->back() + 1;
+  }
+}
+
 }  // namespace kesttcs::cli

@@ -56,6 +56,11 @@ class TcsConnection {
                                          std::vector<BYTE>* srk);
   // Tcsip_OwnerClear.
   [[nodiscard]] TSS_RESULT OwnerClear(TPM_AUTH* ownerAuth);
+  // Tcsip_SetOrdinalAuditStatus.
+  [[nodiscard]] TSS_RESULT SetOrdinalAuditStatus(TPM_AUTH* ownerAuth, UINT32 ordinal, bool audited);
+  // Tcsip_GetAuditDigest from ordinal 0, asked again after the last ordinal while the TPM says
+  // there are more: the last digest and every audited ordinal.
+  [[nodiscard]] TSS_RESULT AuditDigest(TPM_DIGEST* digest, std::vector<UINT32>* ordinals);
 
   // The open context, for the authorisation helper's sessions.
   TCS_CONTEXT_HANDLE context() const { return hContext_; }
