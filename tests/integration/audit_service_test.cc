@@ -110,12 +110,7 @@ class AuditServiceTest : public ::testing::Test {
  protected:
   fs::path Home() const { return fs::path(dir_.path()) / "home"; }
   std::pair<int, std::string> Cli(const std::vector<std::string>& args, const std::string& socket) {
-    std::vector<std::string> argv = {kKesttcsCli, "--endpoint", socket};
-    argv.insert(argv.end(), args.begin(), args.end());
-    const fs::path log = fs::path(dir_.path()) / "cli.txt";
-    fs::remove(log);
-    const int status = WaitForExit(Spawn(argv, {}, log));
-    return {status, ReadFile(log)};
+    return RunKesttcsCli(args, socket, fs::path(dir_.path()) / "cli.txt");
   }
   TempDir dir_;
 };

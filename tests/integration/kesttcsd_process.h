@@ -12,8 +12,10 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -58,6 +60,18 @@ inline int WaitForExit(pid_t pid) {
   int status = 0;
   if (pid <= 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
   return WEXITSTATUS(status);
+}
+
+// Runs kesttcs-cli with `args` against the service at `socket`, its stdout and stderr going to
+// the file `log` (replaced): the exit status and what it wrote.
+inline std::pair<int, std::string> RunKesttcsCli(const std::vector<std::string>& args,
+                                                 const std::string& socket, const fs::path& log) {
+  std::vector<std::string> argv = {kKesttcsCli, "--endpoint", socket};
+  argv.insert(argv.end(), args.begin(), args.end());
+  fs::remove(log);
+  const int status = WaitForExit(Spawn(argv, {}, log));
+  std::ifstream in(log, std::ios::binary);
+  return {status, std::string(std::istreambuf_iterator<char>(in), {})};
 }
 
 // The permanent state ("00.permall") of a TPM 1.2 with an owner; empty when it cannot be made.
