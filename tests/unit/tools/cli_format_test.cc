@@ -36,6 +36,22 @@ TEST(CliFormatTest, NumbersAreDecimalWithinTheirRange) {
   EXPECT_FALSE(ParseNumber("99999999999999999999", 0, 0xFFFFFFFF).has_value());
 }
 
+TEST(CliFormatTest, OrdinalsGoByTpmNameOrNumber) {
+  EXPECT_EQ(ParseOrdinal("TPM_ORD_GetRandom"), 0x46u);
+  EXPECT_EQ(ParseOrdinal("GetRandom"), 0x46u);
+  EXPECT_EQ(ParseOrdinal("70"), 0x46u);
+  EXPECT_EQ(ParseOrdinal("0x46"), 0x46u);
+  EXPECT_EQ(ParseOrdinal("0X4000000A"), 0x4000000Au);
+  EXPECT_FALSE(ParseOrdinal("getrandom").has_value());
+  EXPECT_FALSE(ParseOrdinal("TPM_ORD_").has_value());
+  EXPECT_FALSE(ParseOrdinal("0x").has_value());
+  EXPECT_FALSE(ParseOrdinal("0x1g").has_value());
+  EXPECT_FALSE(ParseOrdinal("0x100000000").has_value());
+  EXPECT_FALSE(ParseOrdinal("").has_value());
+  EXPECT_EQ(OrdinalName(0x8D), "TPM_ORD_SetOrdinalAuditStatus");
+  EXPECT_EQ(OrdinalName(0x20008000), "0x20008000");
+}
+
 TEST(CliFormatTest, AnswersDecodeOrAreRefused) {
   const std::array<BYTE, 4> one = {0, 0, 0, 24};
   EXPECT_EQ(BigEndianNumber(one), 24u);
