@@ -28,6 +28,11 @@ AuditFile& File() {
   return file;
 }
 
+// The current log in `directory`; empty when there is no directory.
+std::string LogPathIn(const std::string& directory) {
+  return directory.empty() ? std::string() : directory + "/" + kAuditLogFileName;
+}
+
 std::string Stamp() {
   char stamp[kStampSize] = {};
   FormatCompactStamp(stamp, sizeof stamp);
@@ -105,21 +110,13 @@ void audit_log_final() {
   file.directory.clear();
 }
 
-std::string AuditLogPath() {
-  AuditFile& file = File();
-  MutexLock lock(file.mu);
-  return file.directory.empty() ? std::string() : file.directory + "/" + kAuditLogFileName;
-}
-
 void auditLog_write(int kind, UINT32 length, const BYTE* data, bool sent) {
   if (kind < kAuditComment || kind > kAuditDigestSigned) return;
   if (data == nullptr) length = 0;
   AuditFile& file = File();
   MutexLock lock(file.mu);
-  FilePtr f;
-  if (!file.directory.empty()) {
-    f.reset(std::fopen((file.directory + "/" + kAuditLogFileName).c_str(), "ab"));
-  }
+  const std::string path = LogPathIn(file.directory);
+  FilePtr f(path.empty() ? nullptr : std::fopen(path.c_str(), "ab"));
   if (f == nullptr) {
     TcsTrace("Open Audit log file error.", nullptr);
     return;
@@ -130,9 +127,8 @@ void auditLog_write(int kind, UINT32 length, const BYTE* data, bool sent) {
 void auditLog_rotate() {
   AuditFile& file = File();
   MutexLock lock(file.mu);
-  if (file.directory.empty()) return;
-  const std::string current = file.directory + "/" + kAuditLogFileName;
-  if (FilePtr(std::fopen(current.c_str(), "rb")) == nullptr) return;
+  const std::string current = LogPathIn(file.directory);
+  if (current.empty() || FilePtr(std::fopen(current.c_str(), "rb")) == nullptr) return;
   const std::string kept = file.directory + "/Audit" + Stamp() + ".log";
   if (std::rename(current.c_str(), kept.c_str()) != 0) {
     TcsTracef("auditLog_rotate:cannot move %s", current.c_str());

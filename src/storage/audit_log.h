@@ -29,9 +29,6 @@ void audit_log_init(const std::string& directory);
 // Stops the request manager's records, empties the list and forgets the directory.
 void audit_log_final();
 
-// "<directory>/Audit.log"; empty before audit_log_init.
-std::string AuditLogPath();
-
 // Appends one record of `kind` with `length` bytes from `data` (a null `data` counts as no bytes).
 // `sent` chooses the header of a kAuditData record. When the file cannot be opened (no directory,
 // or before audit_log_init) "Open Audit log file error." is traced and nothing else happens.
