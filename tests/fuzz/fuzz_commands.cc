@@ -1,15 +1,16 @@
 // The TCS command layer against a TPM that answers anything once the core is up (start-up itself
 // is answered as a plain TPM 1.2 would; fuzz_req_mgr feeds the start-up sequence): every keyless
 // operation, the session openers and the commands that carry sessions (their response trailers
-// and the session table's bookkeeping), the vendor commands and sequence, the metrics (every path
-// the answers lead to), the vendor classifier and key eviction parse whatever comes back without
-// crashing or reading past the response.
+// and the session table's bookkeeping), the audit digest and its report, the vendor commands and
+// sequence, the metrics (every path the answers lead to), the vendor classifier and key eviction
+// parse whatever comes back without crashing or reading past the response.
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
 #include "commands/capability.h"
+#include "commands/tcsip_audit.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tcsip_owner.h"
 #include "commands/tcsip_sessions.h"
@@ -64,6 +65,12 @@ void RunEveryCommand(TCS_CONTEXT_HANDLE h) {
   static_cast<void>(vendor_seq_continue(h, 1, 0, nullptr));
   static_cast<void>(vendor_seq_end(h, 1, 0, nullptr));
   static_cast<void>(EvictTpmKey(0x01000000));
+  TSS_BOOL more = 0;
+  UINT32* ordinals = nullptr;
+  UINT32 ordinalCount = 0;
+  static_cast<void>(
+      Tcsip_GetAuditDigest_Internal(h, 0, &digest, &size, &out, &more, &ordinalCount, &ordinals));
+  static_cast<void>(audit_reportDigest());
 }
 
 // A session of `h` as the TPM opened it (handle 0, which no command gets past the session check,
@@ -95,6 +102,7 @@ void RunSessionCommands(TCS_CONTEXT_HANDLE h) {
   static_cast<void>(Tcsip_SetCapability_Internal(h, 1, 4, input.data(), 1, input.data(), &auth));
   static_cast<void>(Tcsip_DirWriteAuth_Internal(h, 0, TPM_DIRVALUE{}, &auth));
   static_cast<void>(Tcsip_SetTempDeactivated2_Internal(h, &auth));
+  static_cast<void>(Tcsip_SetOrdinalAuditStatus_Internal(h, &auth, 0x46, 1));
   static_cast<void>(Tcsip_OwnerClear_Internal(h, &auth));
   TPM_AUTH second = OpenSession(h);
   static_cast<void>(Tcsip_VendorCommand2_Internal(h, 2, 4, input.data(), &second));
