@@ -61,8 +61,12 @@ void CloseIfOpen(testing::TestCore& core, TCS_CONTEXT_HANDLE hContext) {
 // Operations whose zero arguments, or this TPM 1.2, make them send something else than the
 // table's ordinal.
 std::optional<std::vector<UINT32>> SentInstead(std::string_view name) {
-  // Refused before sending: entity type 0 is no delegation entity; an empty srkInfo is no key.
-  if (name == "Tcsip_DSAP" || name == "Tcsip_TakeOwnership") return std::vector<UINT32>{};
+  // Refused before sending: entity type 0 is no delegation entity; an empty srkInfo is no key; key
+  // handle 0 names no key to sign with.
+  if (name == "Tcsip_DSAP" || name == "Tcsip_TakeOwnership" ||
+      name == "Tcsip_GetAuditDigestSigned") {
+    return std::vector<UINT32>{};
+  }
   // A TPM 1.2 ends sessions with TPM_FlushSpecific and reads the endorsement key with
   // TPM_OwnerReadInternalPub.
   if (name == "Tcsip_TerminateHandle") return std::vector<UINT32>{TPM_ORD_FlushSpecific};
