@@ -5,7 +5,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -141,6 +143,51 @@ TEST_F(AuditLogTest, AMissingDirectoryGivesOnlyTheOpenError) {
               ElementsAre("TCS:Open Audit log file error.\n", "TCS:Open Audit log file error.\n",
                           "TCS:Open Audit log file error.\n"));
   EXPECT_FALSE(fs::exists(dir_.path()));
+}
+
+// Records of many threads stay whole: each record's dump holds only its own thread's bytes, and the
+// audited list stays consistent while it changes under the readers.
+TEST(AuditLogThreadsTest, RecordsOfManyThreadsDoNotInterleave) {
+  TempDir dir;
+  audit_log_init(dir.path());
+  constexpr int kThreads = 8;
+  constexpr int kRecords = 50;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      const Bytes data(4096, BYTE(0xA0 + t));  // a dump larger than a stdio buffer
+      for (int i = 0; i < kRecords; ++i) {
+        auditLog_write(kAuditData, UINT32(data.size()), data.data(), i % 2 == 0);
+        static_cast<void>(audit_isAudited(0x46));
+      }
+    });
+  }
+  threads.emplace_back([] {
+    for (int i = 0; i < kRecords; ++i) {
+      EXPECT_EQ(audit_add(UINT32(i % 7)), TSS_SUCCESS);
+      audit_remove(UINT32((i + 3) % 7));
+    }
+  });
+  for (std::thread& t : threads) t.join();
+  audit_log_final();
+
+  std::istringstream log(ReadFile(dir.path() + "/Audit.log"));
+  int headers = 0;
+  std::string expectedGroup;
+  for (std::string line; std::getline(log, line);) {
+    if (line.rfind("//--", 0) == 0) {
+      ++headers;
+      expectedGroup.clear();
+    } else if (!line.empty()) {
+      // Every group of a record's dump is its thread's byte.
+      const std::string first = line.substr(0, 3);
+      if (expectedGroup.empty()) expectedGroup = first;
+      for (size_t at = 0; at < line.size(); at += 3) {
+        ASSERT_EQ(line.substr(at, 3), expectedGroup) << "record " << headers;
+      }
+    }
+  }
+  EXPECT_EQ(headers, kThreads * kRecords);
 }
 
 }  // namespace
