@@ -151,7 +151,7 @@ TEST(AuditLogThreadsTest, RecordsOfManyThreadsDoNotInterleave) {
   TempDir dir;
   audit_log_init(dir.path());
   constexpr int kThreads = 8;
-  constexpr int kRecords = 50;
+  constexpr int kRecords = 20;
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([t] {
