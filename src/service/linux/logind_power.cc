@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <string>
 #include <thread>
 
 #include "base/logging.h"
@@ -106,7 +107,9 @@ class SdBusLogindPower final : public LogindPower {
   void OnPrepareForSleep(bool sleeping) {
     if (sleeping) {
       if (PowerEvent(PBT_APMQUERYSUSPEND) != 0) {
-        const char* strings[] = {"the TPM stayed busy; sleeping without holding it"};
+        const std::string text =
+            MessageText("SleepRefusedEvent", "the TPM stayed busy; sleeping without holding it");
+        const char* strings[] = {text.c_str()};
         ReportServiceEvent(kSleepRefusedEvent, 0, 1, strings);
       }
       static_cast<void>(PowerEvent(PBT_APMSUSPEND));
