@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <map>
 #include <string>
 
 #include "temp_dir.h"
@@ -36,6 +37,34 @@ TEST(MessageFileTest, AGermanLocalePicksTheGermanTextsAndWithoutTheFileEnglishSt
   testing::TempDir dir;
   LoadMessageFile(dir.path() + "/Multilang.lng", "de_DE.UTF-8");
   EXPECT_EQ(MessageText("ServiceInstalled", "%s installed.\n"), "%s installed.\n");
+}
+
+// The shipped file's lines "key=text" of one section, line ends as written ("\\n").
+std::map<std::string, std::string> ShippedSection(const std::string& name) {
+  std::ifstream in(kShipped);
+  std::map<std::string, std::string> texts;
+  std::string line, section;
+  while (std::getline(in, line)) {
+    if (!line.empty() && line[0] == '[') section = line;
+    const size_t equals = line.find('=');
+    if (section == "[" + name + "]" && equals != std::string::npos) {
+      texts[line.substr(0, equals)] = line.substr(equals + 1);
+    }
+  }
+  return texts;
+}
+
+TEST(MessageFileTest, EveryShippedGermanTextHasItsEnglishOneAndIsUsed) {
+  const auto english = ShippedSection("0409");
+  const auto german = ShippedSection("0407");
+  ASSERT_EQ(english.size(), german.size());
+  LoadMessageFile(kShipped, "de_DE.UTF-8");
+  for (const auto& [key, text] : german) {
+    if (key == "LANGUAGE") continue;
+    ASSERT_EQ(english.count(key), 1u) << key;
+    // Both as the file writes them, so their conversions compare as the service compares them.
+    EXPECT_NE(MessageText(key.c_str(), english.at(key).c_str()), english.at(key)) << key;
+  }
 }
 
 TEST(MessageFileTest, AMalformedFileOrABadTranslationLeavesEnglish) {
