@@ -1,7 +1,7 @@
 /* What the service holds, for administrators' tools: read through a second RPC interface on the
  * service's endpoint ("service state", opened and closed per call; it opens no context and sends
  * nothing to the TPM). Whoever may reach the endpoint may read it; it shows context and session
- * handles, which are of no use to anyone but their owner, never secrets.
+ * handles, which are of no use to anyone but their owner, and the power state, never secrets.
  *
  * Results: 0; TCS_E_BAD_PARAMETER (0xE0282003) for a null argument; TCS_E_COMM_FAILURE
  * (0xE0282011) when the service cannot be reached or does not offer the interface
@@ -37,6 +37,20 @@ typedef struct tdKESTTCS_SESSION_TABLE {
 /* Reads the session table from the service at the client library's endpoint (as Tcs_Connect
  * chose it, else $KESTTCS_ENDPOINT, else the default socket). */
 KESTTCS_CLIENT_API TSS_RESULT KestTcs_GetSessionTable(KESTTCS_SESSION_TABLE* table);
+
+/* Where the service's power handling stands. */
+#define KESTTCS_POWER_RUNNING 0u        /* TPM traffic flows */
+#define KESTTCS_POWER_HELD_FOR_SLEEP 1u /* the platform sleeps: TPM commands wait */
+#define KESTTCS_POWER_RESUMING 2u       /* the TPM is being restarted after a sleep */
+
+typedef struct tdKESTTCS_POWER_STATE {
+  UINT32 state;          /* KESTTCS_POWER_... */
+  UINT64 lastTpmRestart; /* when the TPM was last started or restarted, in seconds since the
+                            epoch; 0 when never */
+} KESTTCS_POWER_STATE;
+
+/* Reads the power state from the service at the client library's endpoint (as above). */
+KESTTCS_CLIENT_API TSS_RESULT KestTcs_GetPowerState(KESTTCS_POWER_STATE* state);
 
 #ifdef __cplusplus
 }

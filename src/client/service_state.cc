@@ -1,4 +1,5 @@
-// KestTcs_GetSessionTable: one call of the service-state interface on a connection of its own.
+// KestTcs_GetSessionTable and KestTcs_GetPowerState: each one call of the service-state interface
+// on a connection of its own.
 #include <kesttcs/tcs_service_state.h>
 
 #include <vector>
@@ -8,26 +9,48 @@
 #include "client/connection.h"
 #include "rpc/service_state_wire.h"
 
-extern "C" TSS_RESULT KestTcs_GetSessionTable(KESTTCS_SESSION_TABLE* table) {
+namespace {
+
+// Calls `opnum` and hands its answer to `read`; the call's result, or TCS_E_COMM_FAILURE when the
+// service cannot be reached or the answer does not read.
+template <class Read>
+TSS_RESULT CallServiceState(uint16_t opnum, Read read) {
   using namespace kesttcs;
-  if (table == nullptr) return TCS_E_BAD_PARAMETER;
   dcerpc::Client connection;
   const std::string endpoint = client::ProcessEndpoint();
   uint32_t status =
       client::OpenConnection(connection, endpoint.c_str(), rpc::ServiceStateInterfaceSyntax());
   std::vector<uint8_t> response;
   dcerpc::ByteOrder order = dcerpc::ByteOrder::kLittle;
-  if (status == dcerpc::kRpcOk) {
-    status = connection.Call(rpc::kGetSessionTableOpnum, {}, response, &order);
-  }
+  if (status == dcerpc::kRpcOk) status = connection.Call(opnum, {}, response, &order);
   connection.Close();
   client::SetLastRpcStatus(status);
   if (status != dcerpc::kRpcOk) return TCS_E_COMM_FAILURE;
   dcerpc::NdrReader reader(response, order);
   TSS_RESULT result = TSS_SUCCESS;
-  if (!rpc::ReadSessionTable(reader, table, &result)) {
+  if (!read(reader, &result)) {
     client::SetLastRpcStatus(dcerpc::kRpcProtocolError);
     return TCS_E_COMM_FAILURE;
   }
   return result;
+}
+
+}  // namespace
+
+extern "C" TSS_RESULT KestTcs_GetSessionTable(KESTTCS_SESSION_TABLE* table) {
+  using namespace kesttcs;
+  if (table == nullptr) return TCS_E_BAD_PARAMETER;
+  return CallServiceState(rpc::kGetSessionTableOpnum,
+                          [table](dcerpc::NdrReader& reader, TSS_RESULT* result) {
+                            return rpc::ReadSessionTable(reader, table, result);
+                          });
+}
+
+extern "C" TSS_RESULT KestTcs_GetPowerState(KESTTCS_POWER_STATE* state) {
+  using namespace kesttcs;
+  if (state == nullptr) return TCS_E_BAD_PARAMETER;
+  return CallServiceState(rpc::kGetPowerStateOpnum,
+                          [state](dcerpc::NdrReader& reader, TSS_RESULT* result) {
+                            return rpc::ReadPowerState(reader, state, result);
+                          });
 }

@@ -5,6 +5,8 @@
 #include "keys/auth_mgr.h"
 #include "rpc/dcerpc/pdu.h"
 #include "rpc/service_state_wire.h"
+#include "tpm/power_state.h"
+#include "tpm/tpm_cmds.h"
 
 namespace kesttcs::rpc {
 namespace {
@@ -20,15 +22,25 @@ KESTTCS_SESSION_TABLE SessionTable() {
   return table;
 }
 
+KESTTCS_POWER_STATE PowerStateNow() {
+  return {static_cast<UINT32>(CurrentPowerState()), LastTpmStartupTime()};
+}
+
 }  // namespace
 
 uint32_t DispatchServiceStateCall(const dcerpc::CallInfo& /*info*/, uint16_t opnum,
                                   std::span<const uint8_t> stub_in,
                                   std::vector<uint8_t>& stub_out) {
-  if (opnum != kGetSessionTableOpnum) return dcerpc::kNcaOpRangeError;
+  if (opnum != kGetSessionTableOpnum && opnum != kGetPowerStateOpnum) {
+    return dcerpc::kNcaOpRangeError;
+  }
   if (!stub_in.empty()) return dcerpc::kRpcBadStubData;
   dcerpc::NdrWriter writer(stub_out);
-  WriteSessionTable(SessionTable(), TSS_SUCCESS, writer);
+  if (opnum == kGetSessionTableOpnum) {
+    WriteSessionTable(SessionTable(), TSS_SUCCESS, writer);
+  } else {
+    WritePowerState(PowerStateNow(), TSS_SUCCESS, writer);
+  }
   return 0;
 }
 

@@ -33,4 +33,23 @@ bool ReadSessionTable(dcerpc::NdrReader& reader, KESTTCS_SESSION_TABLE* table, T
   return true;
 }
 
+void WritePowerState(const KESTTCS_POWER_STATE& state, TSS_RESULT result,
+                     dcerpc::NdrWriter& writer) {
+  writer.WriteUint32(state.state);
+  writer.WriteUint32(static_cast<uint32_t>(state.lastTpmRestart));
+  writer.WriteUint32(static_cast<uint32_t>(state.lastTpmRestart >> 32));
+  writer.WriteUint32(result);
+}
+
+bool ReadPowerState(dcerpc::NdrReader& reader, KESTTCS_POWER_STATE* state, TSS_RESULT* result) {
+  uint32_t power = 0, low = 0, high = 0, code = 0;
+  const bool ok = reader.ReadUint32(power) && reader.ReadUint32(low) && reader.ReadUint32(high) &&
+                  reader.ReadUint32(code) && reader.remaining() == 0;
+  if (!ok || power > KESTTCS_POWER_RESUMING) return false;
+  state->state = power;
+  state->lastTpmRestart = (uint64_t{high} << 32) | low;
+  *result = code;
+  return true;
+}
+
 }  // namespace kesttcs::rpc

@@ -5,6 +5,8 @@
 // Opnum 0, the session table: no input; output maxSessions (UINT32), count (UINT32), then all 16
 // entries as (hContext, authHandle) pairs of UINT32, those in use first in table order and the
 // rest zero, then the result (TSS_RESULT).
+// Opnum 1, the power state: no input; output state (UINT32), lastTpmRestart (UINT64 as two
+// UINT32, low half first), then the result.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +19,7 @@
 namespace kesttcs::rpc {
 
 inline constexpr uint16_t kGetSessionTableOpnum = 0;
+inline constexpr uint16_t kGetPowerStateOpnum = 1;
 
 dcerpc::SyntaxId ServiceStateInterfaceSyntax();
 
@@ -26,5 +29,12 @@ void WriteSessionTable(const KESTTCS_SESSION_TABLE& table, TSS_RESULT result,
                        dcerpc::NdrWriter& writer);
 [[nodiscard]] bool ReadSessionTable(dcerpc::NdrReader& reader, KESTTCS_SESSION_TABLE* table,
                                     TSS_RESULT* result);
+
+// The power state and the result as they cross the wire. The reader fails on a state it does not
+// know.
+void WritePowerState(const KESTTCS_POWER_STATE& state, TSS_RESULT result,
+                     dcerpc::NdrWriter& writer);
+[[nodiscard]] bool ReadPowerState(dcerpc::NdrReader& reader, KESTTCS_POWER_STATE* state,
+                                  TSS_RESULT* result);
 
 }  // namespace kesttcs::rpc

@@ -4,7 +4,10 @@
 
 #include <kesttcs/tcs_results.h>
 
+#include <utility>
+
 #include "base/logging.h"
+#include "base/mutex.h"
 #include "rpc/rpc_service.h"
 #include "service/service_status.h"
 #include "service/startup.h"
@@ -56,7 +59,47 @@ constexpr RpcStep kRpcSteps[] = {
      "TCS service Starting:call RpcServerListen ok.", Listen, false},
 };
 
+// The power-event source and whether it runs; the mutex is a leaf held across start and stop.
+struct PowerEventSource {
+  Mutex mu;
+  std::function<void()> start GUARDED_BY(mu);
+  std::function<void()> stop GUARDED_BY(mu);
+  bool running GUARDED_BY(mu) = false;
+  bool stopped GUARDED_BY(mu) = false;
+};
+
+PowerEventSource& PowerSource() {
+  static PowerEventSource source;
+  return source;
+}
+
+void StartPowerEvents() {
+  PowerEventSource& source = PowerSource();
+  MutexLock lock(source.mu);
+  if (source.stopped || source.running || !source.start) return;
+  source.start();
+  source.running = true;
+}
+
+void StopPowerEvents() {
+  PowerEventSource& source = PowerSource();
+  MutexLock lock(source.mu);
+  source.stopped = true;
+  if (!source.running) return;
+  source.running = false;
+  if (source.stop) source.stop();
+}
+
 }  // namespace
+
+void SetPowerEventSource(std::function<void()> start, std::function<void()> stop) {
+  PowerEventSource& source = PowerSource();
+  MutexLock lock(source.mu);
+  source.start = std::move(start);
+  source.stop = std::move(stop);
+  source.running = false;
+  source.stopped = false;
+}
 
 UINT32 ServiceStart() {
   TcsTrace("TCS service Starting ...", nullptr);
@@ -81,6 +124,7 @@ UINT32 ServiceStart() {
   }
 
   ReportServiceStatus(kServiceRunning, 0, 0);
+  StartPowerEvents();
   TcsTrace("TCS service Starting:call RpcMgmtWaitServerListen ...", nullptr);
   TcsTrace("TCS service start end.\n", nullptr);
   return RpcMgmtWaitServerListen();
@@ -88,6 +132,7 @@ UINT32 ServiceStart() {
 
 void ServiceStop() {
   TcsTrace("TCS service Stoping ...", nullptr);
+  StopPowerEvents();
   TcsTrace("TCS service Stoping:call RpcMgmtStopServerListening...", nullptr);
   if (const UINT32 status = RpcMgmtStopServerListening(); status != 0) {
     TcsTracef("%s returned: 0x%x\n", "RpcMgmtStopServerListening", status);

@@ -5,6 +5,8 @@
 // thread that handles stop requests; nothing else here may run concurrently.
 #pragma once
 
+#include <functional>
+
 #include <kesttcs/tcs_types.h>
 
 namespace kesttcs {
@@ -19,5 +21,10 @@ namespace kesttcs {
 // Stops listening, drops the interface registration and runs kesttcs_shutdown. A failing RPC step
 // is traced ("%s returned: 0x%x") and ends the stop there, with nothing shut down.
 void ServiceStop();
+
+// The host's source of power events: `start` runs once the service reports running, `stop` first
+// thing in ServiceStop (so no power event reaches a core being shut down). Each runs at most once
+// per ServiceStart, never both at the same time. Empty functions: none (the default).
+void SetPowerEventSource(std::function<void()> start, std::function<void()> stop);
 
 }  // namespace kesttcs

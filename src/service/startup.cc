@@ -17,6 +17,7 @@
 #include "commands/tpm_metrics.h"
 #include "contexts/contexts.h"
 #include "keys/auth_mgr.h"
+#include "keys/clear_tpm_keys.h"
 #include "keys/mem_cache.h"
 #include "rpc/dcerpc/server.h"
 #include "service/event_log_start.h"
@@ -24,6 +25,7 @@
 #include "storage/audit_log.h"
 #include "storage/persistent_storage.h"
 #include "tpm/driver.h"
+#include "tpm/power_state.h"
 #include "tpm/req_mgr.h"
 #include "tpm/tpm_cmds.h"
 
@@ -164,6 +166,12 @@ TSS_RESULT StepInitSessions() {
   return auth_mgr_init(static_cast<int16_t>(maxSessions), isOwnVendorTpm());
 }
 
+// After a resume power handling repairs the key cache's view of the TPM.
+TSS_RESULT StepPowerHandling() {
+  power_state_SetClearTPMKeys(ClearTPMKeys);
+  return TSS_SUCCESS;
+}
+
 struct StartupStep {
   const char* name;
   TSS_RESULT (*run)();
@@ -189,6 +197,7 @@ constexpr StartupStep kStartupSteps[] = {
     {"persistent storage", StepOpenKeyCache, UndoTpmAccess, nullptr},
     {"session table", StepInitSessions, UndoKeyCacheAndTpmAccess, nullptr},
     {"PCR event log", StepCreateEventLog, UndoSessionsKeyCacheAndTpmAccess, nullptr},
+    {"power handling", StepPowerHandling, nullptr, nullptr},
 };
 
 // ---- Shut-down steps ----
@@ -222,6 +231,7 @@ struct ShutdownStep {
 constexpr ShutdownStep kShutdownSteps[] = {
     {"kesttcs_shutdown:closeDiskCache", mem_cache_final},
     {"kesttcs_shutdown:auth_mgr_final", ShutdownSessions},
+    {nullptr, power_state_JoinRestart},
     {"kesttcs_shutdown:req_mgr_final", ShutdownRequestManager},
     {"kesttcs_shutdown:event_log_final", ShutdownEventLog},
     {nullptr, audit_log_final},

@@ -4,11 +4,14 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <string_view>
 
 #include <kesttcs/tpm_ordinal_list.h>
+
+#include <kesttcs/tcs_service_state.h>
 
 namespace kesttcs::cli {
 
@@ -142,6 +145,29 @@ std::string Utf16LeText(std::span<const BYTE> answer) {
     if (unit == 0) break;
     text += (unit >= 0x20 && unit < 0x7F) ? static_cast<char>(unit) : '?';
   }
+  return text;
+}
+
+std::string PowerStateText(UINT32 state) {
+  switch (state) {
+    case KESTTCS_POWER_RUNNING:
+      return "running";
+    case KESTTCS_POWER_HELD_FOR_SLEEP:
+      return "held for sleep";
+    case KESTTCS_POWER_RESUMING:
+      return "resuming";
+    default:
+      return "unknown";
+  }
+}
+
+std::string RestartTimeText(UINT64 secondsSinceEpoch) {
+  if (secondsSinceEpoch == 0) return "never";
+  const std::time_t time = static_cast<std::time_t>(secondsSinceEpoch);
+  std::tm utc{};
+  gmtime_r(&time, &utc);
+  char text[32];
+  std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S UTC", &utc);
   return text;
 }
 

@@ -43,6 +43,12 @@ std::optional<std::string> VersionFromVersion(std::span<const BYTE> answer);
 // anything else as \xNN.
 std::string ManufacturerText(std::span<const BYTE> answer);
 
+// The service's power state as administrators read it: "running", "held for sleep", "resuming";
+// "unknown" for any other value.
+std::string PowerStateText(UINT32 state);
+// A time in seconds since the epoch as UTC "YYYY-MM-DD HH:MM:SS UTC"; "never" for 0.
+std::string RestartTimeText(UINT64 secondsSinceEpoch);
+
 // Text of a UTF-16LE string (ASCII characters kept, others as '?').
 std::string Utf16LeText(std::span<const BYTE> answer);
 

@@ -14,6 +14,8 @@
 
 #include <kesttcs/tcs_capabilities.h>
 #include <kesttcs/tcs_results.h>
+#include <kesttcs/tcs_service_state.h>
+
 #include "tools/audit_command.h"
 #include "tools/cli_format.h"
 #include "tools/cli_output.h"
@@ -58,7 +60,26 @@ std::optional<Failure> TpmVersion(TcsConnection& tcs, std::string* version) {
   return std::nullopt;
 }
 
+// The power state goes first: while the platform sleeps TPM commands wait, so the TPM facts are
+// read only when TPM traffic flows.
 std::optional<Failure> Status(TcsConnection& tcs, const std::string& endpoint, Output& out) {
+  KESTTCS_POWER_STATE power{};
+  if (TSS_RESULT r = KestTcs_GetPowerState(&power); r != 0) {
+    return Failure{"KestTcs_GetPowerState", r,
+                   "the service does not report its power state (an older service?)"};
+  }
+  ordered_json& o = out.object();
+  o["endpoint"] = endpoint;
+  o["reachable"] = true;
+  o["power_state"] = PowerStateText(power.state);
+  o["tpm_last_restart"] = power.lastTpmRestart;
+  if (!out.json()) {
+    std::printf("KestTCS at %s: reachable\n", endpoint.c_str());
+    std::printf("Power state:   %s\n", PowerStateText(power.state).c_str());
+    std::printf("TPM restarted: %s\n", RestartTimeText(power.lastTpmRestart).c_str());
+  }
+  if (power.state != KESTTCS_POWER_RUNNING) return std::nullopt;
+
   std::string version;
   if (auto f = TpmVersion(tcs, &version)) return f;
   std::vector<BYTE> manufacturer;
@@ -73,9 +94,6 @@ std::optional<Failure> Status(TcsConnection& tcs, const std::string& endpoint, O
   if (auto f = TpmProperty(tcs, TPM_CAP_PROP_PCR, &pcrs)) return f;
   if (auto f = TpmProperty(tcs, TPM_CAP_PROP_OWNER, &owner)) return f;
 
-  ordered_json& o = out.object();
-  o["endpoint"] = endpoint;
-  o["reachable"] = true;
   o["tpm_version"] = version;
   o["manufacturer"] = ManufacturerText(manufacturer);
   o["key_slots"] = keySlots;
@@ -83,7 +101,6 @@ std::optional<Failure> Status(TcsConnection& tcs, const std::string& endpoint, O
   o["pcr_count"] = pcrs;
   o["owner"] = owner != 0;
   if (!out.json()) {
-    std::printf("KestTCS at %s: reachable\n", endpoint.c_str());
     std::printf("TPM version:   %s\n", version.c_str());
     std::printf("Manufacturer:  %s\n", ManufacturerText(manufacturer).c_str());
     std::printf("Key slots:     %u\n", keySlots);

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 
 #include "base/logging.h"
 #include "tpm/req_mgr.h"
@@ -13,6 +14,7 @@ namespace kesttcs {
 namespace {
 
 std::atomic<bool> g_tpm_is_12{true};
+std::atomic<UINT64> g_last_startup{0};
 
 // Finishes the command in `writer` (header last), sends it and maps the answer.
 TSS_RESULT Exchange(BlobWriter& writer, UINT32 ordinal, UINT32 priority) REQUIRES(tpm_lock()) {
@@ -46,6 +48,7 @@ TSS_RESULT FlushOr(bool flushSpecific, TPM_COMMAND_CODE olderOrdinal, UINT32 han
 
 void SetTpmIsVersion12(bool isVersion12) { g_tpm_is_12 = isVersion12; }
 bool TpmIsVersion12() { return g_tpm_is_12; }
+UINT64 LastTpmStartupTime() { return g_last_startup; }
 
 TSS_RESULT SendContinueSelfTest() {
   std::array<BYTE, kTpmBlobSize> command;
@@ -73,6 +76,9 @@ TSS_RESULT SendEvictKey(UINT32 keyHandle) {
 }
 
 TSS_RESULT RunTpmStartupSequence() {
+  g_last_startup = static_cast<UINT64>(std::chrono::duration_cast<std::chrono::seconds>(
+                                           std::chrono::system_clock::now().time_since_epoch())
+                                           .count());
   TSS_RESULT result = SendContinueSelfTest();
   TcsTrace("ContinueSelfTest ", &result);
   if ((result & 0xFFFF) != TPM_INVALID_POSTINIT) return result;

@@ -40,5 +40,8 @@ TSS_RESULT SendEvictKey(UINT32 keyHandle) REQUIRES(tpm_lock());
 // 16 bits are TPM_INVALID_POSTINIT, Startup(ST_CLEAR) (traced "StartupTPM") and, when that worked,
 // ContinueSelfTest again. Returns the last command's result.
 TSS_RESULT RunTpmStartupSequence() REQUIRES(tpm_lock());
+// When the start-up sequence last ran (the TPM was last restarted), in seconds since the epoch; 0
+// before the first run.
+UINT64 LastTpmStartupTime();
 
 }  // namespace kesttcs

@@ -18,6 +18,7 @@
 #include "base/logging.h"
 #include "service/host_paths.h"
 #include "service/linux/host.h"
+#include "service/message_file.h"
 #include "service/service_status.h"
 
 extern char** environ;
@@ -223,24 +224,26 @@ std::string SystemdUnitText(const std::string& executable, const std::string& ho
 void CmdInstallService() {
   const std::string path = ExecutablePath();
   if (path.empty()) {
-    std::printf("Unable to install %s - %s\n", kServiceDisplayName,
-                ErrorText(FromErrno(errno, "/proc/self/exe")).c_str());
+    std::printf(MessageText("UnableToInstall", "Unable to install %s - %s\n").c_str(),
+                kServiceDisplayName, ErrorText(FromErrno(errno, "/proc/self/exe")).c_str());
     TcsTrace("Unable to install", nullptr);
     return;
   }
 
   SystemError error;
   if (!SystemdRunning(&error)) {
-    std::printf("OpenSCManager failed - %s\n", ErrorText(error).c_str());
+    std::printf(MessageText("OpenSCManagerFailed", "OpenSCManager failed - %s\n").c_str(),
+                ErrorText(error).c_str());
     TcsTrace("OpenSCManager Failed", nullptr);
     return;
   }
   if (!CreateService(path, &error)) {
-    std::printf("CreateService failed - %s\n", ErrorText(error).c_str());
+    std::printf(MessageText("CreateServiceFailed", "CreateService failed - %s\n").c_str(),
+                ErrorText(error).c_str());
     TcsTrace("CreateService KestTCS Failed", nullptr);
     return;
   }
-  std::printf("%s installed.\n", kServiceDisplayName);
+  std::printf(MessageText("ServiceInstalled", "%s installed.\n").c_str(), kServiceDisplayName);
   std::fflush(stdout);
   Systemctl({"start", kUnitName}, &error);
 }
@@ -248,20 +251,22 @@ void CmdInstallService() {
 void CmdRemoveService() {
   SystemError error;
   if (!SystemdRunning(&error)) {
-    std::printf("OpenSCManager failed - %s\n", ErrorText(error).c_str());
+    std::printf(MessageText("OpenSCManagerFailed", "OpenSCManager failed - %s\n").c_str(),
+                ErrorText(error).c_str());
     TcsTrace("OpenSCManager failed", nullptr);
     return;
   }
   struct stat st;
   if (stat(UnitPath().c_str(), &st) != 0) {
-    std::printf("OpenService failed - %s\n", ErrorText(FromErrno(errno, UnitPath())).c_str());
+    std::printf(MessageText("OpenServiceFailed", "OpenService failed - %s\n").c_str(),
+                ErrorText(FromErrno(errno, UnitPath())).c_str());
     TcsTrace("OpenService KestTCS Failed", nullptr);
     return;
   }
 
   // Like a stop control, the stop request only succeeds on a service that runs.
   if (ActiveState() == "active" && Systemctl({"stop", "--no-block", kUnitName}, &error)) {
-    std::printf("Stopping %s.", kServiceDisplayName);
+    std::printf(MessageText("StoppingService", "Stopping %s.").c_str(), kServiceDisplayName);
     std::fflush(stdout);
     SleepOneSecond();
     std::string state = ActiveState();
@@ -272,17 +277,19 @@ void CmdRemoveService() {
       state = ActiveState();
     }
     if (state == "inactive" || state == "failed") {
-      std::printf("\n%s stopped.\n", kServiceDisplayName);
+      std::printf(MessageText("ServiceStopped", "\n%s stopped.\n").c_str(), kServiceDisplayName);
     } else {
-      std::printf("\n%s failed to stop.\n", kServiceDisplayName);
+      std::printf(MessageText("ServiceFailedToStop", "\n%s failed to stop.\n").c_str(),
+                  kServiceDisplayName);
       TcsTrace("KestTCS failed to stop.", nullptr);
     }
   }
 
   if (DeleteService(&error)) {
-    std::printf("%s removed.\n", kServiceDisplayName);
+    std::printf(MessageText("ServiceRemoved", "%s removed.\n").c_str(), kServiceDisplayName);
   } else {
-    std::printf("DeleteService failed - %s\n", ErrorText(error).c_str());
+    std::printf(MessageText("DeleteServiceFailed", "DeleteService failed - %s\n").c_str(),
+                ErrorText(error).c_str());
     TcsTrace("DeleteService KestTCS Failed", nullptr);
   }
 }

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -22,6 +23,8 @@
 #include "base/logging.h"
 #include "service/linux/host.h"
 #include "service/linux/journal_sink.h"
+#include "service/linux/logind_power.h"
+#include "service/message_file.h"
 #include "service/service_start.h"
 #include "service/service_status.h"
 #include "service/startup.h"
@@ -118,6 +121,12 @@ void RaiseOpenFileLimit() {
 // budget, for the life of the process.
 void ReturnLargeBuffers() { mallopt(M_MMAP_THRESHOLD, 64 * 1024); }
 
+// Power events come from logind while the service runs (the source's mutex guards `power`).
+void UseLogindPowerEvents() {
+  static std::unique_ptr<LogindPower> power;
+  SetPowerEventSource([] { power = LogindPower::Start(); }, [] { power.reset(); });
+}
+
 bool UnderJournal() {
   return std::getenv("INVOCATION_ID") != nullptr && access(kJournalSocket, F_OK) == 0;
 }
@@ -131,6 +140,7 @@ int ServiceMain() {
   SetEventSink(SystemEventSink());
   WriteDebugLine("ServiceMain");
   SetServiceStatusSink(SdNotifyStatusSink());
+  UseLogindPowerEvents();
   UINT32 serviceResult = 0;
   {
     StopSignalThread stopThread([] { ServiceControlHandler(kControlStop, 0, ServiceStop); });
@@ -149,10 +159,12 @@ void CmdDebugService() {
   SetTraceSink(StderrTraceSink());
   SetEventSink(SystemEventSink());
   StopSignalThread stopThread([] {
-    std::printf("Stopping %s.\n", kServiceDisplayName);
+    std::printf(MessageText("StoppingServiceConsole", "Stopping %s.\n").c_str(),
+                kServiceDisplayName);
     std::fflush(stdout);
     ServiceStop();
   });
+  UseLogindPowerEvents();
   TcsTrace("CmdDebugService call serviceStart.", nullptr);
   PrintStartupFailure(ServiceStart());
 }

@@ -23,6 +23,15 @@ TEST(CliFormatTest, DigestsNeedExactlyFortyHexDigits) {
   EXPECT_FALSE(ParseDigest("").has_value());
 }
 
+TEST(CliFormatTest, PowerStatesAndRestartTimesAsText) {
+  EXPECT_EQ(PowerStateText(0), "running");
+  EXPECT_EQ(PowerStateText(1), "held for sleep");
+  EXPECT_EQ(PowerStateText(2), "resuming");
+  EXPECT_EQ(PowerStateText(3), "unknown");
+  EXPECT_EQ(RestartTimeText(0), "never");
+  EXPECT_EQ(RestartTimeText(86400 + 3661), "1970-01-02 01:01:01 UTC");
+}
+
 TEST(CliFormatTest, NumbersAreDecimalWithinTheirRange) {
   EXPECT_EQ(ParseNumber("16", 1, 4096), 16u);
   EXPECT_EQ(ParseNumber("4096", 1, 4096), 4096u);
