@@ -191,6 +191,28 @@ TEST(KeySwappingTest, MoreKeysThanSlotsAnswerRightSharedKeysStayAndDeadClientsLe
   EXPECT_EQ(Tcsip_EvictKey(other, keys[0]), TSS_SUCCESS);
   EXPECT_EQ(PubKey(other, keys[0], &pub), TCS_E_INVALID_KEY);
 
+  // A registered chain (storage key under the SRK, signing key under it) loads by UUID alone in a
+  // fresh context, the parent first.
+  const TSS_UUID srkUuid = {0, 0, 0, 0, 0, {0, 0, 0, 0, 0, 1}};
+  const TSS_UUID storageUuid = {0x5107A6E0, 1, 2, 3, 4, {5, 6, 7, 8, 9, 10}};
+  const TSS_UUID signingUuid = {0x516E0000, 1, 2, 3, 4, {5, 6, 7, 8, 9, 11}};
+  ASSERT_EQ(Tcsi_RegisterKey(h, srkUuid, storageUuid, UINT32(storageBlob.size()),
+                             const_cast<BYTE*>(storageBlob.data()), 0, nullptr),
+            TSS_SUCCESS);
+  ASSERT_EQ(Tcsi_RegisterKey(h, storageUuid, signingUuid, UINT32(blobs[2].size()),
+                             const_cast<BYTE*>(blobs[2].data()), 0, nullptr),
+            TSS_SUCCESS);
+  ASSERT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);
+  ASSERT_EQ(Tcsi_CloseContext(other), TSS_SUCCESS);
+  ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+  TCS_KEY_HANDLE byUuid = 0;
+  ASSERT_EQ(Tcsip_LoadKeyByUUID(h, signingUuid, nullptr, &byUuid), TSS_SUCCESS);
+  ASSERT_EQ(PubKey(h, byUuid, &pub), TSS_SUCCESS);
+  EXPECT_EQ(pub, PubKeyOf(blobs[2]));
+  TSS_UUID unknown = signingUuid;
+  unknown.rgbNode[5] = 99;
+  EXPECT_EQ(Tcsip_LoadKeyByUUID(h, unknown, nullptr, &byUuid), TCS_E_KEY_NOT_REGISTERED);
+
   // A client killed while it holds a key: its references go when the service sees it die.
   Tcs_Disconnect();
   int pipeFds[2];
