@@ -14,11 +14,14 @@
 #include "commands/capability.h"
 #include "commands/tcsip_audit.h"
 #include "commands/tcsip_keyless.h"
+#include "commands/tcsip_keys.h"
 #include "commands/tcsip_owner.h"
 #include "commands/tcsip_sessions.h"
 #include "commands/vendor_commands.h"
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"
+#include "keys/key_eviction.h"
+#include "keys/key_loading.h"
 #include "rpc/c_layout.h"
 #include "rpc/name_of.h"
 #include "rpc/operations.h"
@@ -220,6 +223,13 @@ constexpr Binding kBindings[] = {
     Bind<&Tcsi_GetRegisteredKey_Internal>(),
     Bind<&Tcsi_GetRegisteredKeyBlob_Internal>(),
     Bind<&Tcsip_GetRegisteredKeyByPublicInfo_Internal>(),
+    Bind<&Tcsip_LoadKeyByBlob_Internal>(),
+    Bind<&Tcsip_LoadKey2ByBlob_Internal>(),
+    Bind<&Tcsip_LoadKeyByUUID_Internal>(),
+    Bind<static_cast<TSS_RESULT (*)(TCS_CONTEXT_HANDLE, TCS_KEY_HANDLE)>(
+        &Tcsip_EvictKey_Internal)>(),
+    Bind<&Tcsip_CreateWrapKey_Internal>(),
+    Bind<&Tcsip_GetPubKey_Internal>(),
     Bind<&Tcsi_LogPcrEvent_Internal>(),
     Bind<&Tcsi_GetPcrEvent_Internal>(),
     Bind<&Tcsi_GetPcrEventsByPcr_Internal>(),

@@ -1194,9 +1194,10 @@ inline constexpr std::array<Operation, kOperationCount> kOperations = {{
      detail::kTcsip_LoadKey2ByBlob, "",
      TraceStyle{.session_form = true, .log_name = "Tcsip_LoadKey2ByBlob_Internal"}},
     {16, "Tcsip_LoadKeyByUUID", kTracedLocked, kNoOrdinal, detail::kTcsip_LoadKeyByUUID,
-     "Loads the key and its parents with the key-loading ordinals. pLoadKeyInfo is optional: when "
-     "a parent needs authorisation the service fills in the UUIDs and parameter digest and the "
-     "caller retries with authData set."},
+     "Loads the key and its registered parents with the key-loading ordinals. The service "
+     "authorises loads under the SRK itself with the SRK secret it is configured with; a parent "
+     "that needs any other authorisation makes the call fail with TCS_E_INVALID_KEY. "
+     "pLoadKeyInfo is accepted and ignored: there is no retry protocol."},
     {17, "Tcsip_EvictKey", kTracedLocked, Sends<&TPM_ORD_EvictKey>(), detail::kTcsip_EvictKey,
      "Deprecated ordinal; a TPM 1.2 uses FlushSpecific."},
     {18, "Tcsip_CreateWrapKey", kTracedLocked, Sends<&TPM_ORD_CreateWrapKey>(),

@@ -86,6 +86,21 @@ bool ValidVendor(std::string_view v) {
          std::all_of(v.begin(), v.end(), [](unsigned char c) { return c >= 0x20 && c <= 0x7e; });
 }
 
+// "well-known", "none" or 40 hex digits (either case).
+std::optional<std::optional<TPM_SECRET>> SrkSecret(std::string_view v) {
+  if (Lower(std::string(v)) == "well-known") return std::optional<TPM_SECRET>(TPM_SECRET{});
+  if (Lower(std::string(v)) == "none") return std::optional<TPM_SECRET>();
+  TPM_SECRET secret{};
+  if (v.size() != 2 * sizeof secret.authdata) return std::nullopt;
+  for (size_t i = 0; i < sizeof secret.authdata; ++i) {
+    unsigned byte = 0;
+    const auto [end, ec] = std::from_chars(v.data() + 2 * i, v.data() + 2 * i + 2, byte, 16);
+    if (ec != std::errc() || end != v.data() + 2 * i + 2) return std::nullopt;
+    secret.authdata[i] = static_cast<BYTE>(byte);
+  }
+  return std::optional<TPM_SECRET>(secret);
+}
+
 bool ValidGroup(std::string_view v) {
   return v.size() <= kMaxGroupName && v.front() != '-' &&
          std::all_of(v.begin(), v.end(), [](unsigned char c) {
@@ -128,6 +143,16 @@ TcsConfig ReadTcsConfig(const std::string& path) {
           [&](std::string_view v) { config.backend = v; });
   ReadKey(profile, "TPM", "vendor", "KST", ValidVendor,
           [&](std::string_view v) { std::copy(v.begin(), v.end(), config.vendor.begin()); });
+  // The secret itself must not reach the event log, so a bad value is reported as hidden.
+  ReadKey(
+      profile, "TPM", "srk_secret", "well-known", [](std::string_view) { return true; },
+      [&](std::string_view v) {
+        if (const auto secret = SrkSecret(v)) {
+          config.srkSecret = *secret;
+        } else {
+          WarnBadValue("TPM", "srk_secret", "(hidden)", "well-known");
+        }
+      });
   ReadKey(profile, "RPC", "socket", "", ValidSocket,
           [&](std::string_view v) { config.socket = v; });
   ReadKey(profile, "RPC", "group", "tss", ValidGroup,

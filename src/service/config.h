@@ -8,6 +8,8 @@
 //   [TPM]  backend   auto | libtpms[:DIR] | swtpm:tcp:HOST:PORT | swtpm:unix:PATH |
 //                    device:PATH | tddl:PATH                                       (default auto)
 //          vendor    this maker's TPM vendor identifier, three characters          (default KST)
+//          srk_secret  the SRK's usage secret: well-known (20 zero bytes), none (the
+//                    service never authorises SRK use), or 40 hex digits   (default well-known)
 //   [RPC]  socket    absolute path of the Unix socket; empty = <runtime dir>/KestTCS (default "")
 //          group     group owning the socket                                       (default tss)
 //          tcp_port  127.0.0.1 port for ncacn_ip_tcp, 0 = off                      (default 0)
@@ -22,6 +24,7 @@
 #pragma once
 
 #include <array>
+#include <optional>
 #include <string>
 
 #include <kesttcs/tcs_types.h>
@@ -40,6 +43,8 @@ struct TcsConfig {
   std::string backend = "auto";
   // [TPM] vendor: three characters plus a zero byte, compared with the TPM's manufacturer.
   std::array<char, 4> vendor = {'K', 'S', 'T', '\0'};
+  // [TPM] srk_secret: nothing for "none". A bad value is reported without being repeated.
+  std::optional<TPM_SECRET> srkSecret = TPM_SECRET{};
   // [RPC] socket: empty means the socket "KestTCS" in the runtime directory.
   std::string socket;
   // [RPC] group.

@@ -19,6 +19,7 @@
 #include "keys/auth_mgr.h"
 #include "keys/clear_tpm_keys.h"
 #include "keys/mem_cache.h"
+#include "keys/srk_auth.h"
 #include "rpc/dcerpc/server.h"
 #include "service/event_log_start.h"
 #include "service/instance_lock.h"
@@ -143,7 +144,11 @@ TSS_RESULT StepSetAsideStorage() {
 TSS_RESULT StepCheckStorage() { return ps_checkAndRestore(g_paths.storageFile); }
 
 // The key cache opens persistent storage, whose index load enters the SRK into it.
-TSS_RESULT StepOpenKeyCache() { return mem_cache_init(g_paths.storageFile, tpmHasOwner()); }
+// Key loading learns the SRK's secret before any key can be loaded.
+TSS_RESULT StepOpenKeyCache() {
+  SetSrkSecret(g_config.srkSecret);
+  return mem_cache_init(g_paths.storageFile, tpmHasOwner());
+}
 
 void UndoStorageAndTpmAccess() {
   ps_close();

@@ -71,6 +71,15 @@ std::optional<std::vector<UINT32>> SentInstead(std::string_view name) {
   // TPM_OwnerReadInternalPub.
   if (name == "Tcsip_TerminateHandle") return std::vector<UINT32>{TPM_ORD_FlushSpecific};
   if (name == "Tcsip_OwnerReadPubek") return std::vector<UINT32>{TPM_ORD_OwnerReadInternalPub};
+  // Refused before the load: an empty blob is no key, and the failure releases the session that
+  // came with it.
+  if (name == "Tcsip_LoadKeyByBlob" || name == "Tcsip_LoadKey2ByBlob") {
+    return std::vector<UINT32>{TPM_ORD_FlushSpecific};
+  }
+  // Key handle 0 names no cached key, and an empty keyInfo is no key.
+  if (name == "Tcsip_EvictKey" || name == "Tcsip_CreateWrapKey" || name == "Tcsip_GetPubKey") {
+    return std::vector<UINT32>{};
+  }
   return std::nullopt;
 }
 

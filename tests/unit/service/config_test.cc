@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
 #include <stdlib.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -50,6 +52,9 @@ class ConfigTest : public ::testing::Test {
     EXPECT_EQ(config.requestMemory, 32u);
     EXPECT_EQ(config.maxContexts, 1024u);
     EXPECT_FALSE(config.eventLogPersist);
+    ASSERT_TRUE(config.srkSecret.has_value());
+    EXPECT_TRUE(std::all_of(std::begin(config.srkSecret->authdata),
+                            std::end(config.srkSecret->authdata), [](BYTE b) { return b == 0; }));
   }
 
   std::vector<ServiceEvent> events_;
@@ -160,6 +165,30 @@ TEST_F(ConfigTest, EventLogPersistenceIsZeroOrOne) {
   ASSERT_EQ(events_.size(), 4u);
   EXPECT_THAT(events_[0].strings,
               ::testing::ElementsAre(::testing::HasSubstr("[EVENTLOG] persist")));
+}
+
+// The SRK secret: well-known (20 zero bytes), none, or 40 hex digits; a bad value keeps the
+// well-known secret and is reported without being repeated.
+TEST_F(ConfigTest, SrkSecretIsWellKnownNoneOrFortyHexDigits) {
+  EXPECT_FALSE(Read("[tpm]\nSRK_Secret=None\n").srkSecret.has_value());
+  const TcsConfig given = Read("[TPM]\nsrk_secret=00112233445566778899aAbBcCdDeEfF01020304\n");
+  ASSERT_TRUE(given.srkSecret.has_value());
+  EXPECT_EQ(given.srkSecret->authdata[1], 0x11);
+  EXPECT_EQ(given.srkSecret->authdata[10], 0xAA);
+  EXPECT_EQ(given.srkSecret->authdata[19], 0x04);
+  ASSERT_TRUE(Read("[TPM]\nsrk_secret=well-known\n").srkSecret.has_value());
+  EXPECT_TRUE(events_.empty());
+  for (const char* value : {"0011", "00112233445566778899aabbccddeeff0102030g", "secret phrase"}) {
+    const TcsConfig bad = Read(std::string("[TPM]\nsrk_secret=") + value + "\n");
+    ASSERT_TRUE(bad.srkSecret.has_value());
+    EXPECT_EQ(bad.srkSecret->authdata[0], 0) << value;
+  }
+  ASSERT_EQ(events_.size(), 3u);
+  for (const ServiceEvent& event : events_) {
+    EXPECT_THAT(event.strings, ::testing::ElementsAre(::testing::HasSubstr("(hidden)")));
+    EXPECT_THAT(event.strings,
+                ::testing::Not(::testing::ElementsAre(::testing::HasSubstr("secret phrase"))));
+  }
 }
 
 }  // namespace

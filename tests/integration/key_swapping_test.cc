@@ -1,0 +1,252 @@
+// Key loading and swapping through the real kesttcsd on the embedded libtpms TPM (provisioned by
+// kesttcs-cli with the well-known owner and SRK secrets): a storage key and more signing keys than
+// the TPM has slots, made with Tcsip_CreateWrapKey and the client's authorisation helper (OSAP,
+// ADIP), loaded (the service authorises the storage key's load under the SRK itself), then used in
+// round robin with Tcsip_GetPubKey: every answer is the key's own public part and the TPM never
+// holds more than its 20 keys. A key shared by two contexts outlives one of them; a client killed
+// with SIGKILL releases its references.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <kesttcs/tcs_auth.h>
+#include <kesttcs/tcs_capabilities.h>
+#include <kesttcs/tcs_client.h>
+#include <kesttcs/tcs_results.h>
+#include <kesttcs/tpm_ordinals.h>
+
+#include "daemon_process.h"
+#include "kesttcsd_process.h"
+
+namespace kesttcs::testing {
+namespace {
+
+using daemon_process::kPatience;
+using Bytes = std::vector<BYTE>;
+
+constexpr size_t kTpmKeySlots = 20;
+// More signing keys than slots, few enough for CI (each RSA key takes the TPM a while to make).
+constexpr size_t kSigningKeys = 24;
+constexpr TCS_KEY_HANDLE kSrk = 0x40000000;
+
+void Put32(Bytes& out, UINT32 v) {
+  BYTE b[4];
+  KestAuth_PutUINT32(b, v);
+  out.insert(out.end(), b, b + 4);
+}
+UINT32 Get32(const Bytes& b, size_t at) {
+  return UINT32(b[at]) << 24 | UINT32(b[at + 1]) << 16 | UINT32(b[at + 2]) << 8 | b[at + 3];
+}
+
+TPM_SECRET WellKnown() {
+  TPM_SECRET s{};
+  KestAuth_WellKnownSecret(&s);
+  return s;
+}
+
+// The TPM_KEY asked of TPM_CreateWrapKey: RSA with two primes and the default exponent, no PCRs,
+// no authorisation needed to use it.
+Bytes KeyInfo(UINT16 usage, UINT32 bits, UINT16 encScheme, UINT16 sigScheme) {
+  Bytes b = {1, 1, 0, 0, BYTE(usage >> 8), BYTE(usage), 0, 0, 0, 0, /*authDataUsage=*/0};
+  Put32(b, 1);  // RSA
+  b.insert(b.end(), {BYTE(encScheme >> 8), BYTE(encScheme), BYTE(sigScheme >> 8), BYTE(sigScheme)});
+  Put32(b, 12);
+  Put32(b, bits);
+  Put32(b, 2);
+  Put32(b, 0);
+  Put32(b, 0);  // PCRInfoSize
+  Put32(b, 0);  // no public key yet
+  Put32(b, 0);  // no encrypted part yet
+  return b;
+}
+const Bytes kStorageKey = KeyInfo(0x0011, 2048, /*OAEP*/ 3, /*none*/ 1);
+const Bytes kSigningKey = KeyInfo(0x0010, 512, /*none*/ 1, /*PKCS#1 SHA-1*/ 2);
+
+// The TPM_PUBKEY part of a TPM_KEY blob: its algorithm parameters and its public key.
+Bytes PubKeyOf(const Bytes& blob) {
+  size_t at = 11;
+  const size_t parmsStart = at;
+  at += 12 + Get32(blob, at + 8);  // algorithmID, schemes, parmSize and parms
+  const size_t parmsEnd = at;
+  at += 4 + Get32(blob, at);  // PCRInfo
+  const size_t pubStart = at;
+  const size_t pubEnd = at + 4 + Get32(blob, at);
+  Bytes pub(blob.begin() + std::ptrdiff_t(parmsStart), blob.begin() + std::ptrdiff_t(parmsEnd));
+  pub.insert(pub.end(), blob.begin() + std::ptrdiff_t(pubStart),
+             blob.begin() + std::ptrdiff_t(pubEnd));
+  return pub;
+}
+
+// TPM_CreateWrapKey under `parent` over an OSAP session on it, both new secrets well-known and
+// sent by ADIP; the answer's HMAC is checked.
+Bytes CreateKey(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE parent, const Bytes& keyInfo) {
+  const TPM_SECRET secret = WellKnown();
+  KESTTCS_AUTH_SESSION s{};
+  EXPECT_EQ(KestAuth_OpenOSAP(h, KESTTCS_ET_KEYHANDLE, parent, &secret, &s), TSS_SUCCESS);
+  TPM_ENCAUTH usage{}, migration{};
+  EXPECT_EQ(KestAuth_EncAuth(&s, &secret, KESTTCS_ADIP_EVEN, &usage), TSS_SUCCESS);
+  EXPECT_EQ(KestAuth_NewNonceOdd(&s), TSS_SUCCESS);
+  EXPECT_EQ(KestAuth_EncAuth(&s, &secret, KESTTCS_ADIP_ODD, &migration), TSS_SUCCESS);
+  Bytes digest(usage.authdata, usage.authdata + 20);
+  digest.insert(digest.end(), migration.authdata, migration.authdata + 20);
+  digest.insert(digest.end(), keyInfo.begin(), keyInfo.end());
+  TPM_AUTH auth{};
+  EXPECT_EQ(
+      KestAuth_Authorize(&s, TPM_ORD_CreateWrapKey, digest.data(), UINT32(digest.size()), 0, &auth),
+      TSS_SUCCESS);
+  UINT32 size = 0;
+  BYTE* data = nullptr;
+  EXPECT_EQ(Tcsip_CreateWrapKey(h, parent, usage, migration, UINT32(keyInfo.size()),
+                                const_cast<BYTE*>(keyInfo.data()), &auth, &size, &data),
+            TSS_SUCCESS);
+  Bytes blob(data, data + size);
+  Tcs_FreeBuffer(data);
+  EXPECT_EQ(KestAuth_Verify(&s, TPM_ORD_CreateWrapKey, blob.data(), UINT32(blob.size()), &auth),
+            TSS_SUCCESS);
+  return blob;
+}
+
+TCS_KEY_HANDLE Load(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE parent, const Bytes& blob) {
+  TCS_KEY_HANDLE handle = 0;
+  EXPECT_EQ(Tcsip_LoadKey2ByBlob(h, parent, UINT32(blob.size()), const_cast<BYTE*>(blob.data()),
+                                 nullptr, &handle),
+            TSS_SUCCESS);
+  return handle;
+}
+
+TSS_RESULT PubKey(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, Bytes* pub) {
+  UINT32 size = 0;
+  BYTE* data = nullptr;
+  const TSS_RESULT r = Tcsip_GetPubKey(h, key, nullptr, &size, &data);
+  if (r == TSS_SUCCESS) pub->assign(data, data + size);
+  Tcs_FreeBuffer(data);
+  return r;
+}
+
+// How many keys the TPM holds now (TPM_CAP_KEY_HANDLE: a UINT16 count, then the handles).
+size_t TpmKeyCount(TCS_CONTEXT_HANDLE h) {
+  UINT32 size = 0;
+  BYTE* resp = nullptr;
+  EXPECT_EQ(Tcsip_GetCapability(h, TPM_CAP_KEY_HANDLE, 0, nullptr, &size, &resp), TSS_SUCCESS);
+  const size_t count = size >= 2 ? size_t(resp[0]) << 8 | resp[1] : 0;
+  Tcs_FreeBuffer(resp);
+  return count;
+}
+
+TEST(KeySwappingTest, MoreKeysThanSlotsAnswerRightSharedKeysStayAndDeadClientsLetGo) {
+  TempDir dir;
+  KesttcsdProcess daemon(fs::path(dir.path()) / "home", /*owned=*/false);
+  ASSERT_TRUE(daemon.Start());
+  // The project's own provisioning: well-known owner and SRK secrets.
+  const fs::path cliLog = fs::path(dir.path()) / "cli.txt";
+  ASSERT_EQ(
+      WaitForExit(Spawn({kKesttcsCli, "--endpoint", daemon.socket(), "provision"}, {}, cliLog)), 0)
+      << daemon_process::ReadFile(cliLog);
+  TCS_CONTEXT_HANDLE h = 0;
+  ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+
+  const Bytes storageBlob = CreateKey(h, kSrk, kStorageKey);
+  ASSERT_GT(storageBlob.size(), 256u);
+  const TCS_KEY_HANDLE storage = Load(h, kSrk, storageBlob);
+  std::vector<Bytes> blobs;
+  std::vector<TCS_KEY_HANDLE> keys;
+  for (size_t i = 0; i < kSigningKeys; ++i) {
+    blobs.push_back(CreateKey(h, storage, kSigningKey));
+    keys.push_back(Load(h, storage, blobs.back()));
+    ASSERT_FALSE(HasFailure()) << "key " << i;
+  }
+  EXPECT_EQ(std::set<TCS_KEY_HANDLE>(keys.begin(), keys.end()).size(), kSigningKeys);
+
+  // Round robin: every key answers with its own public part, which needs swaps, since the TPM
+  // cannot hold them all at once.
+  for (int round = 0; round < 3; ++round) {
+    for (size_t i = 0; i < kSigningKeys; ++i) {
+      Bytes pub;
+      ASSERT_EQ(PubKey(h, keys[i], &pub), TSS_SUCCESS) << "round " << round << " key " << i;
+      EXPECT_EQ(pub, PubKeyOf(blobs[i])) << "round " << round << " key " << i;
+      ASSERT_LE(TpmKeyCount(h), kTpmKeySlots);
+    }
+  }
+  EXPECT_EQ(TpmKeyCount(h), kTpmKeySlots);
+
+  // A second context loading the same blob shares the key; its close leaves the key usable.
+  TCS_CONTEXT_HANDLE other = 0;
+  ASSERT_EQ(Tcsi_OpenContext(&other), TSS_SUCCESS);
+  EXPECT_EQ(Load(other, storage, blobs[0]), keys[0]);
+  ASSERT_EQ(Tcsi_CloseContext(other), TSS_SUCCESS);
+  Bytes pub;
+  EXPECT_EQ(PubKey(h, keys[0], &pub), TSS_SUCCESS);
+  // One evicting context keeps it for the other; the last reference ends it.
+  ASSERT_EQ(Tcsi_OpenContext(&other), TSS_SUCCESS);
+  EXPECT_EQ(Load(other, storage, blobs[0]), keys[0]);
+  EXPECT_EQ(Tcsip_EvictKey(h, keys[0]), TSS_SUCCESS);
+  EXPECT_EQ(PubKey(other, keys[0], &pub), TSS_SUCCESS);
+  EXPECT_EQ(Tcsip_EvictKey(other, keys[0]), TSS_SUCCESS);
+  EXPECT_EQ(PubKey(other, keys[0], &pub), TCS_E_INVALID_KEY);
+
+  // A registered chain (storage key under the SRK, signing key under it) loads by UUID alone in a
+  // fresh context, the parent first.
+  const TSS_UUID srkUuid = {0, 0, 0, 0, 0, {0, 0, 0, 0, 0, 1}};
+  const TSS_UUID storageUuid = {0x5107A6E0, 1, 2, 3, 4, {5, 6, 7, 8, 9, 10}};
+  const TSS_UUID signingUuid = {0x516E0000, 1, 2, 3, 4, {5, 6, 7, 8, 9, 11}};
+  ASSERT_EQ(Tcsi_RegisterKey(h, srkUuid, storageUuid, UINT32(storageBlob.size()),
+                             const_cast<BYTE*>(storageBlob.data()), 0, nullptr),
+            TSS_SUCCESS);
+  ASSERT_EQ(Tcsi_RegisterKey(h, storageUuid, signingUuid, UINT32(blobs[2].size()),
+                             const_cast<BYTE*>(blobs[2].data()), 0, nullptr),
+            TSS_SUCCESS);
+  ASSERT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);
+  ASSERT_EQ(Tcsi_CloseContext(other), TSS_SUCCESS);
+  ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+  TCS_KEY_HANDLE byUuid = 0;
+  ASSERT_EQ(Tcsip_LoadKeyByUUID(h, signingUuid, nullptr, &byUuid), TSS_SUCCESS);
+  ASSERT_EQ(PubKey(h, byUuid, &pub), TSS_SUCCESS);
+  EXPECT_EQ(pub, PubKeyOf(blobs[2]));
+  TSS_UUID unknown = signingUuid;
+  unknown.rgbNode[5] = 99;
+  EXPECT_EQ(Tcsip_LoadKeyByUUID(h, unknown, nullptr, &byUuid), TCS_E_KEY_NOT_REGISTERED);
+
+  // A client killed while it holds a key: its references go when the service sees it die.
+  Tcs_Disconnect();
+  int pipeFds[2];
+  ASSERT_EQ(pipe(pipeFds), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    TCS_CONTEXT_HANDLE c = 0;
+    TCS_KEY_HANDLE held = 0;
+    if (Tcs_Connect(daemon.socket().c_str()) == 0 && Tcsi_OpenContext(&c) == TSS_SUCCESS) {
+      const TCS_KEY_HANDLE parent = Load(c, kSrk, storageBlob);
+      held = Load(c, parent, blobs[1]);
+    }
+    (void)!write(pipeFds[1], &held, sizeof held);
+    pause();
+    _exit(0);
+  }
+  ASSERT_GT(child, 0);
+  TCS_KEY_HANDLE held = 0;
+  ASSERT_EQ(read(pipeFds[0], &held, sizeof held), ssize_t(sizeof held));
+  ASSERT_NE(held, 0u);
+  ASSERT_EQ(Tcs_Connect(daemon.socket().c_str()), TSS_SUCCESS);
+  ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+  ASSERT_EQ(PubKey(h, held, &pub), TSS_SUCCESS);
+  EXPECT_EQ(pub, PubKeyOf(blobs[1]));
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  close(pipeFds[0]);
+  close(pipeFds[1]);
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (PubKey(h, held, &pub) == TSS_SUCCESS && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_EQ(PubKey(h, held, &pub), TCS_E_INVALID_KEY);
+}
+
+}  // namespace
+}  // namespace kesttcs::testing
