@@ -2,6 +2,7 @@
 // and the hooks through which contexts and storage reach it.
 #include "keys/mem_cache.h"
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -12,6 +13,9 @@
 #include "keys/key_eviction.h"
 #include "keys/mem_cache_table.h"
 #include "storage/ps_format.h"
+#include "tpm/tpm_cmds.h"
+#include "tpm/tpm_lock.h"
+#include "tpm12/tpm_ordinals.h"
 
 namespace kesttcs {
 namespace {
@@ -45,13 +49,27 @@ mem_cache_entry MakeEntry(TCS_KEY_HANDLE tcsKeyHandle, TPM_KEY_HANDLE tpmHandle,
 
 // Removes the entries `release` selects, evicting from the TPM those still resident in a slot.
 // The cache mutex stays held across the evictions so that no look-up sees a key the TPM dropped.
+// When there is something to evict, the TPM lock is taken before the cache mutex: a resume after a
+// sleep takes the cache mutex while it holds the TPM, so waiting for the TPM under the cache mutex
+// would deadlock against it.
 template <class Select>
 void RemoveKeys(Select release) {
   MemCacheTable& table = CacheTable();
+  auto resident = [&](const mem_cache_entry& entry) {
+    return release(entry) && entry.tpmHandle != kNoTpmHandle && entry.inTpm;
+  };
+  {
+    MutexLock lock(table.mu);
+    if (std::none_of(table.entries.begin(), table.entries.end(), resident)) {
+      std::erase_if(table.entries, release);
+      return;
+    }
+  }
+  TpmLockGuard tpm(TpmIsVersion12() ? TPM_ORD_FlushSpecific : TPM_ORD_EvictKey);
   MutexLock lock(table.mu);
   std::erase_if(table.entries, [&](const mem_cache_entry& entry) {
     if (!release(entry)) return false;
-    if (entry.tpmHandle != kNoTpmHandle && entry.inTpm) {
+    if (resident(entry)) {
       // A key the TPM would not drop is forgotten all the same: no context can name it any more.
       static_cast<void>(EvictTpmKey(entry.tpmHandle));
     }

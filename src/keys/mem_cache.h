@@ -12,11 +12,12 @@
 // functions may run from any thread in between; outside it they work on an empty table.
 //
 // Locks: the cache mutex guards the table and every field of every entry. Lock order: the
-// context-list mutex, then the storage file and index mutexes, then the cache mutex, then the TPM
-// lock; nothing takes the cache mutex while holding the session mutex. The handle counter and the
-// stamp counter each have a leaf mutex of their own (nothing is taken while holding one).
-// Operations that need several steps take the cache mutex per step: an entry found in one step may
-// be gone in the next.
+// context-list mutex, then the storage file and index mutexes, then the cache mutex; where the TPM
+// lock and the cache mutex are both held, the TPM lock comes first (a resume repairs the cache with
+// the TPM held across the sleep); nothing takes the cache mutex while holding the session mutex.
+// The handle counter and the stamp counter each have a leaf mutex of their own (nothing is taken
+// while holding one). Operations that need several steps take the cache mutex per step: an entry
+// found in one step may be gone in the next.
 #pragma once
 
 #include <array>

@@ -13,6 +13,8 @@
 #include "keys/mem_cache_table.h"
 #include "tpm/driver.h"
 #include "tpm/tpm_cmds.h"
+#include "tpm/tpm_lock.h"
+#include "tpm12/tpm_ordinals.h"
 
 namespace kesttcs {
 
@@ -79,6 +81,8 @@ TSS_RESULT evictFirstKey(TCS_KEY_HANDLE protectTcsHandle) {
 TSS_RESULT saveKeyContext(UINT32 resourceType, TPM_KEY_HANDLE tpmHandle) {
   if (resourceType != TPM_RT_KEY) return TCS_E_BAD_PARAMETER;
   MemCacheTable& table = CacheTable();
+  // The TPM lock before the cache mutex, as wherever both are held (see RemoveKeys).
+  TpmLockGuard tpm(TPM_ORD_SaveContext);
   MutexLock lock(table.mu);
   mem_cache_entry* entry = FindEntry(table, BySlot(tpmHandle));
   if (entry == nullptr) return TCS_E_FAIL;

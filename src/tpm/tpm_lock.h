@@ -17,8 +17,9 @@
 // A thread may take either mutex again while it holds it. A release by a thread that does not
 // hold a mutex is refused and does nothing.
 //
-// Lock order of the service: contexts, then the key cache, then the TPM lock; the session mutex
-// also before the TPM lock.
+// Lock order of the service: the context list before the TPM lock and the key cache; where the TPM
+// lock and the key cache are both held, the TPM lock comes first; the session mutex before the TPM
+// lock.
 #pragma once
 
 #include <chrono>

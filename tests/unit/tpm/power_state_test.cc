@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -207,6 +208,28 @@ TEST_F(PowerStateCoreTest, ACallDuringTheSleepWaitsAndRunsAfterTheRestart) {
   // Whenever the client got to the lock, its command reached the TPM after the restart.
   EXPECT_THAT(core_.OrdinalsAfterStart(),
               ElementsAre(kContinueSelfTest, kGetCapability, kGetRandom));
+}
+
+// A context closed during the sleep releases a key that is still in a slot: its eviction waits for
+// the TPM, and must not hold the key cache while it waits, or the resume (which repairs the cache
+// with the TPM held) could never finish.
+TEST_F(PowerStateCoreTest, AKeyReleasedDuringTheSleepDoesNotHoldUpTheResume) {
+  TPM_KEY key;
+  ASSERT_TRUE(ParseKeyBlob(testing::KeyBlob({.fill = 3}), &key));
+  ASSERT_EQ(add_mem_cache_entry(nextTcsKeyHandle(), 0x01000003, key, std::nullopt, kSrkKeyHandle),
+            TSS_SUCCESS);
+  ASSERT_EQ(CanIntoS3S4(), 0u);
+  GotoS3S4();
+  std::thread closer(removeUnreferencedKeys);
+  // Give the closer time to reach the TPM lock; the resume must finish whenever it got there.
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  ExpectStartedTpm();
+  ExpectKeyHandles({});
+  S3S4Return();
+  closer.join();
+  // The resume found the TPM empty, so the released key had nothing left to evict.
+  EXPECT_THAT(core_.OrdinalsAfterStart(), ElementsAre(kContinueSelfTest, kGetCapability));
+  EXPECT_FALSE(getKeyEntryByKeyHandle(0x22330000).has_value());
 }
 
 TEST_F(PowerStateCoreTest, ABusyTpmRefusesSleepAndTheRejectionRestartsIt) {
