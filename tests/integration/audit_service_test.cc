@@ -1,10 +1,16 @@
 // The audit log through the real kesttcsd on the embedded libtpms TPM: ownership taken with
 // kesttcs-cli, TPM_GetRandom set audited under the owner's OIAP session, its command and response
 // found in Audit.log, the TPM's audit digest recomputed from what the command carried, and
-// kesttcs-cli audit show / clear / set.
+// kesttcs-cli audit show / clear / set; and the signed audit digest of a key made and loaded
+// through the service, checked with OpenSSL against the key's public part, which rotates the log.
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/param_build.h>
+#include <openssl/rsa.h>
 #include <openssl/sha.h>
 
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,6 +24,7 @@
 
 #include "daemon_process.h"
 #include "kesttcsd_process.h"
+#include "wrapped_keys.h"
 
 namespace kesttcs::testing {
 namespace {
@@ -29,6 +36,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using Bytes = std::vector<BYTE>;
+using wrapped_keys::Put32;
 
 constexpr UINT16 kTagAuditEventIn = 0x0012;
 constexpr UINT16 kTagAuditEventOut = 0x0013;
@@ -36,11 +44,6 @@ constexpr UINT16 kTagAuditEventOut = 0x0013;
 void Put16(Bytes& out, UINT16 v) {
   out.push_back(BYTE(v >> 8));
   out.push_back(BYTE(v));
-}
-void Put32(Bytes& out, UINT32 v) {
-  BYTE b[4];
-  KestAuth_PutUINT32(b, v);
-  out.insert(out.end(), b, b + 4);
 }
 void PutAll(Bytes& out, const Bytes& more) { out.insert(out.end(), more.begin(), more.end()); }
 Bytes Sha1(const Bytes& in) {
@@ -92,6 +95,100 @@ TSS_RESULT SetAudit(TCS_CONTEXT_HANDLE h, UINT32 ordinal, bool audited) {
     EXPECT_EQ(KestAuth_Verify(&s, TPM_ORD_SetOrdinalAuditStatus, nullptr, 0, &auth), 0u);
   }
   return r;
+}
+
+constexpr UINT16 kTagSignInfo = 0x0005;
+constexpr UINT16 kSchemeNone = 1;
+constexpr UINT16 kSchemePkcs1Sha1 = 2;
+
+// What TPM_GetAuditDigestSigned answers.
+struct SignedAuditDigest {
+  Bytes counter;  // TPM_COUNTER_VALUE
+  Bytes digest;
+  Bytes ordinalDigest;
+  Bytes sig;
+};
+
+// TPM_GetAuditDigestSigned without closing the audit, authorised over OIAP with the key's
+// well-known usage secret; the answer's HMAC is checked.
+TSS_RESULT SignAuditDigest(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, const TPM_NONCE& antiReplay,
+                           SignedAuditDigest* answer) {
+  const TPM_SECRET usage = wrapped_keys::WellKnown();
+  KESTTCS_AUTH_SESSION s{};
+  if (TSS_RESULT r = KestAuth_OpenOIAP(h, &usage, &s)) return r;
+  Bytes params = {/*closeAudit=*/0};
+  params.insert(params.end(), antiReplay.nonce, antiReplay.nonce + sizeof antiReplay.nonce);
+  TPM_AUTH auth{};
+  EXPECT_EQ(KestAuth_Authorize(&s, TPM_ORD_GetAuditDigestSigned, params.data(),
+                               UINT32(params.size()), 0, &auth),
+            0u);
+  UINT32 counterSize = 0, sigSize = 0;
+  BYTE *counter = nullptr, *sig = nullptr;
+  TPM_DIGEST digest{}, ordinalDigest{};
+  const TSS_RESULT r =
+      Tcsip_GetAuditDigestSigned(h, key, 0, antiReplay, &auth, &counterSize, &counter, &digest,
+                                 &ordinalDigest, &sigSize, &sig);
+  if (r != TSS_SUCCESS) return r;
+  answer->counter.assign(counter, counter + counterSize);
+  answer->digest.assign(digest.digest, digest.digest + 20);
+  answer->ordinalDigest.assign(ordinalDigest.digest, ordinalDigest.digest + 20);
+  answer->sig.assign(sig, sig + sigSize);
+  Tcs_FreeBuffer(counter);
+  Tcs_FreeBuffer(sig);
+  Bytes out = answer->counter;
+  PutAll(out, answer->digest);
+  PutAll(out, answer->ordinalDigest);
+  Put32(out, sigSize);
+  PutAll(out, answer->sig);
+  EXPECT_EQ(
+      KestAuth_Verify(&s, TPM_ORD_GetAuditDigestSigned, out.data(), UINT32(out.size()), &auth), 0u);
+  return r;
+}
+
+// Whether `sig` is an RSASSA-PKCS1-v1_5 signature of the SHA-1 digest `sha1` under the RSA key of
+// `modulus` and the default exponent.
+bool VerifiesWith(const Bytes& modulus, const Bytes& sha1, const Bytes& sig) {
+  using Bn = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
+  using Builder = std::unique_ptr<OSSL_PARAM_BLD, decltype(&OSSL_PARAM_BLD_free)>;
+  using Params = std::unique_ptr<OSSL_PARAM, decltype(&OSSL_PARAM_free)>;
+  using Ctx = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
+  using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+  const Bn n(BN_bin2bn(modulus.data(), int(modulus.size()), nullptr), BN_free);
+  const Bn e(BN_new(), BN_free);
+  const Builder builder(OSSL_PARAM_BLD_new(), OSSL_PARAM_BLD_free);
+  if (!n || !e || !builder || BN_set_word(e.get(), RSA_F4) != 1 ||
+      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, n.get()) != 1 ||
+      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) != 1) {
+    return false;
+  }
+  const Params params(OSSL_PARAM_BLD_to_param(builder.get()), OSSL_PARAM_free);
+  const Ctx fromData(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr), EVP_PKEY_CTX_free);
+  EVP_PKEY* raw = nullptr;
+  if (!params || !fromData || EVP_PKEY_fromdata_init(fromData.get()) != 1 ||
+      EVP_PKEY_fromdata(fromData.get(), &raw, EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
+    return false;
+  }
+  const Key key(raw, EVP_PKEY_free);
+  const Ctx verify(EVP_PKEY_CTX_new(key.get(), nullptr), EVP_PKEY_CTX_free);
+  return verify && EVP_PKEY_verify_init(verify.get()) == 1 &&
+         EVP_PKEY_CTX_set_rsa_padding(verify.get(), RSA_PKCS1_PADDING) == 1 &&
+         EVP_PKEY_CTX_set_signature_md(verify.get(), EVP_sha1()) == 1 &&
+         EVP_PKEY_verify(verify.get(), sig.data(), sig.size(), sha1.data(), sha1.size()) == 1;
+}
+
+// The TPM_SIGN_INFO a signed audit digest covers: "ADIG", the caller's nonce, and the digest, the
+// counter and the digest of the audited ordinals.
+Bytes AuditSignInfo(const TPM_NONCE& antiReplay, const SignedAuditDigest& d) {
+  Bytes info;
+  Put16(info, kTagSignInfo);
+  info.insert(info.end(), {'A', 'D', 'I', 'G'});
+  info.insert(info.end(), antiReplay.nonce, antiReplay.nonce + sizeof antiReplay.nonce);
+  Bytes data = d.digest;
+  PutAll(data, d.counter);
+  PutAll(data, d.ordinalDigest);
+  Put32(info, UINT32(data.size()));
+  PutAll(info, data);
+  return info;
 }
 
 // The dump lines of `bytes` as the audit log writes them.
@@ -203,6 +300,67 @@ TEST_F(AuditServiceTest, AnAuditedGetRandomIsLoggedAndDigestedAndTheCliManagesTh
   std::tie(status, text) = Cli({"audit", "set", "NoSuchOrdinal"}, daemon.socket());
   EXPECT_NE(status, 0);
   EXPECT_THAT(ReadAuditDigest(h).ordinals, Not(::testing::Contains(TPM_ORD_GetRandom)));
+  EXPECT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);
+}
+
+TEST_F(AuditServiceTest, TheSignedDigestVerifiesWithTheKeysPublicPartAndRotatesTheLog) {
+  KesttcsdProcess daemon(Home(), /*owned=*/false);
+  ASSERT_TRUE(daemon.Start());
+  auto [status, text] = Cli({"provision"}, daemon.socket());
+  ASSERT_EQ(status, 0) << text;
+  TCS_CONTEXT_HANDLE h = 0;
+  ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+  const Bytes blob =
+      wrapped_keys::CreateKey(h, wrapped_keys::kSrk,
+                              wrapped_keys::KeyInfo(wrapped_keys::kSigningUsage, 512, kSchemeNone,
+                                                    kSchemePkcs1Sha1, wrapped_keys::kAuthAlways));
+  ASSERT_FALSE(HasFailure());
+  const TCS_KEY_HANDLE key = wrapped_keys::Load(h, wrapped_keys::kSrk, blob);
+  ASSERT_NE(key, 0u);
+
+  ASSERT_EQ(SetAudit(h, TPM_ORD_GetRandom, true), TSS_SUCCESS);
+  UINT32 count = 16;
+  BYTE* random = nullptr;
+  ASSERT_EQ(Tcsip_GetRandom(h, &count, &random), TSS_SUCCESS);
+  Tcs_FreeBuffer(random);
+  const AuditDigest audit = ReadAuditDigest(h);
+  const fs::path auditDir = Home() / "audit";
+  ASSERT_TRUE(fs::exists(auditDir / "Audit.log"));
+
+  TPM_NONCE antiReplay{};
+  for (BYTE i = 0; i < sizeof antiReplay.nonce; ++i) antiReplay.nonce[i] = BYTE(0xA0 + i);
+  SignedAuditDigest signedDigest;
+  ASSERT_EQ(SignAuditDigest(h, key, antiReplay, &signedDigest), TSS_SUCCESS);
+
+  // The same digest and counter the TPM reports unsigned, and the digest of its audited list.
+  EXPECT_EQ(signedDigest.digest, audit.digest);
+  EXPECT_EQ(signedDigest.counter, audit.counter);
+  Bytes ordinals;
+  for (UINT32 ordinal : audit.ordinals) Put32(ordinals, ordinal);
+  EXPECT_EQ(signedDigest.ordinalDigest, Sha1(ordinals));
+  // The key's public part verifies the signature; another nonce does not.
+  const Bytes modulus = wrapped_keys::ModulusOf(blob);
+  ASSERT_EQ(modulus.size(), 64u);
+  EXPECT_EQ(signedDigest.sig.size(), modulus.size());
+  EXPECT_TRUE(
+      VerifiesWith(modulus, Sha1(AuditSignInfo(antiReplay, signedDigest)), signedDigest.sig));
+  TPM_NONCE otherNonce = antiReplay;
+  otherNonce.nonce[0] ^= 1;
+  EXPECT_FALSE(
+      VerifiesWith(modulus, Sha1(AuditSignInfo(otherNonce, signedDigest)), signedDigest.sig));
+
+  // The signed digest closed the log: Audit.log moved to a time-stamped name, its last record the
+  // signed digest after the audited GetRandom's records.
+  EXPECT_FALSE(fs::exists(auditDir / "Audit.log"));
+  std::vector<fs::path> kept;
+  for (const auto& entry : fs::directory_iterator(auditDir)) kept.push_back(entry.path());
+  ASSERT_EQ(kept.size(), 1u);
+  const std::string name = kept[0].filename().string();
+  EXPECT_TRUE(name.starts_with("Audit") && name.ends_with(".log") && name != "Audit.log") << name;
+  const std::string log = ReadFile(kept[0]);
+  EXPECT_THAT(log, HasSubstr("//--Send Data To TPM.Time:"));
+  EXPECT_TRUE(log.ends_with("//-- Audit Digest Signed\n" + Dump(signedDigest.digest) + "\n"))
+      << log;
   EXPECT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);
 }
 

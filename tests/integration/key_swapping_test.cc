@@ -24,102 +24,25 @@
 
 #include "daemon_process.h"
 #include "kesttcsd_process.h"
+#include "wrapped_keys.h"
 
 namespace kesttcs::testing {
 namespace {
 
 using daemon_process::kPatience;
 using Bytes = std::vector<BYTE>;
+using wrapped_keys::CreateKey;
+using wrapped_keys::KeyInfo;
+using wrapped_keys::kSrk;
+using wrapped_keys::Load;
+using wrapped_keys::PubKeyOf;
 
 constexpr size_t kTpmKeySlots = 20;
 // More signing keys than slots, few enough for CI (each RSA key takes the TPM a while to make).
 constexpr size_t kSigningKeys = 24;
-constexpr TCS_KEY_HANDLE kSrk = 0x40000000;
 
-void Put32(Bytes& out, UINT32 v) {
-  BYTE b[4];
-  KestAuth_PutUINT32(b, v);
-  out.insert(out.end(), b, b + 4);
-}
-UINT32 Get32(const Bytes& b, size_t at) {
-  return UINT32(b[at]) << 24 | UINT32(b[at + 1]) << 16 | UINT32(b[at + 2]) << 8 | b[at + 3];
-}
-
-TPM_SECRET WellKnown() {
-  TPM_SECRET s{};
-  KestAuth_WellKnownSecret(&s);
-  return s;
-}
-
-// The TPM_KEY asked of TPM_CreateWrapKey: RSA with two primes and the default exponent, no PCRs,
-// no authorisation needed to use it.
-Bytes KeyInfo(UINT16 usage, UINT32 bits, UINT16 encScheme, UINT16 sigScheme) {
-  Bytes b = {1, 1, 0, 0, BYTE(usage >> 8), BYTE(usage), 0, 0, 0, 0, /*authDataUsage=*/0};
-  Put32(b, 1);  // RSA
-  b.insert(b.end(), {BYTE(encScheme >> 8), BYTE(encScheme), BYTE(sigScheme >> 8), BYTE(sigScheme)});
-  Put32(b, 12);
-  Put32(b, bits);
-  Put32(b, 2);
-  Put32(b, 0);
-  Put32(b, 0);  // PCRInfoSize
-  Put32(b, 0);  // no public key yet
-  Put32(b, 0);  // no encrypted part yet
-  return b;
-}
-const Bytes kStorageKey = KeyInfo(0x0011, 2048, /*OAEP*/ 3, /*none*/ 1);
-const Bytes kSigningKey = KeyInfo(0x0010, 512, /*none*/ 1, /*PKCS#1 SHA-1*/ 2);
-
-// The TPM_PUBKEY part of a TPM_KEY blob: its algorithm parameters and its public key.
-Bytes PubKeyOf(const Bytes& blob) {
-  size_t at = 11;
-  const size_t parmsStart = at;
-  at += 12 + Get32(blob, at + 8);  // algorithmID, schemes, parmSize and parms
-  const size_t parmsEnd = at;
-  at += 4 + Get32(blob, at);  // PCRInfo
-  const size_t pubStart = at;
-  const size_t pubEnd = at + 4 + Get32(blob, at);
-  Bytes pub(blob.begin() + std::ptrdiff_t(parmsStart), blob.begin() + std::ptrdiff_t(parmsEnd));
-  pub.insert(pub.end(), blob.begin() + std::ptrdiff_t(pubStart),
-             blob.begin() + std::ptrdiff_t(pubEnd));
-  return pub;
-}
-
-// TPM_CreateWrapKey under `parent` over an OSAP session on it, both new secrets well-known and
-// sent by ADIP; the answer's HMAC is checked.
-Bytes CreateKey(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE parent, const Bytes& keyInfo) {
-  const TPM_SECRET secret = WellKnown();
-  KESTTCS_AUTH_SESSION s{};
-  EXPECT_EQ(KestAuth_OpenOSAP(h, KESTTCS_ET_KEYHANDLE, parent, &secret, &s), TSS_SUCCESS);
-  TPM_ENCAUTH usage{}, migration{};
-  EXPECT_EQ(KestAuth_EncAuth(&s, &secret, KESTTCS_ADIP_EVEN, &usage), TSS_SUCCESS);
-  EXPECT_EQ(KestAuth_NewNonceOdd(&s), TSS_SUCCESS);
-  EXPECT_EQ(KestAuth_EncAuth(&s, &secret, KESTTCS_ADIP_ODD, &migration), TSS_SUCCESS);
-  Bytes digest(usage.authdata, usage.authdata + 20);
-  digest.insert(digest.end(), migration.authdata, migration.authdata + 20);
-  digest.insert(digest.end(), keyInfo.begin(), keyInfo.end());
-  TPM_AUTH auth{};
-  EXPECT_EQ(
-      KestAuth_Authorize(&s, TPM_ORD_CreateWrapKey, digest.data(), UINT32(digest.size()), 0, &auth),
-      TSS_SUCCESS);
-  UINT32 size = 0;
-  BYTE* data = nullptr;
-  EXPECT_EQ(Tcsip_CreateWrapKey(h, parent, usage, migration, UINT32(keyInfo.size()),
-                                const_cast<BYTE*>(keyInfo.data()), &auth, &size, &data),
-            TSS_SUCCESS);
-  Bytes blob(data, data + size);
-  Tcs_FreeBuffer(data);
-  EXPECT_EQ(KestAuth_Verify(&s, TPM_ORD_CreateWrapKey, blob.data(), UINT32(blob.size()), &auth),
-            TSS_SUCCESS);
-  return blob;
-}
-
-TCS_KEY_HANDLE Load(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE parent, const Bytes& blob) {
-  TCS_KEY_HANDLE handle = 0;
-  EXPECT_EQ(Tcsip_LoadKey2ByBlob(h, parent, UINT32(blob.size()), const_cast<BYTE*>(blob.data()),
-                                 nullptr, &handle),
-            TSS_SUCCESS);
-  return handle;
-}
+const Bytes kStorageKey = KeyInfo(wrapped_keys::kStorageUsage, 2048, /*OAEP*/ 3, /*none*/ 1);
+const Bytes kSigningKey = KeyInfo(wrapped_keys::kSigningUsage, 512, /*none*/ 1, /*PKCS#1 SHA-1*/ 2);
 
 TSS_RESULT PubKey(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, Bytes* pub) {
   UINT32 size = 0;
