@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Soak of power handling: kesttcsd behind a mocked logind and a swtpm, 100 sleep/resume cycles (the
-# swtpm reset during each) while 8 clients run GetRandom and PCR reads. CI does not run it; the
-# suite runs the same test with a few cycles. Usage: scripts/power-soak.sh [cycles] [clients]
+# swtpm reset during each) while 8 clients run GetRandom, PCR reads and GetPubKey on a key loaded
+# before the first sleep (the TPM loses it in each). It prints the calls, errors and time. CI does
+# not run it; the suite runs the same test with a few cycles.
+# Usage: scripts/power-soak.sh [cycles] [clients]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake --build --preset default --target power_logind_test kesttcsd kesttcs-cli

@@ -2,9 +2,12 @@
 // a swtpm behind it that really loses its state: the control channel's CMD_INIT resets it during
 // the "sleep", as S3 resets a TPM. The daemon holds a delay inhibitor while awake, lets it go once
 // TPM traffic is held, keeps clients' calls waiting (not failing) across the sleep, restarts the
-// TPM on resume and takes a new inhibitor. The soak runs this with many clients and cycles
-// (scripts/power-soak.sh sets KESTTCS_POWER_CYCLES and KESTTCS_POWER_CLIENTS).
+// TPM on resume and takes a new inhibitor. A key loaded before a sleep answers through the same
+// handle after it: the service loads it again (and its parent) once the TPM has lost it. The soak
+// runs this with many clients and cycles (scripts/power-soak.sh sets KESTTCS_POWER_CYCLES and
+// KESTTCS_POWER_CLIENTS).
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -23,12 +26,22 @@
 #include "logind_bus.h"
 #include "swtpm_process.h"
 #include "temp_dir.h"
+#include "wrapped_keys.h"
 
 namespace kesttcs::testing {
 namespace {
 
 using ::testing::HasSubstr;
 using ::testing::Not;
+using Bytes = std::vector<BYTE>;
+using wrapped_keys::CreateKey;
+using wrapped_keys::KeyInfo;
+using wrapped_keys::kSrk;
+using wrapped_keys::Load;
+using wrapped_keys::PubKeyOf;
+
+const Bytes kStorageKey = KeyInfo(wrapped_keys::kStorageUsage, 2048, /*OAEP*/ 3, /*none*/ 1);
+const Bytes kSigningKey = KeyInfo(wrapped_keys::kSigningUsage, 512, /*none*/ 1, /*PKCS#1 SHA-1*/ 2);
 
 int EnvNumber(const char* name, int fallback) {
   const char* value = std::getenv(name);
@@ -60,6 +73,15 @@ long DaemonRssKb(pid_t pid) {
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path);
   return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+TSS_RESULT PubKey(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, Bytes* pub) {
+  UINT32 size = 0;
+  BYTE* data = nullptr;
+  const TSS_RESULT r = Tcsip_GetPubKey(h, key, nullptr, &size, &data);
+  if (r == TSS_SUCCESS) pub->assign(data, data + size);
+  Tcs_FreeBuffer(data);
+  return r;
 }
 
 class PowerLogindTest : public ::testing::Test {
@@ -95,6 +117,26 @@ class PowerLogindTest : public ::testing::Test {
     ASSERT_TRUE(bus_->PrepareForSleep(false));
     ASSERT_TRUE(bus_->AwaitInhibitors(1));
     EXPECT_EQ(PowerState().state, KESTTCS_POWER_RUNNING);
+  }
+
+  // The fresh swtpm gets an endorsement key, then kesttcs-cli provisions it with the well-known
+  // owner and SRK secrets.
+  void Provision() {
+    TCS_CONTEXT_HANDLE h = 0;
+    ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+    TPM_NONCE antiReplay{};
+    UINT32 ekSize = 0;
+    BYTE* ek = nullptr;
+    TPM_DIGEST checksum{};
+    BYTE keyParms[] = {0, 0, 0, 1, 0, 3, 0, 1, 0, 0, 0, 12, 0, 0, 8, 0, 0, 0, 0, 2, 0, 0, 0, 0};
+    ASSERT_EQ(Tcsip_CreateEndorsementKeyPair(h, antiReplay, sizeof keyParms, keyParms, &ekSize, &ek,
+                                             &checksum),
+              TSS_SUCCESS);
+    Tcs_FreeBuffer(ek);
+    ASSERT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);
+    const auto [status, text] =
+        RunKesttcsCli({"provision"}, daemon_->socket(), home_.path() + "/provision.txt");
+    ASSERT_EQ(status, 0) << text;
   }
 
   TempDir home_;
@@ -143,30 +185,78 @@ TEST_F(PowerLogindTest, ACallMadeDuringSleepWaitsAndCompletesAfterTheTpmRestarts
   EXPECT_THAT(ReadFile(home_.path() + "/kesttcsd.log"), Not(HasSubstr("power handling is off")));
 }
 
-// Clients keep calling while the platform sleeps and wakes; every call succeeds.
+// The TPM forgets every key in the sleep; the handles the clients hold stay valid, the service
+// loads the keys again (the parent first) when they are next used.
+TEST_F(PowerLogindTest, AKeyLoadedBeforeASleepAnswersThroughTheSameHandleAfterIt) {
+  Provision();
+  ASSERT_FALSE(HasFatalFailure());
+  TCS_CONTEXT_HANDLE h = 0;
+  ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+  const Bytes storageBlob = CreateKey(h, kSrk, kStorageKey);
+  const TCS_KEY_HANDLE storage = Load(h, kSrk, storageBlob);
+  const Bytes signingBlob = CreateKey(h, storage, kSigningKey);
+  const TCS_KEY_HANDLE signing = Load(h, storage, signingBlob);
+  ASSERT_FALSE(HasFailure());
+  Bytes pub;
+  ASSERT_EQ(PubKey(h, signing, &pub), TSS_SUCCESS);
+  EXPECT_EQ(pub, PubKeyOf(signingBlob));
+
+  for (int sleep = 0; sleep < 2; ++sleep) {
+    SleepOnce([] {});
+    ASSERT_EQ(PubKey(h, signing, &pub), TSS_SUCCESS) << "after sleep " << sleep;
+    EXPECT_EQ(pub, PubKeyOf(signingBlob)) << "after sleep " << sleep;
+    ASSERT_EQ(PubKey(h, storage, &pub), TSS_SUCCESS) << "after sleep " << sleep;
+    EXPECT_EQ(pub, PubKeyOf(storageBlob)) << "after sleep " << sleep;
+  }
+  EXPECT_EQ(Tcsip_EvictKey(h, signing), TSS_SUCCESS);
+  EXPECT_EQ(PubKey(h, signing, &pub), TCS_E_INVALID_KEY);
+  EXPECT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);
+}
+
+// Clients keep calling while the platform sleeps and wakes, a third of their calls on a key each
+// loaded before the first sleep (the same blob, so the cache shares the key); every call succeeds
+// and every key answer is the key's own public part.
 TEST_F(PowerLogindTest, ClientsRunThroughSleepCycles) {
   const int cycles = EnvNumber("KESTTCS_POWER_CYCLES", 3);
   const int clients = EnvNumber("KESTTCS_POWER_CLIENTS", 4);
+  Provision();
+  ASSERT_FALSE(HasFatalFailure());
+  TCS_CONTEXT_HANDLE maker = 0;
+  ASSERT_EQ(Tcsi_OpenContext(&maker), TSS_SUCCESS);
+  const Bytes keyBlob = CreateKey(maker, kSrk, kSigningKey);
+  ASSERT_FALSE(HasFailure());
+  EXPECT_EQ(Tcsi_CloseContext(maker), TSS_SUCCESS);
+  const Bytes keyPub = PubKeyOf(keyBlob);
+
   const long rssBefore = DaemonRssKb(daemon_->pid());
+  const auto started = std::chrono::steady_clock::now();
   std::atomic<bool> stop{false};
   std::atomic<long> calls{0};
+  std::atomic<long> keyedCalls{0};
   std::vector<std::vector<TSS_RESULT>> failures(clients);
+  std::vector<int> wrongKeys(clients, 0);
   std::vector<std::thread> threads;
   for (int c = 0; c < clients; ++c) {
     threads.emplace_back([&, c] {
       ASSERT_EQ(Tcs_ConnectThread(daemon_->socket().c_str()), TSS_SUCCESS);
       TCS_CONTEXT_HANDLE ctx = 0;
       ASSERT_EQ(Tcsi_OpenContext(&ctx), TSS_SUCCESS);
+      const TCS_KEY_HANDLE key = Load(ctx, kSrk, keyBlob);
       for (unsigned i = 0; !stop; ++i) {
         TSS_RESULT r;
-        if (i % 2 == 0) {
+        if (i % 3 == 0) {
           UINT32 n = 16;
           BYTE* out = nullptr;
           r = Tcsip_GetRandom(ctx, &n, &out);
           Tcs_FreeBuffer(out);
-        } else {
+        } else if (i % 3 == 1) {
           TPM_PCRVALUE value{};
           r = Tcsip_PcrRead(ctx, i % 24, &value);
+        } else {
+          Bytes pub;
+          r = PubKey(ctx, key, &pub);
+          if (r == TSS_SUCCESS && pub != keyPub) ++wrongKeys[c];
+          ++keyedCalls;
         }
         if (r != TSS_SUCCESS) failures[c].push_back(r);
         ++calls;
@@ -178,11 +268,19 @@ TEST_F(PowerLogindTest, ClientsRunThroughSleepCycles) {
   for (int cycle = 0; cycle < cycles && !HasFatalFailure(); ++cycle) SleepOnce([] {});
   stop = true;
   for (std::thread& t : threads) t.join();
-  for (int c = 0; c < clients; ++c)
+  size_t errors = 0;
+  for (int c = 0; c < clients; ++c) {
     EXPECT_THAT(failures[c], ::testing::IsEmpty()) << "client " << c;
+    EXPECT_EQ(wrongKeys[c], 0) << "client " << c;
+    errors += failures[c].size();
+  }
   const long rssAfter = DaemonRssKb(daemon_->pid());
-  std::printf("%d sleep cycles, %d clients, %ld calls; daemon RSS %ld kB before, %ld kB after\n",
-              cycles, clients, calls.load(), rssBefore, rssAfter);
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  std::printf(
+      "%d sleep cycles, %d clients, %ld calls (%ld on the key), %zu errors in %.1f s; daemon RSS "
+      "%ld kB before, %ld kB after\n",
+      cycles, clients, calls.load(), keyedCalls.load(), errors, seconds, rssBefore, rssAfter);
 }
 
 }  // namespace
