@@ -5,7 +5,11 @@
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"
 #include "keys/auth_mgr.h"
+#include "keys/key_loading.h"
+#include "storage/persistent_storage.h"
 #include "tpm/req_mgr.h"
+#include "tpm/tpm_cmds.h"
+#include "tpm/tpm_lock.h"
 
 namespace kesttcs {
 
@@ -16,8 +20,37 @@ TSS_RESULT TpmCommand::Check(UINT32 fixedBytes, UINT32 inSize, const void* inDat
   return TSS_SUCCESS;
 }
 
+TSS_RESULT TpmCommand::UseKey(TCS_KEY_HANDLE hKey, TPM_KEY_HANDLE* slot) noexcept {
+  key_ = hKey;
+  {
+    // Read under the TPM lock, so never between a restart and the key cache's repair after it.
+    TpmLockGuard tpm(ordinal_);
+    keyStartups_ = TpmStartupCount();
+  }
+  return ensureKeyIsLoaded(hContext_, hKey, slot) == TSS_SUCCESS ? TSS_SUCCESS : TCS_E_INVALID_KEY;
+}
+
+TSS_RESULT TpmCommand::RefreshKeySlot() noexcept {
+  TPM_KEY_HANDLE slot = kNoTpmHandle;
+  if (TSS_RESULT rc = UseKey(key_, &slot)) return rc;
+  BlobWriter writer(blob_, kTpmHeaderSize);
+  return LoadBlob(writer, UINT32{slot});
+}
+
 TSS_RESULT TpmCommand::Submit() noexcept {
-  if (TSS_RESULT rc = req_mgr_submit(blob_)) return rc;
+  // The slot must still be the key's when the command reaches the TPM. Checked with the TPM lock
+  // held, since a resume restarts the TPM under it; loading the key again is done without it, as
+  // the service's own SRK authorisation takes the session mutex, which comes before the TPM lock.
+  for (;;) {
+    {
+      TpmLockGuard tpm(ordinal_);
+      if (key_ == 0 || TpmStartupCount() == keyStartups_) {
+        if (TSS_RESULT rc = req_mgr_submit(blob_)) return rc;
+        break;
+      }
+    }
+    if (TSS_RESULT rc = RefreshKeySlot()) return rc;
+  }
   UINT32 paramSize = 0;
   TSS_RESULT result = UnloadBlob_Header(blob_, &paramSize);
   outputs_ = ResponseParams(blob_, paramSize);

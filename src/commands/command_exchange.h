@@ -64,6 +64,12 @@ class TpmCommand {
     return Submit();
   }
 
+  // Makes the key `hKey` resident (ensureKeyIsLoaded) and sets *slot to its TPM slot, which the
+  // caller passes as the command's first parameter. TCS_E_INVALID_KEY when it cannot be loaded.
+  // Should the TPM restart (a sleep) before the command is sent, the slot is stale: the exchange
+  // then loads the key again and sends its new slot instead.
+  [[nodiscard]] TSS_RESULT UseKey(TCS_KEY_HANDLE hKey, TPM_KEY_HANDLE* slot) noexcept;
+
   // Names the authorisation sessions the command carries, in the order of their trailers (null:
   // none, so a command whose session is optional passes what it was given), and checks each with
   // auth_mgr_check_auth: TCS_E_INTERNAL_ERROR for a session the context does not own, and nothing
@@ -130,6 +136,8 @@ class TpmCommand {
 
  private:
   [[nodiscard]] TSS_RESULT Submit() noexcept;
+  // Looks the key of UseKey up again and writes its slot over the command's first parameter.
+  [[nodiscard]] TSS_RESULT RefreshKeySlot() noexcept;
   TPM_TAG SessionTag() const noexcept;
   // The session bookkeeping after the exchange whose result is `result` (see RunAuthorised).
   [[nodiscard]] TSS_RESULT FinishAuthorised(TSS_RESULT result) noexcept;
@@ -139,6 +147,9 @@ class TpmCommand {
   TPM_COMMAND_CODE ordinal_;
   std::array<TPM_AUTH*, 2> sessions_{};
   size_t sessionCount_ = 0;
+  // The key of UseKey (0: none) and the TPM start-up count its slot was looked up under.
+  TCS_KEY_HANDLE key_ = 0;
+  UINT64 keyStartups_ = 0;
   std::array<BYTE, kTpmBlobSize> blob_;  // only [0, paramSize) is ever read
   BlobReader outputs_{std::span<const BYTE>()};
 };

@@ -24,10 +24,6 @@ bool IsOneKey(std::span<const BYTE> bytes) {
   return UnloadBlob(reader, &key) == TSS_SUCCESS && reader.remaining() == 0;
 }
 
-TSS_RESULT KeySlot(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE hKey, TPM_KEY_HANDLE* slot) {
-  return ensureKeyIsLoaded(hContext, hKey, slot) == TSS_SUCCESS ? TSS_SUCCESS : TCS_E_INVALID_KEY;
-}
-
 }  // namespace
 
 TSS_RESULT Tcsip_CreateWrapKey_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE hWrappingKey,
@@ -41,7 +37,7 @@ TSS_RESULT Tcsip_CreateWrapKey_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HAN
   const std::span<const BYTE> info(keyInfo, keyInfoSize);
   if (pAuth == nullptr || !IsOneKey(info)) return TCS_E_BAD_PARAMETER;
   TPM_KEY_HANDLE slot = kNoTpmHandle;
-  if (TSS_RESULT rc = KeySlot(hContext, hWrappingKey, &slot)) return rc;
+  if (TSS_RESULT rc = command.UseKey(hWrappingKey, &slot)) return rc;
   if (TSS_RESULT rc = command.UseSessions(pAuth)) return rc;
   if (TSS_RESULT rc = command.RunAuthorised(slot, KeyUsageAuth, KeyMigrationAuth, info)) return rc;
   return command.UnloadStructure<TPM_KEY>(keyDataSize, keyData);
@@ -53,7 +49,7 @@ TSS_RESULT Tcsip_GetPubKey_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE 
   TpmCommand command(hContext, TPM_ORD_GetPubKey);
   if (TSS_RESULT rc = command.Check()) return rc;
   TPM_KEY_HANDLE slot = kNoTpmHandle;
-  if (TSS_RESULT rc = KeySlot(hContext, hKey, &slot)) return rc;
+  if (TSS_RESULT rc = command.UseKey(hKey, &slot)) return rc;
   if (TSS_RESULT rc = command.UseSessions(pAuth)) return rc;
   if (TSS_RESULT rc = command.RunAuthorised(slot)) return rc;
   return command.UnloadStructure<TPM_PUBKEY>(pcPubKeySize, prgbPubKey);

@@ -15,6 +15,7 @@ namespace {
 
 std::atomic<bool> g_tpm_is_12{true};
 std::atomic<UINT64> g_last_startup{0};
+std::atomic<UINT64> g_startups{0};
 
 // Finishes the command in `writer` (header last), sends it and maps the answer.
 TSS_RESULT Exchange(BlobWriter& writer, UINT32 ordinal, UINT32 priority) REQUIRES(tpm_lock()) {
@@ -50,6 +51,8 @@ void SetTpmIsVersion12(bool isVersion12) { g_tpm_is_12 = isVersion12; }
 bool TpmIsVersion12() { return g_tpm_is_12; }
 UINT64 LastTpmStartupTime() { return g_last_startup; }
 
+UINT64 TpmStartupCount() { return g_startups; }
+
 TSS_RESULT SendContinueSelfTest() {
   std::array<BYTE, kTpmBlobSize> command;
   BlobWriter writer(command, kTpmHeaderSize);
@@ -76,6 +79,7 @@ TSS_RESULT SendEvictKey(UINT32 keyHandle) {
 }
 
 TSS_RESULT RunTpmStartupSequence() {
+  ++g_startups;
   g_last_startup = static_cast<UINT64>(std::chrono::duration_cast<std::chrono::seconds>(
                                            std::chrono::system_clock::now().time_since_epoch())
                                            .count());

@@ -43,5 +43,8 @@ TSS_RESULT RunTpmStartupSequence() REQUIRES(tpm_lock());
 // When the start-up sequence last ran (the TPM was last restarted), in seconds since the epoch; 0
 // before the first run.
 UINT64 LastTpmStartupTime();
+// How many times the start-up sequence has run. A TPM slot looked up under one count means nothing
+// under the next: the TPM lost its keys in between.
+UINT64 TpmStartupCount();
 
 }  // namespace kesttcs
