@@ -9,7 +9,6 @@
 #include "commands/command_exchange.h"
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"
-#include "keys/key_loading.h"
 #include "storage/audit_list.h"
 #include "storage/audit_log.h"
 #include "tpm12/marshal.h"
@@ -113,7 +112,7 @@ TSS_RESULT Tcsip_GetAuditDigestSigned_Internal(TCS_CONTEXT_HANDLE hContext,
   if (TSS_RESULT rc = command.Check()) return rc;
   if (TSS_RESULT rc = command.UseSessions(privAuth)) return rc;
   TPM_KEY_HANDLE keySlot = 0;
-  if (TSS_RESULT rc = ensureKeyIsLoaded(hContext, keyHandle, &keySlot)) return rc;
+  if (TSS_RESULT rc = command.UseKey(keyHandle, &keySlot)) return rc;
   if (keySlot == 0) return TCS_E_FAIL;
   if (TSS_RESULT rc = command.RunAuthorised(keySlot, BYTE{closeAudit}, antiReplay)) return rc;
   std::span<const BYTE> counter;

@@ -5,7 +5,6 @@
 #include <kesttcs/tcs_results.h>
 
 #include "commands/command_exchange.h"
-#include "keys/key_loading.h"
 #include "storage/persistent_storage.h"
 #include "tpm12/marshal.h"
 #include "tpm12/tpm_ordinals.h"
