@@ -74,6 +74,19 @@ inline std::pair<int, std::string> RunKesttcsCli(const std::vector<std::string>&
   return {status, std::string(std::istreambuf_iterator<char>(in), {})};
 }
 
+// Tcsip_CreateEndorsementKeyPair with a 2048-bit RSA key: a fresh swtpm has no endorsement key.
+inline void CreateEndorsementKey(TCS_CONTEXT_HANDLE h) {
+  TPM_NONCE antiReplay{};
+  UINT32 ekSize = 0;
+  BYTE* ek = nullptr;
+  TPM_DIGEST checksum{};
+  BYTE keyParms[] = {0, 0, 0, 1, 0, 3, 0, 1, 0, 0, 0, 12, 0, 0, 8, 0, 0, 0, 0, 2, 0, 0, 0, 0};
+  ASSERT_EQ(Tcsip_CreateEndorsementKeyPair(h, antiReplay, sizeof keyParms, keyParms, &ekSize, &ek,
+                                           &checksum),
+            0u);
+  Tcs_FreeBuffer(ek);
+}
+
 // The permanent state ("00.permall") of a TPM 1.2 with an owner; empty when it cannot be made.
 inline std::string OwnedTpmState() {
   static const TempDir dir;

@@ -261,15 +261,7 @@ TEST_F(OwnershipTest, OwnerLifeCycleOnASwtpmProcess) {
   TCS_CONTEXT_HANDLE h = 0;
   ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
   // A fresh swtpm has no endorsement key yet.
-  TPM_NONCE antiReplay{};
-  UINT32 ekSize = 0;
-  BYTE* ek = nullptr;
-  TPM_DIGEST checksum{};
-  BYTE keyParms[] = {0, 0, 0, 1, 0, 3, 0, 1, 0, 0, 0, 12, 0, 0, 8, 0, 0, 0, 0, 2, 0, 0, 0, 0};
-  ASSERT_EQ(Tcsip_CreateEndorsementKeyPair(h, antiReplay, sizeof keyParms, keyParms, &ekSize, &ek,
-                                           &checksum),
-            TSS_SUCCESS);
-  Tcs_FreeBuffer(ek);
+  ASSERT_NO_FATAL_FAILURE(CreateEndorsementKey(h));
   RunOwnerLifeCycle(h);
 }
 

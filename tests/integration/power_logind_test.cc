@@ -124,15 +124,7 @@ class PowerLogindTest : public ::testing::Test {
   void Provision() {
     TCS_CONTEXT_HANDLE h = 0;
     ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
-    TPM_NONCE antiReplay{};
-    UINT32 ekSize = 0;
-    BYTE* ek = nullptr;
-    TPM_DIGEST checksum{};
-    BYTE keyParms[] = {0, 0, 0, 1, 0, 3, 0, 1, 0, 0, 0, 12, 0, 0, 8, 0, 0, 0, 0, 2, 0, 0, 0, 0};
-    ASSERT_EQ(Tcsip_CreateEndorsementKeyPair(h, antiReplay, sizeof keyParms, keyParms, &ekSize, &ek,
-                                             &checksum),
-              TSS_SUCCESS);
-    Tcs_FreeBuffer(ek);
+    ASSERT_NO_FATAL_FAILURE(CreateEndorsementKey(h));
     ASSERT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);
     const auto [status, text] =
         RunKesttcsCli({"provision"}, daemon_->socket(), home_.path() + "/provision.txt");
