@@ -20,21 +20,29 @@ TSS_RESULT TpmCommand::Check(UINT32 fixedBytes, UINT32 inSize, const void* inDat
   return TSS_SUCCESS;
 }
 
-TSS_RESULT TpmCommand::UseKey(TCS_KEY_HANDLE hKey, TPM_KEY_HANDLE* slot) noexcept {
-  key_ = hKey;
-  {
+TSS_RESULT TpmCommand::UseKey(TCS_KEY_HANDLE hKey, TPM_KEY_HANDLE* slot,
+                              UINT16 paramOffset) noexcept {
+  if (keyCount_ == keys_.size()) return TCS_E_INTERNAL_ERROR;
+  if (keyCount_ == 0) {
     // Read under the TPM lock, so never between a restart and the key cache's repair after it.
     TpmLockGuard tpm(ordinal_);
     keyStartups_ = TpmStartupCount();
   }
+  keys_[keyCount_++] = {hKey, paramOffset};
   return ensureKeyIsLoaded(hContext_, hKey, slot) == TSS_SUCCESS ? TSS_SUCCESS : TCS_E_INVALID_KEY;
 }
 
-TSS_RESULT TpmCommand::RefreshKeySlot() noexcept {
-  TPM_KEY_HANDLE slot = kNoTpmHandle;
-  if (TSS_RESULT rc = UseKey(key_, &slot)) return rc;
-  BlobWriter writer(blob_, kTpmHeaderSize);
-  return LoadBlob(writer, UINT32{slot});
+TSS_RESULT TpmCommand::RefreshKeySlots() noexcept {
+  const std::array<KeyUse, 2> keys = keys_;
+  const size_t count = keyCount_;
+  keyCount_ = 0;
+  for (size_t i = 0; i < count; ++i) {
+    TPM_KEY_HANDLE slot = kNoTpmHandle;
+    if (TSS_RESULT rc = UseKey(keys[i].key, &slot, keys[i].paramOffset)) return rc;
+    BlobWriter writer(blob_, static_cast<UINT16>(kTpmHeaderSize + keys[i].paramOffset));
+    if (TSS_RESULT rc = LoadBlob(writer, UINT32{slot})) return rc;
+  }
+  return TSS_SUCCESS;
 }
 
 TSS_RESULT TpmCommand::Submit() noexcept {
@@ -44,12 +52,12 @@ TSS_RESULT TpmCommand::Submit() noexcept {
   for (;;) {
     {
       TpmLockGuard tpm(ordinal_);
-      if (key_ == 0 || TpmStartupCount() == keyStartups_) {
+      if (keyCount_ == 0 || TpmStartupCount() == keyStartups_) {
         if (TSS_RESULT rc = req_mgr_submit(blob_)) return rc;
         break;
       }
     }
-    if (TSS_RESULT rc = RefreshKeySlot()) return rc;
+    if (TSS_RESULT rc = RefreshKeySlots()) return rc;
   }
   UINT32 paramSize = 0;
   TSS_RESULT result = UnloadBlob_Header(blob_, &paramSize);

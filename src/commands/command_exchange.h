@@ -65,10 +65,12 @@ class TpmCommand {
   }
 
   // Makes the key `hKey` resident (ensureKeyIsLoaded) and sets *slot to its TPM slot, which the
-  // caller passes as the command's first parameter. TCS_E_INVALID_KEY when it cannot be loaded.
-  // Should the TPM restart (a sleep) before the command is sent, the slot is stale: the exchange
-  // then loads the key again and sends its new slot instead.
-  [[nodiscard]] TSS_RESULT UseKey(TCS_KEY_HANDLE hKey, TPM_KEY_HANDLE* slot) noexcept;
+  // caller sends as the parameter `paramOffset` bytes after the header (0: the first parameter).
+  // TCS_E_INVALID_KEY when it cannot be loaded. A command uses at most two keys. Should the TPM
+  // restart (a sleep) before the command is sent, the slots are stale: the exchange then loads
+  // the keys again and sends their new slots instead.
+  [[nodiscard]] TSS_RESULT UseKey(TCS_KEY_HANDLE hKey, TPM_KEY_HANDLE* slot,
+                                  UINT16 paramOffset = 0) noexcept;
 
   // Names the authorisation sessions the command carries, in the order of their trailers (null:
   // none, so a command whose session is optional passes what it was given), and checks each with
@@ -136,8 +138,8 @@ class TpmCommand {
 
  private:
   [[nodiscard]] TSS_RESULT Submit() noexcept;
-  // Looks the key of UseKey up again and writes its slot over the command's first parameter.
-  [[nodiscard]] TSS_RESULT RefreshKeySlot() noexcept;
+  // Looks the keys of UseKey up again and writes their slots over the parameters they were sent as.
+  [[nodiscard]] TSS_RESULT RefreshKeySlots() noexcept;
   TPM_TAG SessionTag() const noexcept;
   // The session bookkeeping after the exchange whose result is `result` (see RunAuthorised).
   [[nodiscard]] TSS_RESULT FinishAuthorised(TSS_RESULT result) noexcept;
@@ -147,8 +149,14 @@ class TpmCommand {
   TPM_COMMAND_CODE ordinal_;
   std::array<TPM_AUTH*, 2> sessions_{};
   size_t sessionCount_ = 0;
-  // The key of UseKey (0: none) and the TPM start-up count its slot was looked up under.
-  TCS_KEY_HANDLE key_ = 0;
+  // The keys of UseKey, where their slots are sent, and the TPM start-up count the first slot was
+  // looked up under.
+  struct KeyUse {
+    TCS_KEY_HANDLE key;
+    UINT16 paramOffset;
+  };
+  std::array<KeyUse, 2> keys_{};
+  size_t keyCount_ = 0;
   UINT64 keyStartups_ = 0;
   std::array<BYTE, kTpmBlobSize> blob_;  // only [0, paramSize) is ever read
   BlobReader outputs_{std::span<const BYTE>()};

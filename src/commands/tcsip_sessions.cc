@@ -8,7 +8,6 @@
 #include "commands/command_exchange.h"
 #include "contexts/contexts.h"
 #include "keys/auth_mgr.h"
-#include "keys/key_loading.h"
 #include "tpm/tpm_cmds.h"
 #include "tpm12/marshal.h"
 #include "tpm12/tpm_ordinals.h"
@@ -16,12 +15,6 @@
 namespace kesttcs {
 
 namespace {
-
-constexpr TPM_ENTITY_TYPE TPM_ET_KEYHANDLE = 0x0001;
-constexpr TPM_ENTITY_TYPE TPM_ET_KEY = 0x0005;
-constexpr TPM_ENTITY_TYPE TPM_ET_DEL_OWNER_BLOB = 0x0007;
-constexpr TPM_ENTITY_TYPE TPM_ET_DEL_ROW = 0x0008;
-constexpr TPM_ENTITY_TYPE TPM_ET_DEL_KEY_BLOB = 0x0009;
 
 // Header, entityType, keyHandle, nonceOddDSAP, entityValueSize.
 constexpr UINT32 kDsapFixedBytes = kTpmHeaderSize + 2 + 4 + TPM_SHA1_160_HASH_LEN + 4;
@@ -52,9 +45,10 @@ TSS_RESULT AddSession(TCS_CONTEXT_HANDLE hContext, TCS_AUTHHANDLE authHandle, co
   return result;
 }
 
-// The TPM slot of a key entity: TCS_E_FAIL when it cannot be loaded.
-TSS_RESULT KeySlot(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE keyHandle, TPM_KEY_HANDLE* slot) {
-  if (ensureKeyIsLoaded(hContext, keyHandle, slot) != TSS_SUCCESS || *slot == 0) {
+// The TPM slot of a key entity, sent after the 16-bit entity type: TCS_E_FAIL when it cannot be
+// loaded.
+TSS_RESULT KeySlot(TpmCommand& command, TCS_KEY_HANDLE keyHandle, TPM_KEY_HANDLE* slot) {
+  if (command.UseKey(keyHandle, slot, sizeof(TPM_ENTITY_TYPE)) != TSS_SUCCESS || *slot == 0) {
     return TCS_E_FAIL;
   }
   return TSS_SUCCESS;
@@ -74,10 +68,9 @@ TSS_RESULT PrepareSharedSession(TCS_CONTEXT_HANDLE hContext, const void* authHan
 // Sends an OSAP or DSAP command with `fields`, reads the session and its two even nonces, and
 // records the session.
 template <class... Fields>
-TSS_RESULT OpenSharedSession(TCS_CONTEXT_HANDLE hContext, TPM_COMMAND_CODE ordinal,
-                             const char* traceAs, TCS_AUTHHANDLE* authHandle, TPM_NONCE* nonceEven,
+TSS_RESULT OpenSharedSession(TpmCommand& command, TCS_CONTEXT_HANDLE hContext, const char* traceAs,
+                             TCS_AUTHHANDLE* authHandle, TPM_NONCE* nonceEven,
                              TPM_NONCE* nonceEvenShared, const Fields&... fields) {
-  TpmCommand command(hContext, ordinal);
   if (TSS_RESULT rc = command.Run(TPM_TAG_RQU_COMMAND, fields...)) return rc;
   TCS_AUTHHANDLE handle = 0;
   TPM_NONCE even{};
@@ -114,11 +107,12 @@ TSS_RESULT Tcsip_OSAP_Internal(TCS_CONTEXT_HANDLE hContext, TPM_ENTITY_TYPE enti
   if (TSS_RESULT rc = PrepareSharedSession(hContext, authHandle, nonceEven, nonceEvenOSAP)) {
     return rc;
   }
+  TpmCommand command(hContext, TPM_ORD_OSAP);
   TPM_KEY_HANDLE sentValue = 0;
   if (entityType == TPM_ET_KEYHANDLE || entityType == TPM_ET_KEY) {
-    if (TSS_RESULT rc = KeySlot(hContext, entityValue, &sentValue)) return rc;
+    if (TSS_RESULT rc = KeySlot(command, entityValue, &sentValue)) return rc;
   }
-  return OpenSharedSession(hContext, TPM_ORD_OSAP, "Tcsip_OSAP_Internal", authHandle, nonceEven,
+  return OpenSharedSession(command, hContext, "Tcsip_OSAP_Internal", authHandle, nonceEven,
                            nonceEvenOSAP, entityType, sentValue, nonceOddOSAP);
 }
 
@@ -134,15 +128,16 @@ TSS_RESULT Tcsip_DSAP_Internal(TCS_CONTEXT_HANDLE hContext, TPM_ENTITY_TYPE enti
       entityType != TPM_ET_DEL_KEY_BLOB) {
     return TCS_E_BAD_PARAMETER;
   }
+  TpmCommand command(hContext, TPM_ORD_DSAP);
   TPM_KEY_HANDLE sentKey = 0;
   if (entityType == TPM_ET_DEL_KEY_BLOB) {
-    if (TSS_RESULT rc = KeySlot(hContext, keyHandle, &sentKey)) return rc;
+    if (TSS_RESULT rc = KeySlot(command, keyHandle, &sentKey)) return rc;
   }
   if ((entityValueSize != 0 && entityValue == nullptr) ||
       !FitsCommandBuffer(entityValueSize, kDsapFixedBytes)) {
     return TCS_E_BAD_PARAMETER;
   }
-  return OpenSharedSession(hContext, TPM_ORD_DSAP, nullptr, authHandle, nonceEven, nonceEvenDSAP,
+  return OpenSharedSession(command, hContext, nullptr, authHandle, nonceEven, nonceEvenDSAP,
                            entityType, sentKey, nonceOddDSAP, entityValueSize,
                            std::span<const BYTE>(entityValue, entityValueSize));
 }

@@ -30,6 +30,20 @@ inline constexpr TPM_KEY_FLAGS TPM_KEY_FLAG_VOLATILE = 0x00000004;
 inline constexpr TPM_KEY_FLAGS kMarshalledKeyFlags =
     TPM_KEY_FLAG_REDIRECTION | TPM_KEY_FLAG_MIGRATABLE | TPM_KEY_FLAG_VOLATILE;
 
+// Entity types named by OSAP, DSAP and the commands that take an entity.
+inline constexpr TPM_ENTITY_TYPE TPM_ET_KEYHANDLE = 0x0001;
+inline constexpr TPM_ENTITY_TYPE TPM_ET_OWNER = 0x0002;
+inline constexpr TPM_ENTITY_TYPE TPM_ET_DATA = 0x0003;
+inline constexpr TPM_ENTITY_TYPE TPM_ET_SRK = 0x0004;
+inline constexpr TPM_ENTITY_TYPE TPM_ET_KEY = 0x0005;
+inline constexpr TPM_ENTITY_TYPE TPM_ET_REVOKE = 0x0006;
+inline constexpr TPM_ENTITY_TYPE TPM_ET_DEL_OWNER_BLOB = 0x0007;
+inline constexpr TPM_ENTITY_TYPE TPM_ET_DEL_ROW = 0x0008;
+inline constexpr TPM_ENTITY_TYPE TPM_ET_DEL_KEY_BLOB = 0x0009;
+inline constexpr TPM_ENTITY_TYPE TPM_ET_COUNTER = 0x000A;
+inline constexpr TPM_ENTITY_TYPE TPM_ET_NV = 0x000B;
+inline constexpr TPM_ENTITY_TYPE TPM_ET_OPERATOR = 0x000C;
+
 using TPM_MIGRATE_SCHEME = UINT16;
 using TPM_LOCALITY_SELECTION = BYTE;
 using TPM_NV_INDEX = UINT32;

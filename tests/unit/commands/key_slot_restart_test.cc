@@ -1,7 +1,8 @@
 // A keyed command whose key slot was looked up before the TPM restarted (a sleep came between the
 // look-up and the exchange) must not reach the TPM with that slot: the restarted TPM has lost the
 // key, and the slot may by then name another one. The command loads the key again and sends the
-// new slot. Single-threaded on the scripted TPM: the sleep runs between the command's two steps.
+// new slot, wherever among the parameters it goes. Single-threaded on the scripted TPM: the sleep
+// runs between the command's two steps.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -76,11 +77,12 @@ TEST_F(KeySlotRestartTest, AKeySlotLookedUpBeforeARestartIsLookedUpAgainBeforeTh
                                           nullptr, &key),
             TSS_SUCCESS);
 
-  TpmCommand command(ctx_, TPM_ORD_GetPubKey);
+  // The slot goes after a 16-bit entity type, as OSAP sends a key entity.
+  TpmCommand command(ctx_, TPM_ORD_OSAP);
   ASSERT_EQ(command.Check(), TSS_SUCCESS);
   TPM_KEY_HANDLE slot = 0;
   AnswerKeyHandles({0x01000001});
-  ASSERT_EQ(command.UseKey(key, &slot), TSS_SUCCESS);
+  ASSERT_EQ(command.UseKey(key, &slot, sizeof(TPM_ENTITY_TYPE)), TSS_SUCCESS);
   EXPECT_EQ(slot, 0x01000001u);
 
   // The sleep: the restarted TPM holds no keys.
@@ -92,14 +94,14 @@ TEST_F(KeySlotRestartTest, AKeySlotLookedUpBeforeARestartIsLookedUpAgainBeforeTh
 
   const size_t before = core_.OrdinalsAfterStart().size();
   AnswerSrkLoad(0x01000002);
-  Answer(TPM_ORD_GetPubKey);
-  EXPECT_EQ(command.RunAuthorised(slot), TSS_SUCCESS);
+  Answer(TPM_ORD_OSAP);
+  EXPECT_EQ(command.Run(TPM_TAG_RQU_COMMAND, TPM_ENTITY_TYPE{TPM_ET_KEYHANDLE}, slot), TSS_SUCCESS);
   const std::vector<UINT32> ordinals = core_.OrdinalsAfterStart();
-  EXPECT_THAT(
-      std::vector<UINT32>(ordinals.begin() + std::ptrdiff_t(before), ordinals.end()),
-      ElementsAre(TPM_ORD_GetCapability, TPM_ORD_OIAP, TPM_ORD_LoadKey2, TPM_ORD_GetPubKey));
+  EXPECT_THAT(std::vector<UINT32>(ordinals.begin() + std::ptrdiff_t(before), ordinals.end()),
+              ElementsAre(TPM_ORD_GetCapability, TPM_ORD_OIAP, TPM_ORD_LoadKey2, TPM_ORD_OSAP));
   const Bytes sent = core_.SentAfterStart().back();
-  EXPECT_EQ(U32At(sent, 10), 0x01000002u);
+  EXPECT_EQ(U32At(sent, 12), 0x01000002u);
+  EXPECT_EQ(sent[11], TPM_ET_KEYHANDLE);
   EXPECT_EQ(getSlotByHandle(key), 0x01000002u);
 }
 
