@@ -42,7 +42,7 @@ constexpr TSS_UUID kUuidGone = {1, 0, 0, 0, 0, {0, 0, 0, 0, 0, 1}};
 constexpr TSS_UUID kUuidLoaded = {2, 0, 0, 0, 0, {0, 0, 0, 0, 0, 2}};
 constexpr TSS_UUID kUuidAfterMatch = {3, 0, 0, 0, 0, {0, 0, 0, 0, 0, 3}};
 constexpr TSS_UUID kFirstOwnerEvictUuid = {0, 0, 0, 0, 0, {0, 0, 0, 0, 1, 0}};
-constexpr TPM_AUTHHANDLE kSession = 0x02000077;
+constexpr TCS_AUTHHANDLE kSession = 0x02000077;
 
 Bytes BlobOf(BYTE fill) { return testing::KeyBlob({.fill = fill}); }
 
@@ -147,6 +147,8 @@ TEST_F(OwnerCtrlKeysTest, KeyControlOwnerSendsTheKeyAndKeepsTheListInStep) {
   std::fill(std::begin(auth.HMAC.authdata), std::end(auth.HMAC.authdata), BYTE{0x4A});
   const Bytes pub = PubKeyOf(blob);
   const Bytes trailer = Cat({U32(kSession), Fill(20, 0x0D), {1}, Fill(20, 0x4A)});
+  // The key is looked up in the TPM before the command (ensureKeyIsLoaded).
+  AnswerKeyHandles({0x01000003});
   Answer(TPM_ORD_KeyControlOwner, Cat({Fill(20, 0xE7), {1}, Fill(20, 0x4E)}));
   TSS_UUID uuid{};
   ASSERT_EQ(Tcsip_KeyControlOwner_Internal(ctx_, key, UINT32(pub.size()), pub.data(),
@@ -166,6 +168,7 @@ TEST_F(OwnerCtrlKeysTest, KeyControlOwnerSendsTheKeyAndKeepsTheListInStep) {
 
   // Clearing the bit forgets the key again.
   auth.fContinueAuthSession = 0;
+  AnswerKeyHandles({0x01000003});
   Answer(TPM_ORD_KeyControlOwner, Cat({Fill(20, 0xE8), {0}, Fill(20, 0x4F)}));
   uuid = {};
   ASSERT_EQ(Tcsip_KeyControlOwner_Internal(ctx_, key, UINT32(pub.size()), pub.data(),

@@ -20,6 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using Bytes = std::vector<BYTE>;
+using testing::FaultInjectionFileSystem;
 using testing::KeyBlob;
 using testing::ReadFileBytes;
 using testing::ReadHexFixture;
