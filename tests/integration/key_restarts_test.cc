@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <kesttcs/tcs_auth.h>
+#include <kesttcs/tcs_capabilities.h>
 #include <kesttcs/tcs_client.h>
 #include <kesttcs/tcs_results.h>
 #include <kesttcs/tpm_ordinals.h>
@@ -73,6 +74,16 @@ std::optional<TSS_UUID> SetOwnerEvict(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, 
   return uuid;
 }
 
+// How many keys the TPM holds (TPM_CAP_KEY_HANDLE: a UINT16 count, then the handles).
+size_t TpmKeyCount(TCS_CONTEXT_HANDLE h) {
+  UINT32 size = 0;
+  BYTE* resp = nullptr;
+  EXPECT_EQ(Tcsip_GetCapability(h, TPM_CAP_KEY_HANDLE, 0, nullptr, &size, &resp), TSS_SUCCESS);
+  const size_t count = size >= 2 ? size_t(resp[0]) << 8 | resp[1] : 0;
+  Tcs_FreeBuffer(resp);
+  return count;
+}
+
 std::optional<Bytes> RegisteredBlob(TCS_CONTEXT_HANDLE h, const TSS_UUID& uuid) {
   UINT32 size = 0;
   BYTE* data = nullptr;
@@ -128,14 +139,19 @@ class KeyRestartsTest : public ::testing::Test {
     const std::optional<Bytes> listed = RegisteredBlob(h, *uuid);
     ASSERT_TRUE(listed.has_value()) << "the key is still listed after the restart";
     EXPECT_EQ(*listed, blob);
-    // Loading the blob finds the resident key: its new TCS handle, and the TPM's own public key.
+    // Loading the blob finds the resident key (the TPM holds no second copy): its new TCS handle,
+    // and the TPM's own public key.
+    const size_t held = TpmKeyCount(h);
+    EXPECT_GE(held, 1u);
     const TCS_KEY_HANDLE again = Load(h, kSrk, *listed);
     EXPECT_EQ(PubKey(h, again), pub);
+    EXPECT_EQ(TpmKeyCount(h), held);
 
     ASSERT_TRUE(SetOwnerEvict(h, again, pub, false).has_value());
     EXPECT_EQ(fs::file_size(CtrlFile()), 8u) << "the record left the file";
     EXPECT_FALSE(RegisteredBlob(h, *uuid).has_value());
     EXPECT_EQ(Tcsip_EvictKey(h, again), TSS_SUCCESS);
+    EXPECT_EQ(TpmKeyCount(h), held - 1) << "without the bit the key can leave the TPM";
     ASSERT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);
     ASSERT_EQ(daemon->Stop(), 0);
 
