@@ -1,8 +1,8 @@
 // Owner-held keys against the scripted TPM, with the core brought up by the real start-up on an
 // owned TPM: the start-up step that re-enters listed keys still loaded (and its match flag that is
-// not cleared between records), the list asked first for a registered key's blob, the swapper and
-// the TPM clean-up leaving owner-held keys alone, and TPM_KeyControlOwner's bytes and the list it
-// keeps in step.
+// not cleared between records, and its failure), the list asked first for a registered key's blob,
+// the swapper and the TPM clean-up leaving owner-held keys alone, and TPM_KeyControlOwner's bytes
+// and the list it keeps in step, until the owner is cleared.
 #include "keys/owner_ctrl_keys.h"
 
 #include <gmock/gmock.h>
@@ -16,6 +16,7 @@
 
 #include "command_bytes.h"
 #include "commands/tcsip_key_control.h"
+#include "commands/tcsip_owner.h"
 #include "commands/tcsip_sessions.h"
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"
@@ -35,7 +36,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace command_bytes;  // NOLINT: the byte builders read as a notation
-using ::testing::ElementsAre;
+using ::testing::Contains;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 constexpr TSS_UUID kUuidGone = {1, 0, 0, 0, 0, {0, 0, 0, 0, 0, 1}};
@@ -117,6 +119,19 @@ TEST_F(OwnerCtrlKeysTest, StartUpReentersLoadedKeysAndKeepsARecordAfterTheFirstM
   EXPECT_EQ(getHandleBySlot(0x01000005), held);
 }
 
+TEST(OwnerCtrlKeysStartTest, AStartUpThatCannotAskTheTpmFailsTracedAndKeepsTheFile) {
+  testing::TestCore core(testing::CoreOptions().Owned().NeedLog());
+  const fs::path file = fs::path(core.home()) / "data" / "KestCtrl.dat";
+  fs::create_directories(file.parent_path());
+  const Bytes bytes = EncodeOwnerHeldFile({{{kUuidLoaded, 0x01000005, BlobOf(0x20)}}});
+  testing::WriteFileBytes(file, bytes);
+  core.fake().Expect({FakeTpmBackend::Response(TPM_FAIL), TSS_SUCCESS, TPM_ORD_GetCapability});
+  EXPECT_EQ(core.Start(), TpmResult(TPM_FAIL));
+  EXPECT_THAT(core.Traces(), Contains(HasSubstr("KestTcs_startup:InitOwnerCtrlKey Fail!")));
+  EXPECT_THAT(owner_keys_list(), IsEmpty()) << "released again";
+  EXPECT_EQ(testing::ReadFileBytes(file), bytes);
+}
+
 TEST_F(OwnerCtrlKeysTest, StartUpWithoutAFileMakesItAndAsksTheTpmNothing) {
   ASSERT_EQ(core_.Start(), TSS_SUCCESS) << StartupFailureText();
   EXPECT_EQ(testing::ReadFileBytes(CtrlFile()), Bytes(8, 0));
@@ -167,15 +182,28 @@ TEST_F(OwnerCtrlKeysTest, KeyControlOwnerSendsTheKeyAndKeepsTheListInStep) {
   EXPECT_EQ(getKeyEntryByKeyHandle(key)->refCount, 1);
 
   // Clearing the bit forgets the key again.
-  auth.fContinueAuthSession = 0;
   AnswerKeyHandles({0x01000003});
-  Answer(TPM_ORD_KeyControlOwner, Cat({Fill(20, 0xE8), {0}, Fill(20, 0x4F)}));
+  Answer(TPM_ORD_KeyControlOwner, Cat({Fill(20, 0xE8), {1}, Fill(20, 0x4F)}));
   uuid = {};
   ASSERT_EQ(Tcsip_KeyControlOwner_Internal(ctx_, key, UINT32(pub.size()), pub.data(),
                                            TPM_KEY_CONTROL_OWNER_EVICT, 0, &auth, &uuid),
             TSS_SUCCESS);
   EXPECT_EQ(uuid, kFirstOwnerEvictUuid);
   EXPECT_EQ(testing::ReadFileBytes(CtrlFile()), Bytes(8, 0));
+  EXPECT_EQ(getKeyEntryByKeyHandle(key)->refCount, 0);
+
+  // Set once more, then the owner is cleared: the TPM flushed the key with it.
+  AnswerKeyHandles({0x01000003});
+  Answer(TPM_ORD_KeyControlOwner, Cat({Fill(20, 0xE9), {1}, Fill(20, 0x50)}));
+  ASSERT_EQ(Tcsip_KeyControlOwner_Internal(ctx_, key, UINT32(pub.size()), pub.data(),
+                                           TPM_KEY_CONTROL_OWNER_EVICT, 1, &auth, &uuid),
+            TSS_SUCCESS);
+  EXPECT_TRUE(owner_keys_holds(0x01000003));
+  Answer(TPM_ORD_OwnerClear, Cat({Fill(20, 0xEA), {1}, Fill(20, 0x51)}));
+  ASSERT_EQ(Tcsip_OwnerClear_Internal(ctx_, &auth), TSS_SUCCESS);
+  EXPECT_THAT(owner_keys_list(), IsEmpty());
+  EXPECT_EQ(testing::ReadFileBytes(CtrlFile()), Bytes(8, 0));
+  EXPECT_EQ(getSlotByHandle(key), kNoTpmHandle);
   EXPECT_EQ(getKeyEntryByKeyHandle(key)->refCount, 0);
 
   // A public key that is not exactly one TPM_PUBKEY is refused before anything is sent.
