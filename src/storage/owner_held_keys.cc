@@ -38,12 +38,12 @@ void Append(std::vector<BYTE>& out, std::span<const BYTE> bytes) {
   out.insert(out.end(), bytes.begin(), bytes.end());
 }
 
-std::string TmpPathOf(const std::string& file) { return DirectoryOf(file) + "/KestCtrl.tmp"; }
+std::string CtrlTmpPathOf(const std::string& file) { return DirectoryOf(file) + "/KestCtrl.tmp"; }
 
 // Replaces the file with `keys`: a flushed .tmp renamed over it, the directory flushed.
 TSS_RESULT WriteFile(FileSystem& fs, const std::string& path, std::span<const OwnerHeldKey> keys) {
   const std::vector<BYTE> bytes = EncodeOwnerHeldFile(keys);
-  const std::string tmp = TmpPathOf(path);
+  const std::string tmp = CtrlTmpPathOf(path);
   {
     std::unique_ptr<StorageFile> file = fs.Create(tmp);
     if (!file || !file->Write(0, bytes) || !file->Sync()) return TCS_E_INTERNAL_ERROR;

@@ -132,12 +132,6 @@ TEST(OwnerCtrlKeysStartTest, AStartUpThatCannotAskTheTpmFailsTracedAndKeepsTheFi
   EXPECT_EQ(testing::ReadFileBytes(file), bytes);
 }
 
-TEST_F(OwnerCtrlKeysTest, StartUpWithoutAFileMakesItAndAsksTheTpmNothing) {
-  ASSERT_EQ(core_.Start(), TSS_SUCCESS) << StartupFailureText();
-  EXPECT_EQ(testing::ReadFileBytes(CtrlFile()), Bytes(8, 0));
-  EXPECT_THAT(core_.SentAfterStart(), IsEmpty());
-}
-
 TEST_F(OwnerCtrlKeysTest, KeyControlOwnerSendsTheKeyAndKeepsTheListInStep) {
   ASSERT_EQ(core_.Start(), TSS_SUCCESS) << StartupFailureText();
   ASSERT_EQ(Tcsi_OpenContext_Internal(&ctx_), TSS_SUCCESS);
