@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <kesttcs/tcs_auth.h>
-#include <kesttcs/tcs_capabilities.h>
 #include <kesttcs/tcs_client.h>
 #include <kesttcs/tcs_results.h>
 #include <kesttcs/tpm_ordinals.h>
@@ -30,7 +29,9 @@ using wrapped_keys::CreateKey;
 using wrapped_keys::KeyInfo;
 using wrapped_keys::kSrk;
 using wrapped_keys::Load;
+using wrapped_keys::PubKey;
 using wrapped_keys::PubKeyOf;
+using wrapped_keys::TpmKeyCount;
 
 constexpr UINT32 kOwnerEvict = 1;  // TPM_KEY_CONTROL_OWNER_EVICT
 constexpr TSS_UUID kSrkUuid = {0, 0, 0, 0, 0, {0, 0, 0, 0, 0, 1}};
@@ -40,15 +41,6 @@ constexpr TSS_UUID kSigningUuid = {0x5703, 0, 0, 0, 0, {0, 0, 0, 0, 0x0A, 3}};
 
 const Bytes kStorageKey = KeyInfo(wrapped_keys::kStorageUsage, 2048, /*OAEP*/ 3, /*none*/ 1);
 const Bytes kSigningKey = KeyInfo(wrapped_keys::kSigningUsage, 512, /*none*/ 1, /*PKCS#1 SHA-1*/ 2);
-
-Bytes PubKey(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key) {
-  UINT32 size = 0;
-  BYTE* data = nullptr;
-  EXPECT_EQ(Tcsip_GetPubKey(h, key, nullptr, &size, &data), TSS_SUCCESS);
-  Bytes pub(data, data + size);
-  Tcs_FreeBuffer(data);
-  return pub;
-}
 
 // TPM_KeyControlOwner on `key` with the owner's (well-known) secret over an OIAP session; the
 // answer's HMAC is checked. The UUID the service lists the key under, when it accepted.
@@ -72,16 +64,6 @@ std::optional<TSS_UUID> SetOwnerEvict(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, 
   if (r != TSS_SUCCESS) return std::nullopt;
   EXPECT_EQ(KestAuth_Verify(&s, TPM_ORD_KeyControlOwner, nullptr, 0, &auth), TSS_SUCCESS);
   return uuid;
-}
-
-// How many keys the TPM holds (TPM_CAP_KEY_HANDLE: a UINT16 count, then the handles).
-size_t TpmKeyCount(TCS_CONTEXT_HANDLE h) {
-  UINT32 size = 0;
-  BYTE* resp = nullptr;
-  EXPECT_EQ(Tcsip_GetCapability(h, TPM_CAP_KEY_HANDLE, 0, nullptr, &size, &resp), TSS_SUCCESS);
-  const size_t count = size >= 2 ? size_t(resp[0]) << 8 | resp[1] : 0;
-  Tcs_FreeBuffer(resp);
-  return count;
 }
 
 std::optional<Bytes> RegisteredBlob(TCS_CONTEXT_HANDLE h, const TSS_UUID& uuid) {
@@ -125,7 +107,8 @@ class KeyRestartsTest : public ::testing::Test {
     ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
     const Bytes blob = CreateKey(h, kSrk, kSigningKey);
     const TCS_KEY_HANDLE key = Load(h, kSrk, blob);
-    const Bytes pub = PubKey(h, key);
+    Bytes pub;
+    ASSERT_EQ(PubKey(h, key, &pub), TSS_SUCCESS);
     ASSERT_EQ(pub, PubKeyOf(blob));
     const std::optional<TSS_UUID> uuid = SetOwnerEvict(h, key, pub, true);
     ASSERT_TRUE(uuid.has_value());
@@ -144,7 +127,9 @@ class KeyRestartsTest : public ::testing::Test {
     const size_t held = TpmKeyCount(h);
     EXPECT_GE(held, 1u);
     const TCS_KEY_HANDLE again = Load(h, kSrk, *listed);
-    EXPECT_EQ(PubKey(h, again), pub);
+    Bytes pubAgain;
+    EXPECT_EQ(PubKey(h, again, &pubAgain), TSS_SUCCESS);
+    EXPECT_EQ(pubAgain, pub);
     EXPECT_EQ(TpmKeyCount(h), held);
 
     ASSERT_TRUE(SetOwnerEvict(h, again, pub, false).has_value());
@@ -193,7 +178,9 @@ TEST_F(KeyRestartsTest, ADepthThreeChainLoadsByUuidInAFreshContextAfterARestart)
   ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
   TCS_KEY_HANDLE key = 0;
   ASSERT_EQ(Tcsip_LoadKeyByUUID(h, kSigningUuid, nullptr, &key), TSS_SUCCESS);
-  EXPECT_EQ(PubKey(h, key), PubKeyOf(signing));
+  Bytes pub;
+  EXPECT_EQ(PubKey(h, key, &pub), TSS_SUCCESS);
+  EXPECT_EQ(pub, PubKeyOf(signing));
   ASSERT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);
 }
 
