@@ -7,6 +7,7 @@
 #include "commands/command_exchange.h"
 #include "commands/tpm_metrics.h"
 #include "keys/mem_cache.h"
+#include "keys/owner_ctrl_keys.h"
 #include "storage/persistent_storage.h"
 #include "tpm/tpm_cmds.h"
 #include "tpm12/marshal.h"
@@ -89,6 +90,8 @@ TSS_RESULT Tcsip_TakeOwnership_Internal(TCS_CONTEXT_HANDLE hContext, TPM_PROTOCO
 
 TSS_RESULT Tcsip_OwnerClear_Internal(TCS_CONTEXT_HANDLE hContext, TPM_AUTH* ownerAuth) {
   if (TSS_RESULT rc = RunOwnerCommand(hContext, TPM_ORD_OwnerClear, ownerAuth)) return rc;
+  // The TPM flushed every owner-evict key with the owner.
+  if (TSS_RESULT rc = ReleaseAllOwnerHeldKeys()) return rc;
   return ps_delete();
 }
 

@@ -33,7 +33,8 @@ namespace kesttcs {
     const BYTE* encOwnerAuth, UINT32 encSrkAuthSize, const BYTE* encSrkAuth, UINT32 srkInfoSize,
     const BYTE* srkInfo, TPM_AUTH* ownerAuth, UINT32* srkKeySize, BYTE** srkKey);
 
-// TPM_OwnerClear (0x5B), owner session required. On success the persistent-storage file is
+// TPM_OwnerClear (0x5B), owner session required. On success the owner-held key list is emptied
+// (ReleaseAllOwnerHeldKeys) and the persistent-storage file is
 // deleted too (registered keys cannot be loaded without the owner's SRK); its failure is returned.
 [[nodiscard]] TSS_RESULT Tcsip_OwnerClear_Internal(TCS_CONTEXT_HANDLE hContext,
                                                    TPM_AUTH* ownerAuth);

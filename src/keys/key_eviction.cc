@@ -9,6 +9,7 @@
 #include "contexts/contexts.h"
 #include "keys/key_commands.h"
 #include "keys/mem_cache.h"
+#include "storage/owner_held_keys.h"
 #include "tpm/driver.h"
 #include "tpm/tpm_cmds.h"
 #include "tpm/tpm_lock.h"
@@ -75,7 +76,8 @@ TSS_RESULT clearKeysFromChip(TCS_CONTEXT_HANDLE /*hContext*/) {
   std::vector<TPM_KEY_HANDLE> handles;
   if (TSS_RESULT rc = GetLoadedKeyHandles(&handles)) return rc;
   for (TPM_KEY_HANDLE handle : handles) {
-    if (handle == kSrkKeyHandle || handle == kEkHandle) continue;
+    // Owner-evict keys stay until the owner clears their bit; the TPM would refuse them.
+    if (handle == kSrkKeyHandle || handle == kEkHandle || owner_keys_holds(handle)) continue;
     if (TSS_RESULT rc = Tcsip_EvictKey_Internal(handle)) return rc;
   }
   return TSS_SUCCESS;

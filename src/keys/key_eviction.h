@@ -46,8 +46,9 @@ bool isKeyLoaded(TPM_KEY_HANDLE tpmHandle);
                                                  TCS_KEY_HANDLE tcsKeyHandle);
 
 // Traces " tcs_utils:clearKeysFromChip", reads the TPM's key handles and evicts each, in the TPM's
-// order, except the SRK (0x40000000) and the EK (0x40000001); the first failure ends the walk and
-// is returned. The key cache is not touched.
+// order, except the SRK (0x40000000), the EK (0x40000001) and the owner-held keys (which the TPM
+// refuses to flush); the first failure ends the walk and is returned. The key cache is not
+// touched.
 [[nodiscard]] TSS_RESULT clearKeysFromChip(TCS_CONTEXT_HANDLE hContext);
 
 }  // namespace kesttcs

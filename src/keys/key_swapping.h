@@ -14,9 +14,10 @@ namespace kesttcs {
 
 // Makes room by swapping out the least recently used key: under TBS returns 0; runs
 // clearUnknownKeys (its error is returned); chooses, among cached keys that are resident, have a
-// slot other than the SRK's and are not `protectTcsHandle` (kNoTcsKeyHandle protects nothing), the
-// one with the smallest load stamp, the newest on a tie; returns 0 when there is none (the caller
-// asks the TPM again and counts its tries), else saveKeyContext's result for it.
+// slot other than the SRK's, are not owner-held and are not `protectTcsHandle` (kNoTcsKeyHandle
+// protects nothing), the one with the smallest load stamp, the newest on a tie; returns 0 when
+// there is none (the caller asks the TPM again and counts its tries), else saveKeyContext's result
+// for it.
 [[nodiscard]] TSS_RESULT evictFirstKey(TCS_KEY_HANDLE protectTcsHandle);
 
 // Swaps out the key in `tpmHandle`: TCS_E_BAD_PARAMETER for a resource type other than

@@ -11,6 +11,7 @@
 #include "keys/key_eviction.h"
 #include "keys/key_swapping.h"
 #include "keys/mem_cache_table.h"
+#include "storage/owner_held_keys.h"
 #include "tpm/driver.h"
 #include "tpm/tpm_cmds.h"
 #include "tpm/tpm_lock.h"
@@ -66,8 +67,9 @@ TSS_RESULT evictFirstKey(TCS_KEY_HANDLE protectTcsHandle) {
     MutexLock lock(table.mu);
     const mem_cache_entry* oldest = nullptr;
     for (const mem_cache_entry& e : table.entries) {
+      // The TPM refuses to save or flush an owner-evict key.
       if (e.tpmHandle == kNoTpmHandle || e.tpmHandle == kSrkKeyHandle || !e.inTpm ||
-          e.tcsKeyHandle == protectTcsHandle) {
+          e.tcsKeyHandle == protectTcsHandle || owner_keys_holds(e.tpmHandle)) {
         continue;
       }
       if (oldest == nullptr || e.loadStamp < oldest->loadStamp) oldest = &e;

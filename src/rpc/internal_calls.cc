@@ -13,6 +13,7 @@
 
 #include "commands/capability.h"
 #include "commands/tcsip_audit.h"
+#include "commands/tcsip_key_control.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tcsip_keys.h"
 #include "commands/tcsip_owner.h"
@@ -219,6 +220,7 @@ constexpr Binding kBindings[] = {
     Bind<&Tcsi_GetCapability_Internal>(),
     Bind<&Tcsi_RegisterKey_Internal>(),
     Bind<&Tcsip_UnregisterKey_Internal>(),
+    Bind<&Tcsip_KeyControlOwner_Internal>(),
     Bind<&Tcsi_EnumRegisteredKeys_Internal>(),
     Bind<&Tcsi_GetRegisteredKey_Internal>(),
     Bind<&Tcsi_GetRegisteredKeyBlob_Internal>(),

@@ -19,11 +19,13 @@
 #include "keys/auth_mgr.h"
 #include "keys/clear_tpm_keys.h"
 #include "keys/mem_cache.h"
+#include "keys/owner_ctrl_keys.h"
 #include "keys/srk_auth.h"
 #include "rpc/dcerpc/server.h"
 #include "service/event_log_start.h"
 #include "service/instance_lock.h"
 #include "storage/audit_log.h"
+#include "storage/owner_held_keys.h"
 #include "storage/persistent_storage.h"
 #include "tpm/driver.h"
 #include "tpm/power_state.h"
@@ -165,10 +167,28 @@ void UndoSessionsKeyCacheAndTpmAccess() {
   UndoKeyCacheAndTpmAccess();
 }
 
+// As designed, a failed owner-held key step leaves the session table as it is.
+void UndoOwnerKeysKeyCacheAndTpmAccess() {
+  ReleaseOwnCtrl();
+  UndoKeyCacheAndTpmAccess();
+}
+
+void UndoOwnerKeysSessionsKeyCacheAndTpmAccess() {
+  ReleaseOwnCtrl();
+  UndoSessionsKeyCacheAndTpmAccess();
+}
+
 // The session table, sized by the sessions the TPM holds at once.
 TSS_RESULT StepInitSessions() {
   const UINT32 maxSessions = std::min<UINT32>(tpm_metrics_current().maxAuthSessions, INT16_MAX);
   return auth_mgr_init(static_cast<int16_t>(maxSessions), isOwnVendorTpm());
+}
+
+// Keys the owner made stay in the TPM: those still loaded are cached again.
+TSS_RESULT StepOwnerHeldKeys() {
+  const TSS_RESULT r = InitOwnerCtrlKey(g_paths.data + "/KestCtrl.dat");
+  if (r != TSS_SUCCESS) TcsTrace("KestTcs_startup:InitOwnerCtrlKey Fail!", nullptr);
+  return r;
 }
 
 // After a resume power handling repairs the key cache's view of the TPM.
@@ -186,8 +206,7 @@ struct StartupStep {
   std::string (*describeFailure)();
 };
 
-// The start-up order. The owner-held keys join after the session table, before the PCR event log,
-// as their manager lands.
+// The start-up order.
 constexpr StartupStep kStartupSteps[] = {
     {"locks", StepCreateLocks, nullptr, nullptr},
     {"random seed", StepSeedRandom, nullptr, nullptr},
@@ -201,7 +220,8 @@ constexpr StartupStep kStartupSteps[] = {
     {"storage check", StepCheckStorage, UndoStorageAndTpmAccess, nullptr},
     {"persistent storage", StepOpenKeyCache, UndoTpmAccess, nullptr},
     {"session table", StepInitSessions, UndoKeyCacheAndTpmAccess, nullptr},
-    {"PCR event log", StepCreateEventLog, UndoSessionsKeyCacheAndTpmAccess, nullptr},
+    {"owner-held keys", StepOwnerHeldKeys, UndoOwnerKeysKeyCacheAndTpmAccess, nullptr},
+    {"PCR event log", StepCreateEventLog, UndoOwnerKeysSessionsKeyCacheAndTpmAccess, nullptr},
     {"power handling", StepPowerHandling, nullptr, nullptr},
 };
 
@@ -231,10 +251,10 @@ struct ShutdownStep {
   void (*run)();
 };
 
-// The shut-down order. Releasing the owner-held keys joins after persistent storage as its manager
-// lands.
+// The shut-down order.
 constexpr ShutdownStep kShutdownSteps[] = {
     {"kesttcs_shutdown:closeDiskCache", mem_cache_final},
+    {"kesttcs_shutdown:ReleaseOwnCtrl", ReleaseOwnCtrl},
     {"kesttcs_shutdown:auth_mgr_final", ShutdownSessions},
     {nullptr, power_state_JoinRestart},
     {"kesttcs_shutdown:req_mgr_final", ShutdownRequestManager},

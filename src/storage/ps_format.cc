@@ -89,4 +89,12 @@ std::array<BYTE, 4> EncodeLe32(UINT32 value) {
 
 UINT32 DecodeLe32(std::span<const BYTE, 4> bytes) { return LeReader(bytes).Get(4); }
 
+std::array<BYTE, 16> EncodeUuid(const TSS_UUID& uuid) {
+  std::array<BYTE, 16> bytes{};
+  LeWriter(bytes).Put(uuid);
+  return bytes;
+}
+
+TSS_UUID DecodeUuid(std::span<const BYTE, 16> bytes) { return LeReader(bytes).GetUuid(); }
+
 }  // namespace kesttcs

@@ -47,6 +47,9 @@ PsRecordHeaderBytes EncodeRecordHeader(const PsRecordHeader& header);
 PsRecordHeader DecodeRecordHeader(std::span<const BYTE, kPsRecordHeaderSize> bytes);
 
 std::array<BYTE, 4> EncodeLe32(UINT32 value);
+// A TSS_UUID in its memory layout, as the storage files keep it.
+std::array<BYTE, 16> EncodeUuid(const TSS_UUID& uuid);
+TSS_UUID DecodeUuid(std::span<const BYTE, 16> bytes);
 UINT32 DecodeLe32(std::span<const BYTE, 4> bytes);
 
 }  // namespace kesttcs

@@ -30,6 +30,10 @@ inline constexpr TPM_KEY_FLAGS TPM_KEY_FLAG_VOLATILE = 0x00000004;
 inline constexpr TPM_KEY_FLAGS kMarshalledKeyFlags =
     TPM_KEY_FLAG_REDIRECTION | TPM_KEY_FLAG_MIGRATABLE | TPM_KEY_FLAG_VOLATILE;
 
+// TPM_KEY_CONTROL bits (TPM_KeyControlOwner): the owner alone may evict the key, and it stays in
+// the TPM across TPM_Init.
+inline constexpr UINT32 TPM_KEY_CONTROL_OWNER_EVICT = 0x00000001;
+
 // Entity types named by OSAP, DSAP and the commands that take an entity.
 inline constexpr TPM_ENTITY_TYPE TPM_ET_KEYHANDLE = 0x0001;
 inline constexpr TPM_ENTITY_TYPE TPM_ET_OWNER = 0x0002;

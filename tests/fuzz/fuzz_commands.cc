@@ -11,6 +11,7 @@
 
 #include "commands/capability.h"
 #include "commands/tcsip_audit.h"
+#include "commands/tcsip_key_control.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tcsip_owner.h"
 #include "commands/tcsip_sessions.h"
@@ -106,6 +107,12 @@ void RunSessionCommands(TCS_CONTEXT_HANDLE h) {
   static_cast<void>(Tcsip_OwnerClear_Internal(h, &auth));
   TPM_AUTH second = OpenSession(h);
   static_cast<void>(Tcsip_VendorCommand2_Internal(h, 2, 4, input.data(), &second));
+
+  // Owner-held keys: 16 zero bytes are the smallest well-formed TPM_PUBKEY.
+  TPM_AUTH owner = OpenSession(h);
+  TSS_UUID uuid{};
+  static_cast<void>(Tcsip_KeyControlOwner_Internal(h, 0x40000000, 16, input.data(),
+                                                   TPM_KEY_CONTROL_OWNER_EVICT, 1, &owner, &uuid));
 }
 
 }  // namespace

@@ -35,7 +35,9 @@ using wrapped_keys::CreateKey;
 using wrapped_keys::KeyInfo;
 using wrapped_keys::kSrk;
 using wrapped_keys::Load;
+using wrapped_keys::PubKey;
 using wrapped_keys::PubKeyOf;
+using wrapped_keys::TpmKeyCount;
 
 constexpr size_t kTpmKeySlots = 20;
 // More signing keys than slots, few enough for CI (each RSA key takes the TPM a while to make).
@@ -43,25 +45,6 @@ constexpr size_t kSigningKeys = 24;
 
 const Bytes kStorageKey = KeyInfo(wrapped_keys::kStorageUsage, 2048, /*OAEP*/ 3, /*none*/ 1);
 const Bytes kSigningKey = KeyInfo(wrapped_keys::kSigningUsage, 512, /*none*/ 1, /*PKCS#1 SHA-1*/ 2);
-
-TSS_RESULT PubKey(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, Bytes* pub) {
-  UINT32 size = 0;
-  BYTE* data = nullptr;
-  const TSS_RESULT r = Tcsip_GetPubKey(h, key, nullptr, &size, &data);
-  if (r == TSS_SUCCESS) pub->assign(data, data + size);
-  Tcs_FreeBuffer(data);
-  return r;
-}
-
-// How many keys the TPM holds now (TPM_CAP_KEY_HANDLE: a UINT16 count, then the handles).
-size_t TpmKeyCount(TCS_CONTEXT_HANDLE h) {
-  UINT32 size = 0;
-  BYTE* resp = nullptr;
-  EXPECT_EQ(Tcsip_GetCapability(h, TPM_CAP_KEY_HANDLE, 0, nullptr, &size, &resp), TSS_SUCCESS);
-  const size_t count = size >= 2 ? size_t(resp[0]) << 8 | resp[1] : 0;
-  Tcs_FreeBuffer(resp);
-  return count;
-}
 
 TEST(KeySwappingTest, MoreKeysThanSlotsAnswerRightSharedKeysStayAndDeadClientsLetGo) {
   TempDir dir;

@@ -153,6 +153,7 @@ TEST_F(ServiceTest, ServesUntilSigtermThenShutsDownInOrder) {
       "TCS:TCS service Stoping:call RpcServerUnregisterIf...",
       "TCS:TCS service Stoping:call RpcServerUnregisterIf ok.",
       "TCS:TCS service Stoping:call shutdown tpm...",
+      "TCS:kesttcs_shutdown:ReleaseOwnCtrl",
       "TCS:kesttcs_shutdown:req_mgr_final",
       "TCS:TCS service Stoping:call shutdown tpm ok.",
       "TCS:ServiceStop:Ok!",

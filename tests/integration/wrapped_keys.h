@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <kesttcs/tcs_auth.h>
+#include <kesttcs/tcs_capabilities.h>
 #include <kesttcs/tcs_client.h>
 #include <kesttcs/tpm_ordinals.h>
 
@@ -124,6 +125,26 @@ inline TCS_KEY_HANDLE Load(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE parent,
                                  nullptr, &handle),
             TSS_SUCCESS);
   return handle;
+}
+
+// Tcsip_GetPubKey of `key`: the TPM's TPM_PUBKEY of it into *pub.
+inline TSS_RESULT PubKey(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, std::vector<BYTE>* pub) {
+  UINT32 size = 0;
+  BYTE* data = nullptr;
+  const TSS_RESULT r = Tcsip_GetPubKey(h, key, nullptr, &size, &data);
+  if (r == TSS_SUCCESS) pub->assign(data, data + size);
+  Tcs_FreeBuffer(data);
+  return r;
+}
+
+// How many keys the TPM holds now (TPM_CAP_KEY_HANDLE: a UINT16 count, then the handles).
+inline size_t TpmKeyCount(TCS_CONTEXT_HANDLE h) {
+  UINT32 size = 0;
+  BYTE* resp = nullptr;
+  EXPECT_EQ(Tcsip_GetCapability(h, TPM_CAP_KEY_HANDLE, 0, nullptr, &size, &resp), TSS_SUCCESS);
+  const size_t count = size >= 2 ? size_t(resp[0]) << 8 | resp[1] : 0;
+  Tcs_FreeBuffer(resp);
+  return count;
 }
 
 }  // namespace kesttcs::testing::wrapped_keys
