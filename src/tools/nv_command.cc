@@ -149,16 +149,16 @@ NvCommand::NvCommand(CLI::App& app) {
   define_->add_flag("--owner-read", ownerRead_, "Read with the owner's secret");
   define_->add_flag("--auth-read", authRead_, "Read with the space's own secret");
   write_ = nv->add_subcommand("write", "Write the bytes of FILE into space INDEX");
-  write_->add_option("FILE", inFile_, "The data")->required();
   read_ = nv->add_subcommand("read", "Read space INDEX (hex on stdout, or into --out FILE)");
-  read_->add_option("--size", sizeText_, "Bytes to read (default: to the end of the space)");
-  read_->add_option("--out", outFile_, "Write the bytes read to FILE");
   release_ = nv->add_subcommand("release", "Release space INDEX with the owner's authorisation");
   for (CLI::App* sub : {define_, write_, read_, release_}) {
     sub->add_option("INDEX", indexText_, "NV index (0x for hex)")->required();
     sub->add_option("--owner-secret", ownerSource_, "FILE or '-': the owner secret");
     sub->fallthrough();
   }
+  write_->add_option("FILE", inFile_, "The data")->required();
+  read_->add_option("--size", sizeText_, "Bytes to read (default: to the end of the space)");
+  read_->add_option("--out", outFile_, "Write the bytes read to FILE");
   for (CLI::App* sub : {define_, write_, read_}) {
     sub->add_option("--secret", secretSource_, "FILE or '-': the space's own secret");
   }
@@ -217,6 +217,12 @@ std::optional<Failure> NvCommand::Run(TcsConnection& tcs, Output& out) const {
 }
 
 std::optional<Failure> NvCommand::Define(TcsConnection& tcs, Output& out) const {
+  // The TPM would replace a space defined again, and its data with it.
+  SpaceInfo existing;
+  if (!LookUp(tcs, index_, &existing)) {
+    return Failure{"nv define", TpmResult(TPM_BADINDEX),
+                   "NV index " + IndexText(index_) + " is already defined; release it first"};
+  }
   const UINT32 attributes = (ownerWrite_ ? kPerOwnerWrite : 0) | (authWrite_ ? kPerAuthWrite : 0) |
                             (ownerRead_ ? kPerOwnerRead : 0) | (authRead_ ? kPerAuthRead : 0);
   if (auto f = DefineSpace(tcs, owner_, secret_, NvPublic(index_, attributes, *size_))) return f;

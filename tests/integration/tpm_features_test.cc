@@ -6,6 +6,8 @@
 #include <openssl/evp.h>
 
 #include <cstring>
+#include <iterator>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,6 +21,7 @@
 
 #include "kesttcsd_process.h"
 #include "owner_authorised.h"
+#include "swtpm_process.h"
 
 namespace kesttcs::testing {
 namespace {
@@ -109,32 +112,57 @@ TEST_F(TpmFeaturesTest, FieldUpgradeAndRedirectionReachTheTpm) {
                      }),
             refused);
   // A key the service does not know is refused before anything is sent.
-  TPM_AUTH auth{};
-  EXPECT_EQ(Tcsip_SetRedirection(h_, 0x12345678, 1, UINT32(channel.size()), channel.data(), &auth),
+  EXPECT_EQ(OverOiap(h_, owner, TPM_ORD_SetRedirection,
+                     Params().U32(1).U32(UINT32(channel.size())).Raw(channel).get(),
+                     [&](TPM_AUTH* auth, ByteVector*) {
+                       return Tcsip_SetRedirection(h_, 0x12345678, 1, UINT32(channel.size()),
+                                                   channel.data(), auth);
+                     }),
             TCS_E_INVALID_KEY);
 }
 
-TEST_F(TpmFeaturesTest, RevocableEndorsementKeyIsMadeAndRevoked) {
-  ASSERT_NO_FATAL_FAILURE(Start(/*owned=*/false));  // a fresh TPM has no endorsement key yet
-  TPM_NONCE antiReplay;
-  std::memset(&antiReplay, 0x5A, sizeof antiReplay);
-  BYTE keyParms[] = {0, 0, 0, 1, 0, 3, 0, 1, 0, 0, 0, 12, 0, 0, 8, 0, 0, 0, 0, 2, 0, 0, 0, 0};
+// The 2048-bit RSA endorsement key's TPM_KEY_PARMS.
+const BYTE kEkParms[] = {0, 0, 0, 1, 0, 3, 0, 1, 0, 0, 0, 12, 0, 0, 8, 0, 0, 0, 0, 2, 0, 0, 0, 0};
+
+TEST_F(TpmFeaturesTest, RevocableEndorsementKeyIsRefusedWhereAnEndorsementKeyExists) {
+  ASSERT_NO_FATAL_FAILURE(Start(/*owned=*/false));  // the embedded TPM comes with its key
+  TPM_NONCE antiReplay{};
   TPM_DIGEST resetAuth{};
   TPM_DIGEST checksum{};
   UINT32 ekSize = 0;
   BYTE* ek = nullptr;
-  ASSERT_EQ(Tcsip_CreateRevocableEndorsementKeyPair(h_, antiReplay, sizeof keyParms, keyParms, 1,
-                                                    &resetAuth, &ekSize, &ek, &checksum),
-            TSS_SUCCESS);
+  ByteVector parms(std::begin(kEkParms), std::end(kEkParms));
+  EXPECT_EQ(
+      Tcsip_CreateRevocableEndorsementKeyPair(h_, antiReplay, UINT32(parms.size()), parms.data(), 1,
+                                              &resetAuth, &ekSize, &ek, &checksum),
+      TpmResult(TPM_DISABLED_CMD));
+  EXPECT_EQ(ek, nullptr);
+  EXPECT_EQ(Tcsip_RevokeEndorsementKeyPair(h_, resetAuth), TpmResult(TPM_PERMANENTEK));
+}
+
+TEST_F(TpmFeaturesTest, RevocableEndorsementKeyIsMadeAndRevokedOnAFreshSwtpm) {
+  if (!SwtpmInstalled()) GTEST_SKIP() << "swtpm is not installed";
+  SwtpmProcess swtpm(/*startupClear=*/false);
+  ASSERT_TRUE(swtpm.WaitReady());
+  daemon_ = std::make_unique<KesttcsdProcess>(Home(), /*owned=*/false, swtpm.UnixConfig());
+  ASSERT_TRUE(daemon_->Start());
+  ASSERT_EQ(Tcsi_OpenContext(&h_), TSS_SUCCESS);
+  TPM_NONCE antiReplay;
+  std::memset(&antiReplay, 0x5A, sizeof antiReplay);
+  ByteVector parms(std::begin(kEkParms), std::end(kEkParms));
+  TPM_DIGEST resetAuth{};
+  TPM_DIGEST checksum{};
+  UINT32 ekSize = 0;
+  BYTE* ek = nullptr;
+  ASSERT_EQ(
+      Tcsip_CreateRevocableEndorsementKeyPair(h_, antiReplay, UINT32(parms.size()), parms.data(), 1,
+                                              &resetAuth, &ekSize, &ek, &checksum),
+      TSS_SUCCESS);
   const ByteVector pubek = Take(ek, ekSize);
   EXPECT_GT(pubek.size(), 256u);
   // The checksum is SHA-1 over the public key and antiReplay, computed here independently.
   EXPECT_EQ(Bytes(checksum), Sha1(Params().Raw(pubek).Fixed(antiReplay).get()));
   EXPECT_NE(Bytes(resetAuth), ByteVector(20, 0)) << "the TPM made the reset secret";
-  TPM_DIGEST again = resetAuth;
-  EXPECT_EQ(Tcsip_CreateRevocableEndorsementKeyPair(h_, antiReplay, sizeof keyParms, keyParms, 1,
-                                                    &again, &ekSize, &ek, &checksum),
-            TpmResult(TPM_DISABLED_CMD));
 
   // Revoking needs physical presence and the reset secret.
   constexpr UINT16 kCommandEnable = 0x0020, kPresent = 0x0008;
