@@ -83,13 +83,10 @@ std::optional<int> CounterCommand::CheckArguments(Output& out) {
     id_ = *id;
   }
   std::string problem;
-  std::optional<TPM_SECRET> secret =
-      ReadSecret(secretSource_, "counter secret", create_->parsed(), &problem);
-  if (!secret) return out.BadArgument(problem);
-  secret_ = *secret;
-  std::optional<TPM_SECRET> owner = ReadSecret(ownerSource_, "owner secret", false, &problem);
-  if (!owner) return out.BadArgument(problem);
-  owner_ = *owner;
+  if (!ReadObjectAndOwnerSecrets(secretSource_, "counter secret", create_->parsed(), ownerSource_,
+                                 &secret_, &owner_, &problem)) {
+    return out.BadArgument(problem);
+  }
   return std::nullopt;
 }
 

@@ -199,13 +199,10 @@ std::optional<int> NvCommand::CheckArguments(Output& out) {
     data_ = *data;
   }
   std::string problem;
-  std::optional<TPM_SECRET> secret =
-      ReadSecret(secretSource_, "space secret", define_->parsed(), &problem);
-  if (!secret) return out.BadArgument(problem);
-  secret_ = *secret;
-  std::optional<TPM_SECRET> owner = ReadSecret(ownerSource_, "owner secret", false, &problem);
-  if (!owner) return out.BadArgument(problem);
-  owner_ = *owner;
+  if (!ReadObjectAndOwnerSecrets(secretSource_, "space secret", define_->parsed(), ownerSource_,
+                                 &secret_, &owner_, &problem)) {
+    return out.BadArgument(problem);
+  }
   return std::nullopt;
 }
 
