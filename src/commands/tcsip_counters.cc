@@ -15,7 +15,7 @@ namespace {
 
 constexpr UINT32 kCounterLabelSize = 4;
 
-// A counter command that returns nothing: the counter's id and the session.
+// TPM_ReleaseCounter for idCounter under `auth`, whichever secret the caller keyed it with.
 TSS_RESULT ReleaseCounter(TCS_CONTEXT_HANDLE hContext, TSS_COUNTER_ID idCounter, TPM_AUTH* auth) {
   TpmCommand command(hContext, TPM_ORD_ReleaseCounter);
   return RunWithRequiredSession(command, auth, idCounter);
