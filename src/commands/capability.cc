@@ -19,6 +19,8 @@ constexpr UINT32 kSubCapBytes = 4;
 constexpr std::array<BYTE, 4> kTcsVersion = {2, 1, 0, 13};
 constexpr std::array<BYTE, 4> kManufacturerId = {'K', 'E', 'S', 'T'};
 constexpr char kManufacturerName[] = "KESTRON TECHNOLOGY";
+// The host's platform class: simple identifier 0 (none recorded), URI size 0.
+constexpr std::array<BYTE, 8> kHostPlatformClass = {0, 0, 0, 0, 0, 0, 0, 0};
 
 // The manufacturer name as a wide string of 16-bit units, little-endian, without a terminator.
 constexpr std::array<BYTE, 2 * (sizeof kManufacturerName - 1)> WideManufacturerName() {
@@ -65,6 +67,7 @@ TSS_RESULT FixedAnswer(TPM_CAPABILITY_AREA capArea, std::optional<UINT32> subCap
     case TSS_TCSCAP_ALG:
     case TSS_TCSCAP_CACHING:
     case TSS_TCSCAP_MANUFACTURER:
+    case TSS_TCSCAP_PLATFORM_CLASS:
       break;
     default:
       return TCS_E_FAIL;
@@ -83,6 +86,13 @@ TSS_RESULT FixedAnswer(TPM_CAPABILITY_AREA capArea, std::optional<UINT32> subCap
     }
     flag[0] = *subCap == TSS_TCSCAP_PROP_KEYCACHE ? 1 : 0;
     *answer = flag;
+    return TSS_SUCCESS;
+  }
+  if (capArea == TSS_TCSCAP_PLATFORM_CLASS) {
+    if (*subCap != TSS_TCSCAP_PROP_HOST_PLATFORM && *subCap != TSS_TCSCAP_PROP_ALL_PLATFORMS) {
+      return TCS_E_FAIL;
+    }
+    *answer = kHostPlatformClass;
     return TSS_SUCCESS;
   }
   if (*subCap == TSS_TCSCAP_PROP_MANUFACTURER_ID) {

@@ -19,12 +19,14 @@ namespace kesttcs {
 //   TSS_TCSCAP_CACHING one byte: 1 for the key cache (0x100), 0 for the auth cache (0x101);
 //   TSS_TCSCAP_PERSSTORAGE one byte 1 (any sub-capability);
 //   TSS_TCSCAP_MANUFACTURER "KEST" for 0x102, and for 0x103 the wide string L"KESTRON TECHNOLOGY"
-//     as 36 bytes of UTF-16LE without a terminator.
-// Every other area or sub-capability (the platform-class area included: no class is recorded)
-// gives TCS_E_FAIL. The sub-capability is the big-endian UINT32 in the first four bytes of subCap;
-// an area that needs one and gets fewer than four bytes gives TCS_E_BAD_PARAMETER. Context failures
-// are returned first; TCS_E_OUTOFMEMORY when the answer cannot be allocated. Outputs are written
-// only on success.
+//     as 36 bytes of UTF-16LE without a terminator;
+//   TSS_TCSCAP_PLATFORM_CLASS for the host platform (1) and for every platform with credentials
+//     (2) the one platform class the service knows of, the host's, as 8 big-endian bytes: simple
+//     identifier 0 (the service records no class) and a URI size of 0 (no URI).
+// Every other area or sub-capability gives TCS_E_FAIL. The sub-capability is the big-endian UINT32
+// in the first four bytes of subCap; an area that needs one and gets fewer than four bytes gives
+// TCS_E_BAD_PARAMETER. Context failures are returned first; TCS_E_OUTOFMEMORY when the answer
+// cannot be allocated. Outputs are written only on success.
 [[nodiscard]] TSS_RESULT Tcsi_GetCapability_Internal(TCS_CONTEXT_HANDLE hContext,
                                                      TPM_CAPABILITY_AREA capArea, UINT32 subCapSize,
                                                      const BYTE* subCap, UINT32* respSize,

@@ -13,11 +13,16 @@
 
 #include "commands/capability.h"
 #include "commands/tcsip_audit.h"
+#include "commands/tcsip_counters.h"
+#include "commands/tcsip_endorsement.h"
 #include "commands/tcsip_key_control.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tcsip_keys.h"
+#include "commands/tcsip_maintenance.h"
+#include "commands/tcsip_nv.h"
 #include "commands/tcsip_owner.h"
 #include "commands/tcsip_sessions.h"
+#include "commands/tcsip_vendor_features.h"
 #include "commands/vendor_commands.h"
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"
@@ -278,6 +283,25 @@ constexpr Binding kBindings[] = {
     Bind<&Tcsip_GetAuditDigestSigned_Internal>(),
     Bind<&Tcsip_SetOrdinalAuditStatus_Internal>(),
     Bind<&Tcsip_ResetLockValue_Internal>(),
+    // NV storage, counters, maintenance, the revocable endorsement key, field upgrade, redirection.
+    Bind<&Tcsip_FieldUpgrade_Internal>(),
+    Bind<&Tcsip_SetRedirection_Internal>(),
+    Bind<&Tcsip_NV_DefineOrReleaseSpace_Internal>(),
+    Bind<&Tcsip_NV_WriteValue_Internal>(),
+    Bind<&Tcsip_NV_WriteValueAuth_Internal>(),
+    Bind<&Tcsip_NV_ReadValue_Internal>(),
+    Bind<&Tcsip_NV_ReadValueAuth_Internal>(),
+    Bind<&Tcsip_CreateMaintenanceArchive_Internal>(),
+    Bind<&Tcsip_LoadMaintenanceArchive_Internal>(),
+    Bind<&Tcsip_KillMaintenanceFeature_Internal>(),
+    Bind<&Tcsip_LoadManuMaintPub_Internal>(),
+    Bind<&Tcsip_ReadManuMaintPub_Internal>(),
+    Bind<&Tcsip_CreateRevocableEndorsementKeyPair_Internal>(),
+    Bind<&Tcsip_RevokeEndorsementKeyPair_Internal>(),
+    Bind<&Tcsip_CreateCounter_Internal>(),
+    Bind<&Tcsip_IncrementCounter_Internal>(),
+    Bind<&Tcsip_ReleaseCounter_Internal>(),
+    Bind<&Tcsip_ReleaseCounterOwner_Internal>(),
 };
 
 constexpr std::array<InternalCall, rpc::kOperationCount> MakeTable() {

@@ -71,7 +71,7 @@ constexpr std::string_view kOrdinalPrefix = "TPM_ORD_";
 
 }  // namespace
 
-std::optional<UINT32> ParseOrdinal(const std::string& text) {
+std::optional<UINT32> ParseHandle(const std::string& text) {
   if (text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0) {
     UINT32 value = 0;
     const char* first = text.data() + 2;
@@ -80,7 +80,11 @@ std::optional<UINT32> ParseOrdinal(const std::string& text) {
     if (first == last || ec != std::errc() || end != last) return std::nullopt;
     return value;
   }
-  if (std::optional<UINT32> number = ParseNumber(text, 0, UINT32_MAX)) return number;
+  return ParseNumber(text, 0, UINT32_MAX);
+}
+
+std::optional<UINT32> ParseOrdinal(const std::string& text) {
+  if (std::optional<UINT32> number = ParseHandle(text)) return number;
   for (const NamedOrdinal& o : kNamedOrdinals) {
     if (text == o.name || text == o.name.substr(kOrdinalPrefix.size())) return o.value;
   }

@@ -20,6 +20,10 @@ std::optional<TPM_DIGEST> ParseDigest(const std::string& hex);
 // A decimal number in [min, max]; nothing for anything else (signs, blanks, other digits).
 std::optional<UINT32> ParseNumber(const std::string& text, UINT32 min, UINT32 max);
 
+// A number as TPM handles and indices are written: decimal, or hex with "0x"; nothing for anything
+// else.
+std::optional<UINT32> ParseHandle(const std::string& text);
+
 // A TPM ordinal named by its TPM name ("TPM_ORD_GetRandom", or without the "TPM_ORD_" prefix) or
 // by its number (decimal, or hex with "0x"); nothing for anything else.
 std::optional<UINT32> ParseOrdinal(const std::string& text);

@@ -1,7 +1,7 @@
 // kesttcs-cli: status and facts of the TPM behind KestTCS, capabilities, random bytes, PCR read and
-// extend, the PCR event log, registered keys, ownership, the TPM's ordinal audit and the service's
-// sessions, over the client library. Human output by default, one JSON object with --json. Exit
-// status in tools/cli_output.h.
+// extend, the PCR event log, registered keys, ownership, the TPM's ordinal audit, the service's
+// sessions, NV storage and monotonic counters, over the client library. Human output by default,
+// one JSON object with --json. Exit status in tools/cli_output.h.
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -19,8 +19,10 @@
 #include "tools/audit_command.h"
 #include "tools/cli_format.h"
 #include "tools/cli_output.h"
+#include "tools/counter_command.h"
 #include "tools/events_command.h"
 #include "tools/keys_commands.h"
+#include "tools/nv_command.h"
 #include "tools/owner_commands.h"
 #include "tools/tcs_connection.h"
 
@@ -141,7 +143,7 @@ std::optional<Failure> Caps(TcsConnection& tcs, Output& out) {
        [](const std::vector<BYTE>& a) { return ordered_json(ManufacturerText(a)); }},
       {"manufacturer", TSS_TCSCAP_MANUFACTURER, TSS_TCSCAP_PROP_MANUFACTURER_STR,
        [](const std::vector<BYTE>& a) { return ordered_json(Utf16LeText(a)); }},
-      {"platform_class", TSS_TCSCAP_PLATFORM_CLASS, 0,
+      {"platform_class", TSS_TCSCAP_PLATFORM_CLASS, TSS_TCSCAP_PROP_HOST_PLATFORM,
        [](const std::vector<BYTE>& a) { return ordered_json(HexString(a)); }},
   };
   ordered_json& o = out.object();
@@ -231,6 +233,8 @@ int Main(int argc, char** argv) {
   KeysCommand keys(app);
   OwnerCommands owner(app);
   AuditCommand audit(app);
+  NvCommand nv(app);
+  CounterCommand counter(app);
 
   try {
     app.parse(argc, argv);
@@ -265,6 +269,8 @@ int Main(int argc, char** argv) {
   }
   if (std::optional<int> status = owner.CheckArguments(out)) return *status;
   if (std::optional<int> status = audit.CheckArguments(out)) return *status;
+  if (std::optional<int> status = nv.CheckArguments(out)) return *status;
+  if (std::optional<int> status = counter.CheckArguments(out)) return *status;
 
   std::string reason;
   TSS_RESULT openResult = 0;
@@ -284,6 +290,8 @@ int Main(int argc, char** argv) {
   if (keys.parsed()) failure = keys.Run(*tcs, out);
   if (owner.parsed()) failure = owner.Run(*tcs, out);
   if (audit.parsed()) failure = audit.Run(*tcs, out);
+  if (nv.parsed()) failure = nv.Run(*tcs, out);
+  if (counter.parsed()) failure = counter.Run(*tcs, out);
   if (failure) return out.TcsError(*failure);
   return out.Finish();
 }

@@ -81,4 +81,17 @@ std::optional<TPM_SECRET> ReadSecret(const std::string& source, const std::strin
   return FromPhrase(std::move(phrase));
 }
 
+bool ReadObjectAndOwnerSecrets(const std::string& objectSource, const std::string& objectPrompt,
+                               bool newObject, const std::string& ownerSource, TPM_SECRET* object,
+                               TPM_SECRET* owner, std::string* problem) {
+  std::optional<TPM_SECRET> objectSecret =
+      ReadSecret(objectSource, objectPrompt, newObject, problem);
+  if (!objectSecret) return false;
+  std::optional<TPM_SECRET> ownerSecret = ReadSecret(ownerSource, "owner secret", false, problem);
+  if (!ownerSecret) return false;
+  *object = *objectSecret;
+  *owner = *ownerSecret;
+  return true;
+}
+
 }  // namespace kesttcs::cli

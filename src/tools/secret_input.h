@@ -17,4 +17,10 @@ namespace kesttcs::cli {
 std::optional<TPM_SECRET> ReadSecret(const std::string& source, const std::string& prompt,
                                      bool confirm, std::string* problem);
 
+// An object's own secret (asked twice at the terminal when `newObject`) and the owner's, each read
+// as ReadSecret does. False, with *problem set, when either cannot be had.
+bool ReadObjectAndOwnerSecrets(const std::string& objectSource, const std::string& objectPrompt,
+                               bool newObject, const std::string& ownerSource, TPM_SECRET* object,
+                               TPM_SECRET* owner, std::string* problem);
+
 }  // namespace kesttcs::cli

@@ -2,8 +2,9 @@
 // is answered as a plain TPM 1.2 would; fuzz_req_mgr feeds the start-up sequence): every keyless
 // operation, the session openers and the commands that carry sessions (their response trailers
 // and the session table's bookkeeping), the audit digest and its report, the vendor commands and
-// sequence, the metrics (every path the answers lead to), the vendor classifier and key eviction
-// parse whatever comes back without crashing or reading past the response.
+// sequence, NV storage, counters, maintenance, the revocable endorsement key, field upgrade
+// and redirection, the metrics (every path the answers lead to), the vendor classifier and key
+// eviction parse whatever comes back without crashing or reading past the response.
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -11,18 +12,44 @@
 
 #include "commands/capability.h"
 #include "commands/tcsip_audit.h"
+#include "commands/tcsip_counters.h"
+#include "commands/tcsip_endorsement.h"
 #include "commands/tcsip_key_control.h"
 #include "commands/tcsip_keyless.h"
+#include "commands/tcsip_maintenance.h"
+#include "commands/tcsip_nv.h"
 #include "commands/tcsip_owner.h"
 #include "commands/tcsip_sessions.h"
+#include "commands/tcsip_vendor_features.h"
 #include "commands/tpm_metrics.h"
 #include "commands/vendor_commands.h"
 #include "contexts/contexts.h"
 #include "core_fixture.h"
 #include "keys/key_eviction.h"
+#include "storage/persistent_storage.h"
 
 namespace kesttcs {
 namespace {
+
+// NV storage, counters, maintenance, the revocable endorsement key and field upgrade without
+// sessions; their authorised forms run in RunSessionCommands.
+void RunStorageAndMaintenanceCommands(TCS_CONTEXT_HANDLE h) {
+  std::array<BYTE, 300> input{};
+  UINT32 size = 16;
+  BYTE* out = nullptr;
+  TPM_DIGEST digest{};
+  TPM_NONCE nonce{};
+  static_cast<void>(
+      Tcsip_NV_DefineOrReleaseSpace_Internal(h, 47, input.data(), TPM_ENCAUTH{}, nullptr));
+  static_cast<void>(Tcsip_NV_WriteValue_Internal(h, 0x1000, 0, 8, input.data(), nullptr));
+  static_cast<void>(Tcsip_NV_ReadValue_Internal(h, 0x1000, 0, &size, nullptr, &out));
+  static_cast<void>(Tcsip_LoadManuMaintPub_Internal(h, nonce, 28, input.data(), &digest));
+  static_cast<void>(Tcsip_ReadManuMaintPub_Internal(h, nonce, &digest));
+  static_cast<void>(Tcsip_CreateRevocableEndorsementKeyPair_Internal(
+      h, nonce, 24, input.data(), 1, &digest, &size, &out, &digest));
+  static_cast<void>(Tcsip_RevokeEndorsementKeyPair_Internal(h, digest));
+  static_cast<void>(Tcsip_FieldUpgrade_Internal(h, 4, input.data(), nullptr, &size, &out));
+}
 
 void RunEveryCommand(TCS_CONTEXT_HANDLE h) {
   std::array<BYTE, 300> input{};
@@ -72,6 +99,7 @@ void RunEveryCommand(TCS_CONTEXT_HANDLE h) {
   static_cast<void>(
       Tcsip_GetAuditDigest_Internal(h, 0, &digest, &size, &out, &more, &ordinalCount, &ordinals));
   static_cast<void>(audit_reportDigest());
+  RunStorageAndMaintenanceCommands(h);
 }
 
 // A session of `h` as the TPM opened it (handle 0, which no command gets past the session check,
@@ -105,6 +133,29 @@ void RunSessionCommands(TCS_CONTEXT_HANDLE h) {
   static_cast<void>(Tcsip_SetTempDeactivated2_Internal(h, &auth));
   static_cast<void>(Tcsip_SetOrdinalAuditStatus_Internal(h, &auth, 0x46, 1));
   static_cast<void>(Tcsip_OwnerClear_Internal(h, &auth));
+  TPM_COUNTER_VALUE counter{};
+  TSS_COUNTER_ID id = 0;
+  UINT32 archiveSize = 0;
+  BYTE* archive = nullptr;
+  static_cast<void>(
+      Tcsip_NV_DefineOrReleaseSpace_Internal(h, 47, input.data(), TPM_ENCAUTH{}, &auth));
+  static_cast<void>(Tcsip_NV_WriteValue_Internal(h, 0x1000, 0, 8, input.data(), &auth));
+  static_cast<void>(Tcsip_NV_WriteValueAuth_Internal(h, 0x1000, 0, 8, input.data(), &auth));
+  size = 16;
+  static_cast<void>(Tcsip_NV_ReadValue_Internal(h, 0x1000, 0, &size, &auth, &out));
+  size = 16;
+  static_cast<void>(Tcsip_NV_ReadValueAuth_Internal(h, 0x1000, 0, &size, &auth, &out));
+  static_cast<void>(
+      Tcsip_CreateCounter_Internal(h, 4, input.data(), TPM_ENCAUTH{}, &auth, &id, &counter));
+  static_cast<void>(Tcsip_IncrementCounter_Internal(h, id, &auth, &counter));
+  static_cast<void>(Tcsip_ReleaseCounter_Internal(h, id, &auth));
+  static_cast<void>(Tcsip_ReleaseCounterOwner_Internal(h, id, &auth));
+  static_cast<void>(
+      Tcsip_CreateMaintenanceArchive_Internal(h, 1, &auth, &size, &out, &archiveSize, &archive));
+  static_cast<void>(Tcsip_LoadMaintenanceArchive_Internal(h, 8, input.data(), &auth, &size, &out));
+  static_cast<void>(Tcsip_KillMaintenanceFeature_Internal(h, &auth));
+  static_cast<void>(Tcsip_FieldUpgrade_Internal(h, 4, input.data(), &auth, &size, &out));
+  static_cast<void>(Tcsip_SetRedirection_Internal(h, kSrkKeyHandle, 1, 4, input.data(), &auth));
   TPM_AUTH second = OpenSession(h);
   static_cast<void>(Tcsip_VendorCommand2_Internal(h, 2, 4, input.data(), &second));
 

@@ -80,6 +80,10 @@ std::optional<std::vector<UINT32>> SentInstead(std::string_view name) {
   if (name == "Tcsip_EvictKey" || name == "Tcsip_CreateWrapKey" || name == "Tcsip_GetPubKey") {
     return std::vector<UINT32>{};
   }
+  // A counter's label is 4 bytes; key handle 0 names no key to redirect.
+  if (name == "Tcsip_CreateCounter" || name == "Tcsip_SetRedirection") {
+    return std::vector<UINT32>{};
+  }
   return std::nullopt;
 }
 
