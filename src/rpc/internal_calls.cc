@@ -12,10 +12,12 @@
 #include <kesttcs/tcs_results.h>
 
 #include "commands/capability.h"
+#include "commands/tcsip_attest.h"
 #include "commands/tcsip_audit.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tcsip_keys.h"
 #include "commands/tcsip_owner.h"
+#include "commands/tcsip_seal.h"
 #include "commands/tcsip_sessions.h"
 #include "commands/vendor_commands.h"
 #include "contexts/context_memory.h"
@@ -276,6 +278,19 @@ constexpr Binding kBindings[] = {
     Bind<&Tcsip_GetAuditDigestSigned_Internal>(),
     Bind<&Tcsip_SetOrdinalAuditStatus_Internal>(),
     Bind<&Tcsip_ResetLockValue_Internal>(),
+    // Data protection, signing and attestation.
+    Bind<&Tcsip_Seal_Internal>(),
+    Bind<&Tcsip_Sealx_Internal>(),
+    Bind<&Tcsip_UnSeal_Internal>(),
+    Bind<&Tcsip_Unbind_Internal>(),
+    Bind<&Tcsip_Sign_Internal>(),
+    Bind<&Tcsip_Quote_Internal>(),
+    Bind<&Tcsip_Quote2_Internal>(),
+    Bind<&Tcsip_CertifyKey_Internal>(),
+    Bind<&Tcsip_CertifyKey2_Internal>(),
+    Bind<&Tcsip_GetCapabilitySigned_Internal>(),
+    Bind<&Tcsip_CertifySelfTest_Internal>(),
+    Bind<&Tcsip_TickStampBlob_Internal>(),
 };
 
 constexpr std::array<InternalCall, rpc::kOperationCount> MakeTable() {

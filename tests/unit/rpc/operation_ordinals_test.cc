@@ -80,6 +80,14 @@ std::optional<std::vector<UINT32>> SentInstead(std::string_view name) {
   if (name == "Tcsip_EvictKey" || name == "Tcsip_CreateWrapKey" || name == "Tcsip_GetPubKey") {
     return std::vector<UINT32>{};
   }
+  // Key handle 0 names no key to seal, unseal, unbind or sign with.
+  if (name == "Tcsip_Seal" || name == "Tcsip_Sealx" || name == "Tcsip_UnSeal" ||
+      name == "Tcsip_Unbind" || name == "Tcsip_Sign" || name == "Tcsip_Quote" ||
+      name == "Tcsip_Quote2" || name == "Tcsip_CertifyKey" || name == "Tcsip_CertifyKey2" ||
+      name == "Tcsip_GetCapabilitySigned" || name == "Tcsip_CertifySelfTest" ||
+      name == "Tcsip_TickStampBlob") {
+    return std::vector<UINT32>{};
+  }
   return std::nullopt;
 }
 
