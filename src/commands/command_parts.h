@@ -14,6 +14,9 @@
 
 namespace kesttcs {
 
+// A key slot of 0 names no key: a keyed command that is given one fails with TCS_E_FAIL.
+inline constexpr TPM_KEY_HANDLE kNoKeySlot = 0;
+
 // Whether `bytes` hold exactly one T (a TPM structure with a wire form), nothing left over.
 template <class T>
 bool IsOneStructure(std::span<const BYTE> bytes) noexcept {

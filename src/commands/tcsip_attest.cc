@@ -17,14 +17,14 @@ constexpr UINT32 kHandleBytes = 4;
 constexpr UINT32 kSizeBytes = 4;
 constexpr UINT32 kNonceBytes = sizeof(TPM_NONCE);
 // Header, keyHandle, a size and the session trailer (Sign).
-constexpr UINT32 kSignFixedBytes = kTpmHeaderSize + kHandleBytes + kSizeBytes +
-                                   kAuthRequestTrailerSize;
+constexpr UINT32 kSignFixedBytes =
+    kTpmHeaderSize + kHandleBytes + kSizeBytes + kAuthRequestTrailerSize;
 // Header, keyHandle, the nonce, addVersion and the session trailer (Quote, Quote2).
-constexpr UINT32 kQuoteFixedBytes = kTpmHeaderSize + kHandleBytes + kNonceBytes + 1 +
-                                    kAuthRequestTrailerSize;
+constexpr UINT32 kQuoteFixedBytes =
+    kTpmHeaderSize + kHandleBytes + kNonceBytes + 1 + kAuthRequestTrailerSize;
 // Header, keyHandle, the nonce, capArea, subCapSize and the session trailer.
-constexpr UINT32 kCapabilitySignedFixedBytes = kTpmHeaderSize + kHandleBytes + kNonceBytes +
-                                               4 + kSizeBytes + kAuthRequestTrailerSize;
+constexpr UINT32 kCapabilitySignedFixedBytes =
+    kTpmHeaderSize + kHandleBytes + kNonceBytes + 4 + kSizeBytes + kAuthRequestTrailerSize;
 
 // The steps before a command that uses one key: the context and the size bound, the caller's
 // session, the key made resident (its slot to *slot, sent as the first parameter).
@@ -33,7 +33,7 @@ TSS_RESULT PrepareKeyed(TpmCommand& command, UINT32 fixedBytes, UINT32 inSize, c
   if (TSS_RESULT rc = command.Check(fixedBytes, inSize, inData)) return rc;
   if (TSS_RESULT rc = command.UseSessions(auth)) return rc;
   if (TSS_RESULT rc = command.UseKey(key, slot)) return rc;
-  return *slot == kNoTpmHandle ? TCS_E_FAIL : TSS_SUCCESS;
+  return *slot == kNoKeySlot ? TCS_E_FAIL : TSS_SUCCESS;
 }
 
 // The steps before a command that uses two keys, `first` sent as the first parameter and `second`
@@ -45,7 +45,7 @@ TSS_RESULT PrepareTwoKeys(TpmCommand& command, TPM_AUTH* firstAuth, TPM_AUTH* se
   if (TSS_RESULT rc = command.UseSessions(firstAuth, secondAuth)) return rc;
   if (TSS_RESULT rc = command.UseKey(first, firstSlot, 0)) return rc;
   if (TSS_RESULT rc = command.UseKey(second, secondSlot, kHandleBytes)) return rc;
-  return *firstSlot == kNoTpmHandle || *secondSlot == kNoTpmHandle ? TCS_E_FAIL : TSS_SUCCESS;
+  return *firstSlot == kNoKeySlot || *secondSlot == kNoKeySlot ? TCS_E_FAIL : TSS_SUCCESS;
 }
 
 // The answer of TPM_CertifyKey: the certify info, then the signature.
@@ -64,13 +64,13 @@ TSS_RESULT Tcsip_Sign_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE keyHa
                                UINT32* sigSize, BYTE** sig) {
   if (sigSize == nullptr || sig == nullptr) return TCS_E_BAD_PARAMETER;
   TpmCommand command(hContext, TPM_ORD_Sign);
-  TPM_KEY_HANDLE slot = kNoTpmHandle;
+  TPM_KEY_HANDLE slot = kNoKeySlot;
   if (TSS_RESULT rc = PrepareKeyed(command, kSignFixedBytes, areaToSignSize, areaToSign, privAuth,
                                    keyHandle, &slot)) {
     return rc;
   }
-  if (TSS_RESULT rc = command.RunAuthorised(slot, areaToSignSize,
-                                            std::span(areaToSign, areaToSignSize))) {
+  if (TSS_RESULT rc =
+          command.RunAuthorised(slot, areaToSignSize, std::span(areaToSign, areaToSignSize))) {
     return rc;
   }
   return command.UnloadSized(sigSize, sig);
@@ -84,7 +84,7 @@ TSS_RESULT Tcsip_Quote_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE keyH
     return TCS_E_BAD_PARAMETER;
   }
   TpmCommand command(hContext, TPM_ORD_Quote);
-  TPM_KEY_HANDLE slot = kNoTpmHandle;
+  TPM_KEY_HANDLE slot = kNoKeySlot;
   if (TSS_RESULT rc = PrepareKeyed(command, kQuoteFixedBytes, pcrTargetSize, pcrTarget, privAuth,
                                    keyHandle, &slot)) {
     return rc;
@@ -108,7 +108,7 @@ TSS_RESULT Tcsip_Quote2_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE key
     return TCS_E_BAD_PARAMETER;
   }
   TpmCommand command(hContext, TPM_ORD_Quote2);
-  TPM_KEY_HANDLE slot = kNoTpmHandle;
+  TPM_KEY_HANDLE slot = kNoKeySlot;
   if (TSS_RESULT rc = PrepareKeyed(command, kQuoteFixedBytes, pcrTargetSize, pcrTarget, privAuth,
                                    keyHandle, &slot)) {
     return rc;
@@ -130,17 +130,16 @@ TSS_RESULT Tcsip_Quote2_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE key
 
 TSS_RESULT Tcsip_CertifyKey_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE certHandle,
                                      TCS_KEY_HANDLE keyHandle, const TPM_NONCE& antiReplay,
-                                     TPM_AUTH* certAuth, TPM_AUTH* keyAuth,
-                                     UINT32* CertifyInfoSize, BYTE** CertifyInfo,
-                                     UINT32* outDataSize, BYTE** outData) {
+                                     TPM_AUTH* certAuth, TPM_AUTH* keyAuth, UINT32* CertifyInfoSize,
+                                     BYTE** CertifyInfo, UINT32* outDataSize, BYTE** outData) {
   if (CertifyInfoSize == nullptr || CertifyInfo == nullptr || outDataSize == nullptr ||
       outData == nullptr) {
     return TCS_E_BAD_PARAMETER;
   }
   TpmCommand command(hContext, TPM_ORD_CertifyKey);
-  TPM_KEY_HANDLE certSlot = kNoTpmHandle, keySlot = kNoTpmHandle;
-  if (TSS_RESULT rc = PrepareTwoKeys(command, certAuth, keyAuth, certHandle, &certSlot, keyHandle,
-                                     &keySlot)) {
+  TPM_KEY_HANDLE certSlot = kNoKeySlot, keySlot = kNoKeySlot;
+  if (TSS_RESULT rc =
+          PrepareTwoKeys(command, certAuth, keyAuth, certHandle, &certSlot, keyHandle, &keySlot)) {
     return rc;
   }
   if (TSS_RESULT rc = command.RunAuthorised(certSlot, keySlot, antiReplay)) return rc;
@@ -157,7 +156,7 @@ TSS_RESULT Tcsip_CertifyKey2_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDL
     return TCS_E_BAD_PARAMETER;
   }
   TpmCommand command(hContext, TPM_ORD_CertifyKey);
-  TPM_KEY_HANDLE keySlot = kNoTpmHandle, certSlot = kNoTpmHandle;
+  TPM_KEY_HANDLE keySlot = kNoKeySlot, certSlot = kNoKeySlot;
   if (TSS_RESULT rc = PrepareTwoKeys(command, pKeyAuth, pCertAuth, keyHandle, &keySlot, certHandle,
                                      &certSlot)) {
     return rc;
@@ -166,8 +165,7 @@ TSS_RESULT Tcsip_CertifyKey2_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDL
   return HandOutCertifyInfo(hContext, command, pCertifyInfoSize, ppCertifyInfo, pSigSize, ppSig);
 }
 
-TSS_RESULT Tcsip_GetCapabilitySigned_Internal(TCS_CONTEXT_HANDLE hContext,
-                                              TCS_KEY_HANDLE keyHandle,
+TSS_RESULT Tcsip_GetCapabilitySigned_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE keyHandle,
                                               const TPM_NONCE& antiReplay,
                                               TPM_CAPABILITY_AREA capArea, UINT32 subCapSize,
                                               const BYTE* subCap, TPM_AUTH* privAuth,
@@ -178,7 +176,7 @@ TSS_RESULT Tcsip_GetCapabilitySigned_Internal(TCS_CONTEXT_HANDLE hContext,
     return TCS_E_BAD_PARAMETER;
   }
   TpmCommand command(hContext, TPM_ORD_GetCapabilitySigned);
-  TPM_KEY_HANDLE slot = kNoTpmHandle;
+  TPM_KEY_HANDLE slot = kNoKeySlot;
   if (TSS_RESULT rc = PrepareKeyed(command, kCapabilitySignedFixedBytes, subCapSize, subCap,
                                    privAuth, keyHandle, &slot)) {
     return rc;
@@ -204,7 +202,7 @@ TSS_RESULT Tcsip_CertifySelfTest_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_H
                                           UINT32* sigSize, BYTE** sig) {
   if (sigSize == nullptr || sig == nullptr) return TCS_E_BAD_PARAMETER;
   TpmCommand command(hContext, TPM_ORD_CertifySelfTest);
-  TPM_KEY_HANDLE slot = kNoTpmHandle;
+  TPM_KEY_HANDLE slot = kNoKeySlot;
   if (TSS_RESULT rc =
           PrepareKeyed(command, kTpmHeaderSize, 0, nullptr, privAuth, keyHandle, &slot)) {
     return rc;
@@ -223,9 +221,8 @@ TSS_RESULT Tcsip_TickStampBlob_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HAN
     return TCS_E_BAD_PARAMETER;
   }
   TpmCommand command(hContext, TPM_ORD_TickStampBlob);
-  TPM_KEY_HANDLE slot = kNoTpmHandle;
-  if (TSS_RESULT rc =
-          PrepareKeyed(command, kTpmHeaderSize, 0, nullptr, privAuth, hKey, &slot)) {
+  TPM_KEY_HANDLE slot = kNoKeySlot;
+  if (TSS_RESULT rc = PrepareKeyed(command, kTpmHeaderSize, 0, nullptr, privAuth, hKey, &slot)) {
     return rc;
   }
   if (TSS_RESULT rc = command.RunAuthorised(slot, antiReplay, digestToStamp)) return rc;

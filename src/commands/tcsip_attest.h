@@ -27,31 +27,29 @@ namespace kesttcs {
 // TPM_Quote (0x16) of the PCRs that pcrTarget (exactly one TPM_PCR_SELECTION) selects, with the
 // caller's nonce: the TPM_PCR_COMPOSITE to (*pcrDataSize, *pcrData), the signature over the
 // TPM_QUOTE_INFO to (*sigSize, *sig).
-[[nodiscard]] TSS_RESULT Tcsip_Quote_Internal(TCS_CONTEXT_HANDLE hContext,
-                                              TCS_KEY_HANDLE keyHandle,
+[[nodiscard]] TSS_RESULT Tcsip_Quote_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE keyHandle,
                                               const TPM_NONCE& antiReplay, UINT32 pcrTargetSize,
                                               const BYTE* pcrTarget, TPM_AUTH* privAuth,
-                                              UINT32* pcrDataSize, BYTE** pcrData,
-                                              UINT32* sigSize, BYTE** sig);
+                                              UINT32* pcrDataSize, BYTE** pcrData, UINT32* sigSize,
+                                              BYTE** sig);
 
 // TPM_Quote2 (0x3E): as Tcsip_Quote, the PCR data a TPM_PCR_INFO_SHORT; with addVersion the TPM's
 // TPM_CAP_VERSION_INFO to (*versionInfoSize, *versionInfo), which stays empty without it.
-[[nodiscard]] TSS_RESULT Tcsip_Quote2_Internal(
-    TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE keyHandle, const TPM_NONCE& antiReplay,
-    UINT32 pcrTargetSize, const BYTE* pcrTarget, TSS_BOOL addVersion, TPM_AUTH* privAuth,
-    UINT32* pcrDataSize, BYTE** pcrData, UINT32* versionInfoSize, BYTE** versionInfo,
-    UINT32* sigSize, BYTE** sig);
+[[nodiscard]] TSS_RESULT Tcsip_Quote2_Internal(TCS_CONTEXT_HANDLE hContext,
+                                               TCS_KEY_HANDLE keyHandle,
+                                               const TPM_NONCE& antiReplay, UINT32 pcrTargetSize,
+                                               const BYTE* pcrTarget, TSS_BOOL addVersion,
+                                               TPM_AUTH* privAuth, UINT32* pcrDataSize,
+                                               BYTE** pcrData, UINT32* versionInfoSize,
+                                               BYTE** versionInfo, UINT32* sigSize, BYTE** sig);
 
 // TPM_CertifyKey (0x32): certHandle signs keyHandle's TPM_CERTIFY_INFO (to (*CertifyInfoSize,
 // *CertifyInfo)), the signature to (*outDataSize, *outData). Each key's session optional, the
 // certifying key's first.
-[[nodiscard]] TSS_RESULT Tcsip_CertifyKey_Internal(TCS_CONTEXT_HANDLE hContext,
-                                                   TCS_KEY_HANDLE certHandle,
-                                                   TCS_KEY_HANDLE keyHandle,
-                                                   const TPM_NONCE& antiReplay,
-                                                   TPM_AUTH* certAuth, TPM_AUTH* keyAuth,
-                                                   UINT32* CertifyInfoSize, BYTE** CertifyInfo,
-                                                   UINT32* outDataSize, BYTE** outData);
+[[nodiscard]] TSS_RESULT Tcsip_CertifyKey_Internal(
+    TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE certHandle, TCS_KEY_HANDLE keyHandle,
+    const TPM_NONCE& antiReplay, TPM_AUTH* certAuth, TPM_AUTH* keyAuth, UINT32* CertifyInfoSize,
+    BYTE** CertifyInfo, UINT32* outDataSize, BYTE** outData);
 
 // Sent with the ordinal of TPM_CertifyKey (0x32), by design, but with the parameters of
 // TPM_CertifyKey2: the certified key's slot, the certifying key's slot, MSAdigest, the nonce, then

@@ -21,9 +21,9 @@ constexpr UINT32 kUnSealFixedBytes = kTpmHeaderSize + 4 + 2 * kAuthRequestTraile
 // Header, keyHandle, inDataSize, the session trailer.
 constexpr UINT32 kUnbindFixedBytes = kTpmHeaderSize + 4 + 4 + kAuthRequestTrailerSize;
 
-TSS_RESULT SealWith(TPM_COMMAND_CODE ordinal, TCS_CONTEXT_HANDLE hContext,
-                    TCS_KEY_HANDLE keyHandle, const TPM_ENCAUTH& encAuth, UINT32 pcrInfoSize,
-                    const BYTE* pcrInfo, UINT32 inDataSize, const BYTE* inData, TPM_AUTH* pubAuth,
+TSS_RESULT SealWith(TPM_COMMAND_CODE ordinal, TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE keyHandle,
+                    const TPM_ENCAUTH& encAuth, UINT32 pcrInfoSize, const BYTE* pcrInfo,
+                    UINT32 inDataSize, const BYTE* inData, TPM_AUTH* pubAuth,
                     UINT32* sealedDataSize, BYTE** sealedData) {
   if (sealedDataSize == nullptr || sealedData == nullptr) return TCS_E_BAD_PARAMETER;
   TpmCommand command(hContext, ordinal);
@@ -33,12 +33,12 @@ TSS_RESULT SealWith(TPM_COMMAND_CODE ordinal, TCS_CONTEXT_HANDLE hContext,
     return TCS_E_BAD_PARAMETER;
   }
   if (TSS_RESULT rc = command.UseSessions(pubAuth)) return rc;
-  TPM_KEY_HANDLE keySlot = kNoTpmHandle;
+  TPM_KEY_HANDLE keySlot = kNoKeySlot;
   if (TSS_RESULT rc = command.UseKey(keyHandle, &keySlot)) return rc;
-  if (keySlot == kNoTpmHandle) return TCS_E_FAIL;
-  if (TSS_RESULT rc = command.RunAuthorised(keySlot, encAuth, pcrInfoSize,
-                                            std::span(pcrInfo, pcrInfoSize), inDataSize,
-                                            std::span(inData, inDataSize))) {
+  if (keySlot == kNoKeySlot) return TCS_E_FAIL;
+  if (TSS_RESULT rc =
+          command.RunAuthorised(keySlot, encAuth, pcrInfoSize, std::span(pcrInfo, pcrInfoSize),
+                                inDataSize, std::span(inData, inDataSize))) {
     return rc;
   }
   return command.UnloadStructure<TPM_STORED_DATA>(sealedDataSize, sealedData);
@@ -47,17 +47,17 @@ TSS_RESULT SealWith(TPM_COMMAND_CODE ordinal, TCS_CONTEXT_HANDLE hContext,
 }  // namespace
 
 TSS_RESULT Tcsip_Seal_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE keyHandle,
-                               const TPM_ENCAUTH& encAuth, UINT32 pcrInfoSize,
-                               const BYTE* PcrInfo, UINT32 inDataSize, const BYTE* inData,
-                               TPM_AUTH* pubAuth, UINT32* SealedDataSize, BYTE** SealedData) {
+                               const TPM_ENCAUTH& encAuth, UINT32 pcrInfoSize, const BYTE* PcrInfo,
+                               UINT32 inDataSize, const BYTE* inData, TPM_AUTH* pubAuth,
+                               UINT32* SealedDataSize, BYTE** SealedData) {
   return SealWith(TPM_ORD_Seal, hContext, keyHandle, encAuth, pcrInfoSize, PcrInfo, inDataSize,
                   inData, pubAuth, SealedDataSize, SealedData);
 }
 
 TSS_RESULT Tcsip_Sealx_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE keyHandle,
-                                const TPM_ENCAUTH& encAuth, UINT32 pcrInfoSize,
-                                const BYTE* PcrInfo, UINT32 inDataSize, const BYTE* inData,
-                                TPM_AUTH* pubAuth, UINT32* SealedDataSize, BYTE** SealedData) {
+                                const TPM_ENCAUTH& encAuth, UINT32 pcrInfoSize, const BYTE* PcrInfo,
+                                UINT32 inDataSize, const BYTE* inData, TPM_AUTH* pubAuth,
+                                UINT32* SealedDataSize, BYTE** SealedData) {
   return SealWith(TPM_ORD_Sealx, hContext, keyHandle, encAuth, pcrInfoSize, PcrInfo, inDataSize,
                   inData, pubAuth, SealedDataSize, SealedData);
 }
@@ -73,9 +73,9 @@ TSS_RESULT Tcsip_UnSeal_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE par
   const std::span<const BYTE> sealed(SealedData, SealedDataSize);
   if (!IsOneStructure<TPM_STORED_DATA>(sealed)) return TCS_E_BAD_PARAMETER;
   if (TSS_RESULT rc = command.UseSessions(parentAuth, dataAuth)) return rc;
-  TPM_KEY_HANDLE parentSlot = kNoTpmHandle;
+  TPM_KEY_HANDLE parentSlot = kNoKeySlot;
   if (TSS_RESULT rc = command.UseKey(parentHandle, &parentSlot)) return rc;
-  if (parentSlot == kNoTpmHandle) return TCS_E_FAIL;
+  if (parentSlot == kNoKeySlot) return TCS_E_FAIL;
   if (TSS_RESULT rc = command.RunAuthorised(parentSlot, sealed)) return rc;
   return command.UnloadSized(DataSize, Data);
 }
@@ -87,15 +87,14 @@ TSS_RESULT Tcsip_Unbind_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE key
   TpmCommand command(hContext, TPM_ORD_UnBind);
   if (TSS_RESULT rc = command.Check(kUnbindFixedBytes, inDataSize, inData)) return rc;
   if (TSS_RESULT rc = command.UseSessions(privAuth)) return rc;
-  TPM_KEY_HANDLE keySlot = kNoTpmHandle;
+  TPM_KEY_HANDLE keySlot = kNoKeySlot;
   if (TSS_RESULT rc = command.UseKey(keyHandle, &keySlot)) {
     TcsTracef("Tcsip_UnBind_Internal:ensureKeyIsLoaded:result=0x%.8X,keyHandle=0x%.8X,keySlot=0",
               rc, keyHandle);
     return rc;
   }
-  if (keySlot == kNoTpmHandle) return TCS_E_FAIL;
-  if (TSS_RESULT rc =
-          command.RunAuthorised(keySlot, inDataSize, std::span(inData, inDataSize))) {
+  if (keySlot == kNoKeySlot) return TCS_E_FAIL;
+  if (TSS_RESULT rc = command.RunAuthorised(keySlot, inDataSize, std::span(inData, inDataSize))) {
     return rc;
   }
   return command.UnloadSized(outDataSize, outData);

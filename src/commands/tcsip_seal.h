@@ -26,12 +26,11 @@ namespace kesttcs {
                                              UINT32* SealedDataSize, BYTE** SealedData);
 
 // TPM_Sealx (0x3D): as Tcsip_Seal, the PCR info a TPM_PCR_INFO_LONG.
-[[nodiscard]] TSS_RESULT Tcsip_Sealx_Internal(TCS_CONTEXT_HANDLE hContext,
-                                              TCS_KEY_HANDLE keyHandle, const TPM_ENCAUTH& encAuth,
-                                              UINT32 pcrInfoSize, const BYTE* PcrInfo,
-                                              UINT32 inDataSize, const BYTE* inData,
-                                              TPM_AUTH* pubAuth, UINT32* SealedDataSize,
-                                              BYTE** SealedData);
+[[nodiscard]] TSS_RESULT Tcsip_Sealx_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE keyHandle,
+                                              const TPM_ENCAUTH& encAuth, UINT32 pcrInfoSize,
+                                              const BYTE* PcrInfo, UINT32 inDataSize,
+                                              const BYTE* inData, TPM_AUTH* pubAuth,
+                                              UINT32* SealedDataSize, BYTE** SealedData);
 
 // TPM_Unseal (0x18) of SealedData (exactly one TPM_STORED_DATA, else TCS_E_BAD_PARAMETER) under
 // parentHandle. Zero, one or two sessions: the parent key's (null for a key that needs none),

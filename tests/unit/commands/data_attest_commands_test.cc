@@ -76,7 +76,9 @@ class DataAttestCommandsTest : public ::testing::Test {
   size_t SentCount() const { return core_.SentAfterStart().size(); }
   Bytes Take(BYTE* block, UINT32 size) {
     Bytes out(block, block + size);
-    if (block != nullptr) EXPECT_EQ(ctx_ReleaseMemory(ctx_, block), TSS_SUCCESS);
+    if (block != nullptr) {
+      EXPECT_EQ(ctx_ReleaseMemory(ctx_, block), TSS_SUCCESS);
+    }
     return out;
   }
 
@@ -100,13 +102,13 @@ TEST_F(DataAttestCommandsTest, EachOperationSendsItsOrdinalAndNoTrailerWithoutAS
   const std::vector<Case> cases = {
       {TPM_ORD_Seal,
        [&] {
-         return Tcsip_Seal_Internal(ctx_, srk, TPM_ENCAUTH{}, 0, nullptr, 3,
-                                    Bytes{1, 2, 3}.data(), nullptr, &a, &pa);
+         return Tcsip_Seal_Internal(ctx_, srk, TPM_ENCAUTH{}, 0, nullptr, 3, Bytes{1, 2, 3}.data(),
+                                    nullptr, &a, &pa);
        }},
       {TPM_ORD_Sealx,
        [&] {
-         return Tcsip_Sealx_Internal(ctx_, srk, TPM_ENCAUTH{}, 0, nullptr, 3,
-                                     Bytes{1, 2, 3}.data(), nullptr, &a, &pa);
+         return Tcsip_Sealx_Internal(ctx_, srk, TPM_ENCAUTH{}, 0, nullptr, 3, Bytes{1, 2, 3}.data(),
+                                     nullptr, &a, &pa);
        }},
       {TPM_ORD_Unseal,
        [&] {
@@ -114,9 +116,13 @@ TEST_F(DataAttestCommandsTest, EachOperationSendsItsOrdinalAndNoTrailerWithoutAS
                                       nullptr, &a, &pa);
        }},
       {TPM_ORD_UnBind,
-       [&] { return Tcsip_Unbind_Internal(ctx_, srk, 2, Bytes{1, 2}.data(), nullptr, &a, &pa); }},
+       [&] {
+         return Tcsip_Unbind_Internal(ctx_, srk, 2, Bytes{1, 2}.data(), nullptr, &a, &pa);
+       }},
       {TPM_ORD_Sign,
-       [&] { return Tcsip_Sign_Internal(ctx_, srk, 2, Bytes{1, 2}.data(), nullptr, &a, &pa); }},
+       [&] {
+         return Tcsip_Sign_Internal(ctx_, srk, 2, Bytes{1, 2}.data(), nullptr, &a, &pa);
+       }},
       {TPM_ORD_Quote,
        [&] {
          return Tcsip_Quote_Internal(ctx_, srk, nonce, UINT32(selection.size()), selection.data(),
@@ -124,8 +130,8 @@ TEST_F(DataAttestCommandsTest, EachOperationSendsItsOrdinalAndNoTrailerWithoutAS
        }},
       {TPM_ORD_Quote2,
        [&] {
-         return Tcsip_Quote2_Internal(ctx_, srk, nonce, UINT32(selection.size()),
-                                      selection.data(), 0, nullptr, &a, &pa, &b, &pb, &c, &pc);
+         return Tcsip_Quote2_Internal(ctx_, srk, nonce, UINT32(selection.size()), selection.data(),
+                                      0, nullptr, &a, &pa, &b, &pb, &c, &pc);
        }},
       {TPM_ORD_CertifyKey,
        [&] {
@@ -134,8 +140,8 @@ TEST_F(DataAttestCommandsTest, EachOperationSendsItsOrdinalAndNoTrailerWithoutAS
        }},
       {TPM_ORD_CertifyKey,
        [&] {
-         return Tcsip_CertifyKey2_Internal(ctx_, srk, srk, digest, nonce, nullptr, nullptr, &a,
-                                           &pa, &b, &pb);
+         return Tcsip_CertifyKey2_Internal(ctx_, srk, srk, digest, nonce, nullptr, nullptr, &a, &pa,
+                                           &b, &pb);
        }},
       {TPM_ORD_GetCapabilitySigned,
        [&] {
@@ -229,9 +235,9 @@ TEST_F(DataAttestCommandsTest, InputsThatDoNotFitOrAreNoStructureAreRefusedBefor
   // TPM_PCR_SELECTION.
   EXPECT_EQ(Tcsip_Sign_Internal(ctx_, kSrkKeyHandle, 20, nullptr, nullptr, &sigSize, &sig),
             TCS_E_BAD_PARAMETER);
-  EXPECT_EQ(Tcsip_UnSeal_Internal(ctx_, kSrkKeyHandle, 13, big.data(), nullptr, nullptr, &size,
-                                  &out),
-            TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(
+      Tcsip_UnSeal_Internal(ctx_, kSrkKeyHandle, 13, big.data(), nullptr, nullptr, &size, &out),
+      TCS_E_BAD_PARAMETER);
   const Bytes selection = {0, 3, 1, 0};
   EXPECT_EQ(Tcsip_Quote_Internal(ctx_, kSrkKeyHandle, TPM_NONCE{}, UINT32(selection.size()),
                                  selection.data(), nullptr, &size, &out, &sigSize, &sig),
@@ -257,19 +263,19 @@ TEST_F(DataAttestCommandsTest, OutputsComeBackInTheOperationsOrder) {
   const Bytes infoShort = Cat({selection, Bytes{1}, Bytes(20, 0x33)});
   const Bytes answer = Cat({infoShort, U32(2), Bytes{1, 2}, U32(1), Bytes{0x5A}});
   Answer(TPM_ORD_Quote2, answer);
-  ASSERT_EQ(Tcsip_Quote2_Internal(ctx_, kSrkKeyHandle, nonce, UINT32(selection.size()),
-                                  selection.data(), 0, nullptr, &infoSize, &info, &versionSize,
-                                  &version, &sigSize, &sig),
-            TSS_SUCCESS);
+  ASSERT_EQ(
+      Tcsip_Quote2_Internal(ctx_, kSrkKeyHandle, nonce, UINT32(selection.size()), selection.data(),
+                            0, nullptr, &infoSize, &info, &versionSize, &version, &sigSize, &sig),
+      TSS_SUCCESS);
   EXPECT_EQ(Take(info, infoSize), infoShort);
   EXPECT_EQ(versionSize, 0u);
   EXPECT_EQ(version, nullptr);
   EXPECT_EQ(Take(sig, sigSize), Bytes{0x5A});
   Answer(TPM_ORD_Quote2, answer);
-  ASSERT_EQ(Tcsip_Quote2_Internal(ctx_, kSrkKeyHandle, nonce, UINT32(selection.size()),
-                                  selection.data(), 1, nullptr, &infoSize, &info, &versionSize,
-                                  &version, &sigSize, &sig),
-            TSS_SUCCESS);
+  ASSERT_EQ(
+      Tcsip_Quote2_Internal(ctx_, kSrkKeyHandle, nonce, UINT32(selection.size()), selection.data(),
+                            1, nullptr, &infoSize, &info, &versionSize, &version, &sigSize, &sig),
+      TSS_SUCCESS);
   EXPECT_EQ(Take(info, infoSize), infoShort);
   EXPECT_EQ(Take(version, versionSize), (Bytes{1, 2}));
   EXPECT_EQ(Take(sig, sigSize), Bytes{0x5A});
