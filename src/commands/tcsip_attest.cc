@@ -48,6 +48,16 @@ TSS_RESULT PrepareTwoKeys(TpmCommand& command, TPM_AUTH* firstAuth, TPM_AUTH* se
   return *firstSlot == kNoKeySlot || *secondSlot == kNoKeySlot ? TCS_E_FAIL : TSS_SUCCESS;
 }
 
+// PrepareKeyed for a quote, whose PCR selection must be exactly one TPM_PCR_SELECTION.
+TSS_RESULT PrepareQuote(TpmCommand& command, std::span<const BYTE> selection, TPM_AUTH* auth,
+                        TCS_KEY_HANDLE key, TPM_KEY_HANDLE* slot) {
+  if (TSS_RESULT rc = PrepareKeyed(command, kQuoteFixedBytes, UINT32(selection.size()),
+                                   selection.data(), auth, key, slot)) {
+    return rc;
+  }
+  return IsOneStructure<TPM_PCR_SELECTION>(selection) ? TSS_SUCCESS : TCS_E_BAD_PARAMETER;
+}
+
 // The answer of TPM_CertifyKey: the certify info, then the signature.
 TSS_RESULT HandOutCertifyInfo(TCS_CONTEXT_HANDLE hContext, TpmCommand& command, UINT32* infoSize,
                               BYTE** info, UINT32* sigSize, BYTE** sig) {
@@ -85,12 +95,8 @@ TSS_RESULT Tcsip_Quote_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE keyH
   }
   TpmCommand command(hContext, TPM_ORD_Quote);
   TPM_KEY_HANDLE slot = kNoKeySlot;
-  if (TSS_RESULT rc = PrepareKeyed(command, kQuoteFixedBytes, pcrTargetSize, pcrTarget, privAuth,
-                                   keyHandle, &slot)) {
-    return rc;
-  }
   const std::span<const BYTE> selection(pcrTarget, pcrTargetSize);
-  if (!IsOneStructure<TPM_PCR_SELECTION>(selection)) return TCS_E_BAD_PARAMETER;
+  if (TSS_RESULT rc = PrepareQuote(command, selection, privAuth, keyHandle, &slot)) return rc;
   if (TSS_RESULT rc = command.RunAuthorised(slot, antiReplay, selection)) return rc;
   std::span<const BYTE> composite, signature;
   if (TSS_RESULT rc = command.TakeStructure<TPM_PCR_COMPOSITE>(&composite)) return rc;
@@ -109,12 +115,8 @@ TSS_RESULT Tcsip_Quote2_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE key
   }
   TpmCommand command(hContext, TPM_ORD_Quote2);
   TPM_KEY_HANDLE slot = kNoKeySlot;
-  if (TSS_RESULT rc = PrepareKeyed(command, kQuoteFixedBytes, pcrTargetSize, pcrTarget, privAuth,
-                                   keyHandle, &slot)) {
-    return rc;
-  }
   const std::span<const BYTE> selection(pcrTarget, pcrTargetSize);
-  if (!IsOneStructure<TPM_PCR_SELECTION>(selection)) return TCS_E_BAD_PARAMETER;
+  if (TSS_RESULT rc = PrepareQuote(command, selection, privAuth, keyHandle, &slot)) return rc;
   if (TSS_RESULT rc = command.RunAuthorised(slot, antiReplay, selection, BYTE{addVersion})) {
     return rc;
   }

@@ -25,6 +25,7 @@ using Bytes = std::vector<BYTE>;
 
 // The PCRs a TPM 1.2 has, and so the three bytes of a TPM_PCR_SELECTION.
 constexpr UINT32 kPcrCount = 24;
+constexpr TCS_KEY_HANDLE kSrkHandle = 0x40000000;
 constexpr BYTE kSelectBytes = kPcrCount / 8;
 constexpr size_t kAuthDataUsageOffset = 10;  // in a TPM_KEY or TPM_KEY12
 constexpr size_t kSigSchemeOffset = 6;       // in a TPM_PUBKEY
@@ -199,18 +200,21 @@ std::optional<Failure> DataCommands::Run(TcsConnection& tcs, Output& out) const 
 }
 
 std::optional<Failure> DataCommands::LoadKey(TcsConnection& tcs, Key* key) const {
+  // The service keeps the SRK resident under its handle; it always needs its secret.
+  key->needsAuth = true;
+  if (SameUuid(uuid_, kSrkUuid)) {
+    key->handle = kSrkHandle;
+    return std::nullopt;
+  }
   if (TSS_RESULT r = Tcsip_LoadKeyByUUID(tcs.context(), uuid_, nullptr, &key->handle)) {
     return Refused("Tcsip_LoadKeyByUUID", r);
   }
-  // The SRK always needs its secret; another key as its blob says.
-  key->needsAuth = true;
-  if (!SameUuid(uuid_, kSrkUuid)) {
-    Bytes blob;
-    if (TSS_RESULT r = tcs.RegisteredKeyBlob(uuid_, &blob)) {
-      return Refused("Tcsi_GetRegisteredKeyBlob", r);
-    }
-    key->needsAuth = blob.size() <= kAuthDataUsageOffset || blob[kAuthDataUsageOffset] != 0;
+  // Another key needs a session unless its blob says it never does.
+  Bytes blob;
+  if (TSS_RESULT r = tcs.RegisteredKeyBlob(uuid_, &blob)) {
+    return Refused("Tcsi_GetRegisteredKeyBlob", r);
   }
+  key->needsAuth = blob.size() <= kAuthDataUsageOffset || blob[kAuthDataUsageOffset] != 0;
   return std::nullopt;
 }
 
