@@ -1,12 +1,13 @@
 // The data-protection and signing operations against the scripted TPM, where exact bytes matter:
-// each sends its own ordinal (CertifyKey2 the ordinal of CertifyKey, with CertifyKey2's parameter
-// order), its key slots where the TPM reads them, no trailer without a session; inputs that would
-// not fit or are no structure are refused before anything is sent; outputs come back in the
-// operation's order; a key that cannot be loaded for Unbind is logged.
+// each sends the ordinal the operation table gives it (CertifyKey2 the ordinal of CertifyKey, with
+// CertifyKey2's parameter order), its key slots where the TPM reads them, no trailer without a
+// session; inputs that would not fit or are no structure are refused before anything is sent;
+// outputs come back in the operation's order; a key that cannot be loaded for Unbind is logged.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <kesttcs/tcs_results.h>
@@ -17,6 +18,7 @@
 #include "contexts/contexts.h"
 #include "core_fixture.h"
 #include "keys/key_loading.h"
+#include "rpc/operations.h"
 #include "service/startup.h"
 #include "storage/persistent_storage.h"
 #include "storage/test_keys.h"
@@ -32,6 +34,15 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 constexpr TPM_KEY_HANDLE kLoadedSlot = 0x01000001;
+
+// The opnum of a member named at run time.
+uint16_t OpnumOf(std::string_view name) {
+  for (const rpc::Operation& op : rpc::kOperations) {
+    if (op.name == name) return op.opnum;
+  }
+  ADD_FAILURE() << name;
+  return 0;
+}
 
 Bytes U32(UINT32 v) { return {BYTE(v >> 24), BYTE(v >> 16), BYTE(v >> 8), BYTE(v)}; }
 UINT32 U32At(const Bytes& b, size_t offset) {
@@ -86,7 +97,7 @@ class DataAttestCommandsTest : public ::testing::Test {
   TCS_CONTEXT_HANDLE ctx_ = 0;
 };
 
-TEST_F(DataAttestCommandsTest, EachOperationSendsItsOrdinalAndNoTrailerWithoutASession) {
+TEST_F(DataAttestCommandsTest, EachOperationSendsTheOrdinalOfTheTableAndNoTrailerWithoutASession) {
   const TPM_NONCE nonce{};
   const TPM_DIGEST digest{};
   const Bytes selection = {0, 3, 1, 0, 0};
@@ -95,73 +106,76 @@ TEST_F(DataAttestCommandsTest, EachOperationSendsItsOrdinalAndNoTrailerWithoutAS
   BYTE *pa = nullptr, *pb = nullptr, *pc = nullptr;
   TPM_VERSION version{};
   struct Case {
-    UINT32 ordinal;
+    std::string_view name;
     std::function<TSS_RESULT()> call;
   };
   const TCS_KEY_HANDLE srk = kSrkKeyHandle;
   const std::vector<Case> cases = {
-      {TPM_ORD_Seal,
+      {"Tcsip_Seal",
        [&] {
          return Tcsip_Seal_Internal(ctx_, srk, TPM_ENCAUTH{}, 0, nullptr, 3, Bytes{1, 2, 3}.data(),
                                     nullptr, &a, &pa);
        }},
-      {TPM_ORD_Sealx,
+      {"Tcsip_Sealx",
        [&] {
          return Tcsip_Sealx_Internal(ctx_, srk, TPM_ENCAUTH{}, 0, nullptr, 3, Bytes{1, 2, 3}.data(),
                                      nullptr, &a, &pa);
        }},
-      {TPM_ORD_Unseal,
+      {"Tcsip_UnSeal",
        [&] {
          return Tcsip_UnSeal_Internal(ctx_, srk, UINT32(stored.size()), stored.data(), nullptr,
                                       nullptr, &a, &pa);
        }},
-      {TPM_ORD_UnBind,
+      {"Tcsip_Unbind",
        [&] {
          return Tcsip_Unbind_Internal(ctx_, srk, 2, Bytes{1, 2}.data(), nullptr, &a, &pa);
        }},
-      {TPM_ORD_Sign,
+      {"Tcsip_Sign",
        [&] {
          return Tcsip_Sign_Internal(ctx_, srk, 2, Bytes{1, 2}.data(), nullptr, &a, &pa);
        }},
-      {TPM_ORD_Quote,
+      {"Tcsip_Quote",
        [&] {
          return Tcsip_Quote_Internal(ctx_, srk, nonce, UINT32(selection.size()), selection.data(),
                                      nullptr, &a, &pa, &b, &pb);
        }},
-      {TPM_ORD_Quote2,
+      {"Tcsip_Quote2",
        [&] {
          return Tcsip_Quote2_Internal(ctx_, srk, nonce, UINT32(selection.size()), selection.data(),
                                       0, nullptr, &a, &pa, &b, &pb, &c, &pc);
        }},
-      {TPM_ORD_CertifyKey,
+      {"Tcsip_CertifyKey",
        [&] {
          return Tcsip_CertifyKey_Internal(ctx_, srk, srk, nonce, nullptr, nullptr, &a, &pa, &b,
                                           &pb);
        }},
-      {TPM_ORD_CertifyKey,
+      {"Tcsip_CertifyKey2",
        [&] {
          return Tcsip_CertifyKey2_Internal(ctx_, srk, srk, digest, nonce, nullptr, nullptr, &a, &pa,
                                            &b, &pb);
        }},
-      {TPM_ORD_GetCapabilitySigned,
+      {"Tcsip_GetCapabilitySigned",
        [&] {
          return Tcsip_GetCapabilitySigned_Internal(ctx_, srk, nonce, 5, 0, nullptr, nullptr,
                                                    &version, &a, &pa, &b, &pb);
        }},
-      {TPM_ORD_CertifySelfTest,
+      {"Tcsip_CertifySelfTest",
        [&] { return Tcsip_CertifySelfTest_Internal(ctx_, srk, nonce, nullptr, &a, &pa); }},
-      {TPM_ORD_TickStampBlob,
+      {"Tcsip_TickStampBlob",
        [&] {
          return Tcsip_TickStampBlob_Internal(ctx_, srk, nonce, digest, nullptr, &a, &pa, &b, &pb);
        }},
   };
   for (const Case& c : cases) {
-    Answer(c.ordinal);
-    EXPECT_EQ(c.call(), TSS_SUCCESS) << c.ordinal;
+    // The ordinal of the operation table (CertifyKey2's is CertifyKey's, by design).
+    const UINT32 ordinal = rpc::kOperations[OpnumOf(c.name)].tpm_ordinal.value;
+    Answer(ordinal);
+    EXPECT_EQ(c.call(), TSS_SUCCESS) << c.name;
     const Bytes sent = LastSent();
-    EXPECT_EQ(U16At(sent, 0), TPM_TAG_RQU_COMMAND) << c.ordinal;
-    EXPECT_EQ(U32At(sent, 2), sent.size()) << c.ordinal;
-    EXPECT_EQ(U32At(sent, 10), kSrkKeyHandle) << c.ordinal;
+    EXPECT_EQ(U32At(sent, 6), ordinal) << c.name;
+    EXPECT_EQ(U16At(sent, 0), TPM_TAG_RQU_COMMAND) << c.name;
+    EXPECT_EQ(U32At(sent, 2), sent.size()) << c.name;
+    EXPECT_EQ(U32At(sent, 10), kSrkKeyHandle) << c.name;
   }
   EXPECT_EQ(SentCount(), cases.size());
   // Seal without a session: keyHandle, encAuth, the two sized parts and nothing after them.
