@@ -39,16 +39,12 @@ using ::testing::Not;
 using Bytes = std::vector<BYTE>;
 using rsa_check::Sha1;
 using rsa_check::VerifiesWith;
+using wrapped_keys::Put16;
 using wrapped_keys::Put32;
+using wrapped_keys::PutAll;
 
 constexpr UINT16 kTagAuditEventIn = 0x0012;
 constexpr UINT16 kTagAuditEventOut = 0x0013;
-
-void Put16(Bytes& out, UINT16 v) {
-  out.push_back(BYTE(v >> 8));
-  out.push_back(BYTE(v));
-}
-void PutAll(Bytes& out, const Bytes& more) { out.insert(out.end(), more.begin(), more.end()); }
 
 struct AuditDigest {
   Bytes digest;

@@ -4,7 +4,7 @@
 // authorisation helper; every signature is checked with OpenSSL alone (SHA-1 of the structure the
 // TPM signed, RSA verification against the modulus that Tcsip_GetPubKey gives). The members that a
 // TPM 1.2 no longer has get the TPM's own answer back. RSA key making is slow, so one daemon and
-// one set of keys serve the whole file.
+// one set of keys, each made when a test first uses it, serve the whole file.
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 
@@ -36,8 +36,11 @@ using Bytes = std::vector<BYTE>;
 using rsa_check::Sha1;
 using rsa_check::VerifiesWith;
 using wrapped_keys::Get32;
+using wrapped_keys::KeyInfo;
 using wrapped_keys::kSrk;
+using wrapped_keys::Put16;
 using wrapped_keys::Put32;
+using wrapped_keys::PutAll;
 using wrapped_keys::WellKnown;
 
 constexpr UINT16 kBindUsage = 0x0014;
@@ -47,11 +50,6 @@ constexpr UINT16 kSchemePkcs1Sha1 = 2;
 // A PCR that only these tests extend (the debug PCR, resettable, no event log of its own).
 constexpr UINT32 kPcr = 16;
 
-void Put16(Bytes& out, UINT16 v) {
-  out.push_back(BYTE(v >> 8));
-  out.push_back(BYTE(v));
-}
-void PutAll(Bytes& out, const Bytes& more) { out.insert(out.end(), more.begin(), more.end()); }
 Bytes Of(const BYTE* p, size_t n) { return Bytes(p, p + n); }
 // Copies a library output block and frees it.
 Bytes Own(BYTE* block, UINT32 size) {
@@ -139,20 +137,6 @@ class DataAttestTest : public ::testing::Test {
         0)
         << daemon_process::ReadFile(cliLog);
     ASSERT_EQ(Tcsi_OpenContext(&h_), TSS_SUCCESS);
-    using wrapped_keys::KeyInfo;
-    auto make = [](UINT16 usage, UINT32 bits, UINT16 enc, UINT16 sig, BYTE authUsage) {
-      return wrapped_keys::Load(
-          h_, kSrk, wrapped_keys::CreateKey(h_, kSrk, KeyInfo(usage, bits, enc, sig, authUsage)));
-    };
-    signerBlob_ = wrapped_keys::CreateKey(h_, kSrk,
-                                          KeyInfo(wrapped_keys::kSigningUsage, 512, kSchemeNone,
-                                                  kSchemePkcs1Sha1, wrapped_keys::kAuthNever));
-    signer_ = wrapped_keys::Load(h_, kSrk, signerBlob_);
-    authSigner_ = make(wrapped_keys::kSigningUsage, 512, kSchemeNone, kSchemePkcs1Sha1,
-                       wrapped_keys::kAuthAlways);
-    binder_ = make(kBindUsage, 512, kSchemeOaep, kSchemeNone, wrapped_keys::kAuthNever);
-    storage_ =
-        make(wrapped_keys::kStorageUsage, 2048, kSchemeOaep, kSchemeNone, wrapped_keys::kAuthNever);
   }
   static void TearDownTestSuite() {
     Tcsi_CloseContext(h_);
@@ -217,6 +201,35 @@ class DataAttestTest : public ::testing::Test {
   static TempDir* dir_;
   static KesttcsdProcess* daemon_;
   static TCS_CONTEXT_HANDLE h_;
+  // The keys, each made on first use: RSA key making is slow, so a test makes only those it uses.
+  static TCS_KEY_HANDLE Signer() {
+    return Made(&signer_, &signerBlob_,
+                KeyInfo(wrapped_keys::kSigningUsage, 512, kSchemeNone, kSchemePkcs1Sha1,
+                        wrapped_keys::kAuthNever));
+  }
+  static TCS_KEY_HANDLE AuthSigner() {
+    return Made(&authSigner_, nullptr,
+                KeyInfo(wrapped_keys::kSigningUsage, 512, kSchemeNone, kSchemePkcs1Sha1,
+                        wrapped_keys::kAuthAlways));
+  }
+  static TCS_KEY_HANDLE Binder() {
+    return Made(&binder_, nullptr,
+                KeyInfo(kBindUsage, 512, kSchemeOaep, kSchemeNone, wrapped_keys::kAuthNever));
+  }
+  static TCS_KEY_HANDLE Storage() {
+    return Made(&storage_, nullptr,
+                KeyInfo(wrapped_keys::kStorageUsage, 2048, kSchemeOaep, kSchemeNone,
+                        wrapped_keys::kAuthNever));
+  }
+  static TCS_KEY_HANDLE Made(TCS_KEY_HANDLE* key, Bytes* blob, const Bytes& keyInfo) {
+    if (*key == 0) {
+      const Bytes made = wrapped_keys::CreateKey(h_, kSrk, keyInfo);
+      *key = wrapped_keys::Load(h_, kSrk, made);
+      if (blob != nullptr) *blob = made;
+    }
+    return *key;
+  }
+
   static TCS_KEY_HANDLE signer_, authSigner_, binder_, storage_;
   static Bytes signerBlob_;
 };
@@ -238,14 +251,14 @@ TEST_F(DataAttestTest, SealedDataUnsealsWithTheKeysAndTheDatasSessionsOrTheDatas
   ASSERT_EQ(Unseal(kSrk, sealed, 2, &data), TSS_SUCCESS);
   EXPECT_EQ(data, secret);
   // Under a storage key that needs none: the data's session alone.
-  ASSERT_EQ(Seal(TPM_ORD_Seal, storage_, {}, secret, &sealed), TSS_SUCCESS);
-  ASSERT_EQ(Unseal(storage_, sealed, 1, &data), TSS_SUCCESS);
+  ASSERT_EQ(Seal(TPM_ORD_Seal, Storage(), {}, secret, &sealed), TSS_SUCCESS);
+  ASSERT_EQ(Unseal(Storage(), sealed, 1, &data), TSS_SUCCESS);
   EXPECT_EQ(data, secret);
   // Without the data's record the call is refused before it is sent: the interface always
   // carries it (a call without one inside the service goes out untagged, see the unit tests).
-  EXPECT_EQ(Unseal(storage_, sealed, 0, &data), TCS_E_BAD_PARAMETER);
+  EXPECT_EQ(Unseal(Storage(), sealed, 0, &data), TCS_E_BAD_PARAMETER);
   // Sealx gives the TPM_STORED_DATA12 form (its tag 0x0016 first).
-  ASSERT_EQ(Seal(TPM_ORD_Sealx, storage_, {}, secret, &sealed), TSS_SUCCESS);
+  ASSERT_EQ(Seal(TPM_ORD_Sealx, Storage(), {}, secret, &sealed), TSS_SUCCESS);
   ASSERT_GE(sealed.size(), 2u);
   EXPECT_EQ(sealed[0], 0x00);
   EXPECT_EQ(sealed[1], 0x16);
@@ -277,7 +290,7 @@ TEST_F(DataAttestTest, DataBoundToABindKeyUnbinds) {
   const Bytes secret = {'b', 'o', 'u', 'n', 'd'};
   Bytes bound = {1, 1, 0, 0, 2};
   PutAll(bound, secret);
-  const auto key = rsa_check::PublicKey(Modulus(h_, binder_));
+  const auto key = rsa_check::PublicKey(Modulus(h_, Binder()));
   ASSERT_TRUE(key);
   std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(
       EVP_PKEY_CTX_new(key.get(), nullptr), EVP_PKEY_CTX_free);
@@ -293,7 +306,7 @@ TEST_F(DataAttestTest, DataBoundToABindKeyUnbinds) {
 
   UINT32 size = 0;
   BYTE* out = nullptr;
-  ASSERT_EQ(Tcsip_Unbind(h_, binder_, UINT32(enc.size()), enc.data(), nullptr, &size, &out),
+  ASSERT_EQ(Tcsip_Unbind(h_, Binder(), UINT32(enc.size()), enc.data(), nullptr, &size, &out),
             TSS_SUCCESS);
   EXPECT_EQ(Own(out, size), secret);
   // A handle that names no key is refused before anything reaches the TPM.
@@ -307,23 +320,23 @@ TEST_F(DataAttestTest, SignaturesOfSignAndTickStampVerifyWithTheKeysPublicPart) 
   UINT32 size = 0;
   BYTE* sig = nullptr;
   // A key without authorisation: no session.
-  ASSERT_EQ(Tcsip_Sign(h_, signer_, 20, const_cast<BYTE*>(digest.data()), nullptr, &size, &sig),
+  ASSERT_EQ(Tcsip_Sign(h_, Signer(), 20, const_cast<BYTE*>(digest.data()), nullptr, &size, &sig),
             TSS_SUCCESS);
-  EXPECT_TRUE(VerifiesWith(Modulus(h_, signer_), digest, Own(sig, size)));
+  EXPECT_TRUE(VerifiesWith(Modulus(h_, Signer()), digest, Own(sig, size)));
   // A key with authorisation: its OIAP session, the answer's HMAC checked.
   KESTTCS_AUTH_SESSION s = Oiap(h_);
   Bytes in;
   Put32(in, 20);
   PutAll(in, digest);
   TPM_AUTH auth = Authorize(s, TPM_ORD_Sign, in);
-  ASSERT_EQ(Tcsip_Sign(h_, authSigner_, 20, const_cast<BYTE*>(digest.data()), &auth, &size, &sig),
+  ASSERT_EQ(Tcsip_Sign(h_, AuthSigner(), 20, const_cast<BYTE*>(digest.data()), &auth, &size, &sig),
             TSS_SUCCESS);
   const Bytes signature = Own(sig, size);
   Bytes out;
   Put32(out, UINT32(signature.size()));
   PutAll(out, signature);
   ExpectVerified(s, TPM_ORD_Sign, out, auth);
-  EXPECT_TRUE(VerifiesWith(Modulus(h_, authSigner_, /*authorised=*/true), digest, signature));
+  EXPECT_TRUE(VerifiesWith(Modulus(h_, AuthSigner(), /*authorised=*/true), digest, signature));
 
   // TickStampBlob: the signature over TPM_SIGN_INFO ("TSTP", the nonce, the stamped digest and
   // the ticks), handed out before the ticks.
@@ -334,7 +347,7 @@ TEST_F(DataAttestTest, SignaturesOfSignAndTickStampVerifyWithTheKeysPublicPart) 
   UINT32 ticksSize = 0;
   BYTE* ticks = nullptr;
   ASSERT_EQ(
-      Tcsip_TickStampBlob(h_, signer_, nonce, stamped, nullptr, &size, &sig, &ticksSize, &ticks),
+      Tcsip_TickStampBlob(h_, Signer(), nonce, stamped, nullptr, &size, &sig, &ticksSize, &ticks),
       TSS_SUCCESS);
   const Bytes stampSig = Own(sig, size);
   const Bytes tickBytes = Own(ticks, ticksSize);
@@ -346,21 +359,21 @@ TEST_F(DataAttestTest, SignaturesOfSignAndTickStampVerifyWithTheKeysPublicPart) 
   Put32(signInfo, 20 + 32);
   PutAll(signInfo, digest);
   PutAll(signInfo, tickBytes);
-  EXPECT_TRUE(VerifiesWith(Modulus(h_, signer_), Sha1(signInfo), stampSig));
+  EXPECT_TRUE(VerifiesWith(Modulus(h_, Signer()), Sha1(signInfo), stampSig));
 }
 
 TEST_F(DataAttestTest, QuotesVerifyWithTheKeysPublicPart) {
   const Bytes selection = Selection({0, kPcr});
   TPM_NONCE nonce{};
   for (BYTE i = 0; i < 20; ++i) nonce.nonce[i] = i;
-  const Bytes modulus = Modulus(h_, signer_);
+  const Bytes modulus = Modulus(h_, Signer());
 
   // Quote: the signed TPM_QUOTE_INFO is version 1.1.0.0, "QUOT", the composite's digest, the nonce.
   UINT32 pcrSize = 0, sigSize = 0;
   BYTE *pcrData = nullptr, *sig = nullptr;
   ASSERT_EQ(
-      Tcsip_Quote(h_, signer_, nonce, UINT32(selection.size()), const_cast<BYTE*>(selection.data()),
-                  nullptr, &pcrSize, &pcrData, &sigSize, &sig),
+      Tcsip_Quote(h_, Signer(), nonce, UINT32(selection.size()),
+                  const_cast<BYTE*>(selection.data()), nullptr, &pcrSize, &pcrData, &sigSize, &sig),
       TSS_SUCCESS);
   const Bytes composite = Own(pcrData, pcrSize);
   EXPECT_EQ(composite, Composite(h_, selection, {0, kPcr}));
@@ -375,7 +388,7 @@ TEST_F(DataAttestTest, QuotesVerifyWithTheKeysPublicPart) {
   PutAll(in, selection);
   TPM_AUTH auth = Authorize(s, TPM_ORD_Quote, in);
   ASSERT_EQ(
-      Tcsip_Quote(h_, authSigner_, nonce, UINT32(selection.size()),
+      Tcsip_Quote(h_, AuthSigner(), nonce, UINT32(selection.size()),
                   const_cast<BYTE*>(selection.data()), &auth, &pcrSize, &pcrData, &sigSize, &sig),
       TSS_SUCCESS);
   const Bytes authComposite = Own(pcrData, pcrSize);
@@ -385,14 +398,14 @@ TEST_F(DataAttestTest, QuotesVerifyWithTheKeysPublicPart) {
   PutAll(out, authSig);
   ExpectVerified(s, TPM_ORD_Quote, out, auth);
   EXPECT_TRUE(
-      VerifiesWith(Modulus(h_, authSigner_, /*authorised=*/true), Sha1(quoteInfo), authSig));
+      VerifiesWith(Modulus(h_, AuthSigner(), /*authorised=*/true), Sha1(quoteInfo), authSig));
 
   // Quote2: TPM_QUOTE_INFO2 (tag 0x0036, "QUT2", the nonce, the TPM_PCR_INFO_SHORT), followed by
   // the version info when it was asked for; without it the version info is empty.
   for (TSS_BOOL addVersion : {TSS_BOOL{0}, TSS_BOOL{1}}) {
     UINT32 versionSize = 0;
     BYTE* version = nullptr;
-    ASSERT_EQ(Tcsip_Quote2(h_, signer_, nonce, UINT32(selection.size()),
+    ASSERT_EQ(Tcsip_Quote2(h_, Signer(), nonce, UINT32(selection.size()),
                            const_cast<BYTE*>(selection.data()), addVersion, nullptr, &pcrSize,
                            &pcrData, &versionSize, &version, &sigSize, &sig),
               TSS_SUCCESS);
@@ -415,17 +428,17 @@ TEST_F(DataAttestTest, CertifiedKeysVerifyAndRemovedOrdinalsGetTheTpmsAnswer) {
   UINT32 infoSize = 0, sigSize = 0;
   BYTE *info = nullptr, *sig = nullptr;
   // No session: the signer certifies the bind key.
-  ASSERT_EQ(Tcsip_CertifyKey(h_, signer_, binder_, nonce, nullptr, nullptr, &infoSize, &info,
+  ASSERT_EQ(Tcsip_CertifyKey(h_, Signer(), Binder(), nonce, nullptr, nullptr, &infoSize, &info,
                              &sigSize, &sig),
             TSS_SUCCESS);
   Bytes certifyInfo = Own(info, infoSize);
-  EXPECT_TRUE(VerifiesWith(Modulus(h_, signer_), Sha1(certifyInfo), Own(sig, sigSize)));
+  EXPECT_TRUE(VerifiesWith(Modulus(h_, Signer()), Sha1(certifyInfo), Own(sig, sigSize)));
   // Two sessions: the key that needs authorisation certifies itself, each role its own session.
   KESTTCS_AUTH_SESSION certSession = Oiap(h_), keySession = Oiap(h_);
   const Bytes in = Of(nonce.nonce, 20);
   TPM_AUTH certAuth = Authorize(certSession, TPM_ORD_CertifyKey, in);
   TPM_AUTH keyAuth = Authorize(keySession, TPM_ORD_CertifyKey, in);
-  ASSERT_EQ(Tcsip_CertifyKey(h_, authSigner_, authSigner_, nonce, &certAuth, &keyAuth, &infoSize,
+  ASSERT_EQ(Tcsip_CertifyKey(h_, AuthSigner(), AuthSigner(), nonce, &certAuth, &keyAuth, &infoSize,
                              &info, &sigSize, &sig),
             TSS_SUCCESS);
   certifyInfo = Own(info, infoSize);
@@ -436,12 +449,12 @@ TEST_F(DataAttestTest, CertifiedKeysVerifyAndRemovedOrdinalsGetTheTpmsAnswer) {
   ExpectVerified(certSession, TPM_ORD_CertifyKey, out, certAuth);
   ExpectVerified(keySession, TPM_ORD_CertifyKey, out, keyAuth);
   EXPECT_TRUE(
-      VerifiesWith(Modulus(h_, authSigner_, /*authorised=*/true), Sha1(certifyInfo), signature));
+      VerifiesWith(Modulus(h_, AuthSigner(), /*authorised=*/true), Sha1(certifyInfo), signature));
 
   // CertifyKey2 sends CertifyKey's ordinal with CertifyKey2's longer parameter list, by design:
   // the TPM's own refusal comes back unchanged.
-  const TSS_RESULT certify2 = Tcsip_CertifyKey2(h_, binder_, signer_, TPM_DIGEST{}, nonce, nullptr,
-                                                nullptr, &infoSize, &info, &sigSize, &sig);
+  const TSS_RESULT certify2 = Tcsip_CertifyKey2(h_, Binder(), Signer(), TPM_DIGEST{}, nonce,
+                                                nullptr, nullptr, &infoSize, &info, &sigSize, &sig);
   EXPECT_EQ(certify2, TpmResult(TPM_BAD_PARAM_SIZE));
 
   // Ordinals a TPM 1.2 no longer has.
@@ -449,11 +462,11 @@ TEST_F(DataAttestTest, CertifiedKeysVerifyAndRemovedOrdinalsGetTheTpmsAnswer) {
   UINT32 respSize = 0;
   BYTE* resp = nullptr;
   const Bytes subCap = {0, 0, 1, 1};
-  EXPECT_EQ(Tcsip_GetCapabilitySigned(h_, signer_, nonce, 5, UINT32(subCap.size()),
+  EXPECT_EQ(Tcsip_GetCapabilitySigned(h_, Signer(), nonce, 5, UINT32(subCap.size()),
                                       const_cast<BYTE*>(subCap.data()), nullptr, &version,
                                       &respSize, &resp, &sigSize, &sig),
             TpmResult(TPM_BAD_ORDINAL));
-  EXPECT_EQ(Tcsip_CertifySelfTest(h_, signer_, nonce, nullptr, &sigSize, &sig),
+  EXPECT_EQ(Tcsip_CertifySelfTest(h_, Signer(), nonce, nullptr, &sigSize, &sig),
             TpmResult(TPM_BAD_ORDINAL));
 }
 
@@ -497,6 +510,7 @@ TEST_F(DataAttestTest, TheCliSealsUnsealsSignsAndQuotesForOpenssl) {
   // Sign and quote with a registered key, by its UUID.
   const TSS_UUID uuid = {0x5A5A0001, 1, 2, 3, 4, {5, 6, 7, 8, 9, 10}};
   const std::string uuidText = "5a5a0001-0001-0002-0304-05060708090a";
+  const TCS_KEY_HANDLE signer = Signer();
   ASSERT_EQ(Tcsi_RegisterKey(h_, TSS_UUID{0, 0, 0, 0, 0, {0, 0, 0, 0, 0, 1}}, uuid,
                              UINT32(signerBlob_.size()), signerBlob_.data(), 0, nullptr),
             TSS_SUCCESS);
@@ -505,7 +519,7 @@ TEST_F(DataAttestTest, TheCliSealsUnsealsSignsAndQuotesForOpenssl) {
   ASSERT_EQ(status, 0) << text;
   const std::string sigText = daemon_process::ReadFile(sig);
   EXPECT_TRUE(
-      VerifiesWith(Modulus(h_, signer_), Sha1(secret), Bytes(sigText.begin(), sigText.end())));
+      VerifiesWith(Modulus(h_, signer), Sha1(secret), Bytes(sigText.begin(), sigText.end())));
 
   // The quote's files verify with the openssl command the documentation gives.
   const std::string prefix = (dir / "quote").string();
