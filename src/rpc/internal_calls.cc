@@ -12,6 +12,7 @@
 #include <kesttcs/tcs_results.h>
 
 #include "commands/capability.h"
+#include "commands/tcsip_attest.h"
 #include "commands/tcsip_audit.h"
 #include "commands/tcsip_counters.h"
 #include "commands/tcsip_endorsement.h"
@@ -21,6 +22,7 @@
 #include "commands/tcsip_maintenance.h"
 #include "commands/tcsip_nv.h"
 #include "commands/tcsip_owner.h"
+#include "commands/tcsip_seal.h"
 #include "commands/tcsip_sessions.h"
 #include "commands/tcsip_vendor_features.h"
 #include "commands/vendor_commands.h"
@@ -302,6 +304,19 @@ constexpr Binding kBindings[] = {
     Bind<&Tcsip_IncrementCounter_Internal>(),
     Bind<&Tcsip_ReleaseCounter_Internal>(),
     Bind<&Tcsip_ReleaseCounterOwner_Internal>(),
+    // Data protection, signing and attestation.
+    Bind<&Tcsip_Seal_Internal>(),
+    Bind<&Tcsip_Sealx_Internal>(),
+    Bind<&Tcsip_UnSeal_Internal>(),
+    Bind<&Tcsip_Unbind_Internal>(),
+    Bind<&Tcsip_Sign_Internal>(),
+    Bind<&Tcsip_Quote_Internal>(),
+    Bind<&Tcsip_Quote2_Internal>(),
+    Bind<&Tcsip_CertifyKey_Internal>(),
+    Bind<&Tcsip_CertifyKey2_Internal>(),
+    Bind<&Tcsip_GetCapabilitySigned_Internal>(),
+    Bind<&Tcsip_CertifySelfTest_Internal>(),
+    Bind<&Tcsip_TickStampBlob_Internal>(),
 };
 
 constexpr std::array<InternalCall, rpc::kOperationCount> MakeTable() {

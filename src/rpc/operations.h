@@ -1285,7 +1285,8 @@ inline constexpr std::array<Operation, kOperationCount> kOperations = {{
      "Sends its sibling's ordinal, CertifyKey, not CertifyKey2's: the service's defined behaviour, "
      "kept on purpose. Follows the TPM command's order: the certified key comes before the "
      "certifying key, and its session is the first. MSAdigest is all zero for a key that is not a "
-     "certifiable migration key."},
+     "certifiable migration key. A TPM reads the longer list as CertifyKey's and refuses it; its "
+     "answer is passed back (libtpms: TPM_BAD_PARAM_SIZE without sessions)."},
     {55, "Tcsip_Sign", kTracedLocked, Sends<&TPM_ORD_Sign>(), detail::kTcsip_Sign},
     {56, "Tcsip_GetRandom", kTraced, Sends<&TPM_ORD_GetRandom>(), detail::kTcsip_GetRandom,
      "bytesRequested carries the number wanted in and the number delivered out."},
@@ -1294,7 +1295,7 @@ inline constexpr std::array<Operation, kOperationCount> kOperations = {{
      detail::kTcsip_GetCapability},
     {59, "Tcsip_GetCapabilitySigned", kTracedLocked, Sends<&TPM_ORD_GetCapabilitySigned>(),
      detail::kTcsip_GetCapabilitySigned,
-     "Ordinal removed from TPM 1.2; the TPM's answer is passed back."},
+     "Ordinal removed from TPM 1.2; the TPM's answer is passed back (libtpms: TPM_BAD_ORDINAL)."},
     {60, "Tcsip_GetCapabilityOwner", kTraced, Sends<&TPM_ORD_GetCapabilityOwner>(),
      detail::kTcsip_GetCapabilityOwner},
     {61, "Tcsip_CreateEndorsementKeyPair", kTraced, Sends<&TPM_ORD_CreateEndorsementKeyPair>(),
@@ -1308,7 +1309,7 @@ inline constexpr std::array<Operation, kOperationCount> kOperations = {{
      detail::kTcsip_SelfTestFull},
     {66, "Tcsip_CertifySelfTest", kTracedLocked, Sends<&TPM_ORD_CertifySelfTest>(),
      detail::kTcsip_CertifySelfTest,
-     "Ordinal removed from TPM 1.2; the TPM's answer is passed back."},
+     "Ordinal removed from TPM 1.2; the TPM's answer is passed back (libtpms: TPM_BAD_ORDINAL)."},
     {67, "Tcsip_ContinueSelfTest", kTraced, Sends<&TPM_ORD_ContinueSelfTest>(),
      detail::kTcsip_ContinueSelfTest},
     {68, "Tcsip_GetTestResult", kTraced, Sends<&TPM_ORD_GetTestResult>(),

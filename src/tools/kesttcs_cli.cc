@@ -1,7 +1,8 @@
 // kesttcs-cli: status and facts of the TPM behind KestTCS, capabilities, random bytes, PCR read and
 // extend, the PCR event log, registered keys, ownership, the TPM's ordinal audit, the service's
-// sessions, NV storage and monotonic counters, over the client library. Human output by default,
-// one JSON object with --json. Exit status in tools/cli_output.h.
+// sessions, NV storage and monotonic counters, sealing, signing and quotes, over the client
+// library. Human output by default, one JSON object with --json. Exit status in
+// tools/cli_output.h.
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -20,6 +21,7 @@
 #include "tools/cli_format.h"
 #include "tools/cli_output.h"
 #include "tools/counter_command.h"
+#include "tools/data_commands.h"
 #include "tools/events_command.h"
 #include "tools/keys_commands.h"
 #include "tools/nv_command.h"
@@ -235,6 +237,7 @@ int Main(int argc, char** argv) {
   AuditCommand audit(app);
   NvCommand nv(app);
   CounterCommand counter(app);
+  DataCommands data(app);
 
   try {
     app.parse(argc, argv);
@@ -271,6 +274,7 @@ int Main(int argc, char** argv) {
   if (std::optional<int> status = audit.CheckArguments(out)) return *status;
   if (std::optional<int> status = nv.CheckArguments(out)) return *status;
   if (std::optional<int> status = counter.CheckArguments(out)) return *status;
+  if (std::optional<int> status = data.CheckArguments(out)) return *status;
 
   std::string reason;
   TSS_RESULT openResult = 0;
@@ -292,6 +296,7 @@ int Main(int argc, char** argv) {
   if (audit.parsed()) failure = audit.Run(*tcs, out);
   if (nv.parsed()) failure = nv.Run(*tcs, out);
   if (counter.parsed()) failure = counter.Run(*tcs, out);
+  if (data.parsed()) failure = data.Run(*tcs, out);
   if (failure) return out.TcsError(*failure);
   return out.Finish();
 }

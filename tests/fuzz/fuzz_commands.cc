@@ -3,14 +3,16 @@
 // operation, the session openers and the commands that carry sessions (their response trailers
 // and the session table's bookkeeping), the audit digest and its report, the vendor commands and
 // sequence, NV storage, counters, maintenance, the revocable endorsement key, field upgrade
-// and redirection, the metrics (every path the answers lead to), the vendor classifier and key
-// eviction parse whatever comes back without crashing or reading past the response.
+// and redirection, the data-protection and signing commands (with zero, one and two sessions),
+// the metrics (every path the answers lead to), the vendor classifier and key eviction parse
+// whatever comes back without crashing or reading past the response.
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
 #include "commands/capability.h"
+#include "commands/tcsip_attest.h"
 #include "commands/tcsip_audit.h"
 #include "commands/tcsip_counters.h"
 #include "commands/tcsip_endorsement.h"
@@ -19,6 +21,7 @@
 #include "commands/tcsip_maintenance.h"
 #include "commands/tcsip_nv.h"
 #include "commands/tcsip_owner.h"
+#include "commands/tcsip_seal.h"
 #include "commands/tcsip_sessions.h"
 #include "commands/tcsip_vendor_features.h"
 #include "commands/tpm_metrics.h"
@@ -26,7 +29,9 @@
 #include "contexts/contexts.h"
 #include "core_fixture.h"
 #include "keys/key_eviction.h"
+#include "keys/mem_cache.h"
 #include "storage/persistent_storage.h"
+#include "storage/ps_format.h"
 
 namespace kesttcs {
 namespace {
@@ -166,6 +171,49 @@ void RunSessionCommands(TCS_CONTEXT_HANDLE h) {
                                                    TPM_KEY_CONTROL_OWNER_EVICT, 1, &owner, &uuid));
 }
 
+// The data-protection and signing commands on the SRK, cached as resident so that no load comes
+// first: without sessions, then with one and two.
+void RunKeyedCommands(TCS_CONTEXT_HANDLE h) {
+  static_cast<void>(
+      add_mem_cache_entry(kSrkKeyHandle, kSrkKeyHandle, TPM_KEY{}, kSrkUuid, kNoTcsKeyHandle));
+  const TCS_KEY_HANDLE k = kSrkKeyHandle;
+  const std::array<BYTE, 12> stored{};  // an empty TPM_STORED_DATA
+  const std::array<BYTE, 5> selection = {0, 3, 1, 0, 0};
+  std::array<BYTE, 64> input{};
+  const TPM_NONCE nonce{};
+  const TPM_DIGEST digest{};
+  UINT32 a = 0, b = 0, c = 0;
+  BYTE *pa = nullptr, *pb = nullptr, *pc = nullptr;
+  TPM_VERSION version{};
+  TPM_AUTH first{};
+  TPM_AUTH second{};
+  for (int sessions = 0; sessions < 3; ++sessions) {
+    if (sessions > 0) first = OpenSession(h);
+    if (sessions > 1) second = OpenSession(h);
+    TPM_AUTH* one = sessions > 0 ? &first : nullptr;
+    TPM_AUTH* two = sessions > 1 ? &second : nullptr;
+    static_cast<void>(
+        Tcsip_Seal_Internal(h, k, TPM_ENCAUTH{}, 0, nullptr, 8, input.data(), one, &a, &pa));
+    static_cast<void>(
+        Tcsip_Sealx_Internal(h, k, TPM_ENCAUTH{}, 0, nullptr, 8, input.data(), one, &a, &pa));
+    static_cast<void>(
+        Tcsip_UnSeal_Internal(h, k, UINT32(stored.size()), stored.data(), one, two, &a, &pa));
+    static_cast<void>(Tcsip_Unbind_Internal(h, k, 8, input.data(), one, &a, &pa));
+    static_cast<void>(Tcsip_Sign_Internal(h, k, 20, input.data(), one, &a, &pa));
+    static_cast<void>(Tcsip_Quote_Internal(h, k, nonce, UINT32(selection.size()), selection.data(),
+                                           one, &a, &pa, &b, &pb));
+    static_cast<void>(Tcsip_Quote2_Internal(h, k, nonce, UINT32(selection.size()), selection.data(),
+                                            1, one, &a, &pa, &b, &pb, &c, &pc));
+    static_cast<void>(Tcsip_CertifyKey_Internal(h, k, k, nonce, one, two, &a, &pa, &b, &pb));
+    static_cast<void>(
+        Tcsip_CertifyKey2_Internal(h, k, k, digest, nonce, one, two, &a, &pa, &b, &pb));
+    static_cast<void>(Tcsip_GetCapabilitySigned_Internal(h, k, nonce, 5, 4, input.data(), one,
+                                                         &version, &a, &pa, &b, &pb));
+    static_cast<void>(Tcsip_CertifySelfTest_Internal(h, k, nonce, one, &a, &pa));
+    static_cast<void>(Tcsip_TickStampBlob_Internal(h, k, nonce, digest, one, &a, &pa, &b, &pb));
+  }
+}
+
 }  // namespace
 }  // namespace kesttcs
 
@@ -177,6 +225,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (Tcsi_OpenContext_Internal(&hContext) == TSS_SUCCESS) {
     RunEveryCommand(hContext);
     RunSessionCommands(hContext);
+    RunKeyedCommands(hContext);
   }
   return 0;
 }

@@ -30,6 +30,13 @@ inline void Put32(std::vector<BYTE>& out, UINT32 v) {
   KestAuth_PutUINT32(b, v);
   out.insert(out.end(), b, b + 4);
 }
+inline void Put16(std::vector<BYTE>& out, UINT16 v) {
+  out.push_back(BYTE(v >> 8));
+  out.push_back(BYTE(v));
+}
+inline void PutAll(std::vector<BYTE>& out, const std::vector<BYTE>& more) {
+  out.insert(out.end(), more.begin(), more.end());
+}
 inline UINT32 Get32(const std::vector<BYTE>& b, size_t at) {
   return UINT32(b[at]) << 24 | UINT32(b[at + 1]) << 16 | UINT32(b[at + 2]) << 8 | b[at + 3];
 }

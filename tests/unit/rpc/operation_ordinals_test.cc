@@ -58,13 +58,37 @@ void CloseIfOpen(testing::TestCore& core, TCS_CONTEXT_HANDLE hContext) {
   ASSERT_EQ(Tcsi_CloseContext_Internal(hContext), TSS_SUCCESS);
 }
 
+// Operations that zero arguments refuse before they send anything: entity type 0 is no delegation
+// entity, an empty srkInfo, keyInfo or public key is no key, key handle 0 names no cached key, and
+// a counter's label is 4 bytes.
+constexpr std::string_view kRefusedBeforeSending[] = {
+    "Tcsip_DSAP",
+    "Tcsip_TakeOwnership",
+    "Tcsip_GetAuditDigestSigned",
+    "Tcsip_KeyControlOwner",
+    "Tcsip_EvictKey",
+    "Tcsip_CreateWrapKey",
+    "Tcsip_GetPubKey",
+    "Tcsip_CreateCounter",
+    "Tcsip_SetRedirection",
+    "Tcsip_Seal",
+    "Tcsip_Sealx",
+    "Tcsip_UnSeal",
+    "Tcsip_Unbind",
+    "Tcsip_Sign",
+    "Tcsip_Quote",
+    "Tcsip_Quote2",
+    "Tcsip_CertifyKey",
+    "Tcsip_CertifyKey2",
+    "Tcsip_GetCapabilitySigned",
+    "Tcsip_CertifySelfTest",
+    "Tcsip_TickStampBlob",
+};
+
 // Operations whose zero arguments, or this TPM 1.2, make them send something else than the
 // table's ordinal.
 std::optional<std::vector<UINT32>> SentInstead(std::string_view name) {
-  // Refused before sending: entity type 0 is no delegation entity; an empty srkInfo is no key; key
-  // handle 0 names no key to sign with; an empty public key is no TPM_PUBKEY.
-  if (name == "Tcsip_DSAP" || name == "Tcsip_TakeOwnership" ||
-      name == "Tcsip_GetAuditDigestSigned" || name == "Tcsip_KeyControlOwner") {
+  if (std::ranges::find(kRefusedBeforeSending, name) != std::end(kRefusedBeforeSending)) {
     return std::vector<UINT32>{};
   }
   // A TPM 1.2 ends sessions with TPM_FlushSpecific and reads the endorsement key with
@@ -75,14 +99,6 @@ std::optional<std::vector<UINT32>> SentInstead(std::string_view name) {
   // came with it.
   if (name == "Tcsip_LoadKeyByBlob" || name == "Tcsip_LoadKey2ByBlob") {
     return std::vector<UINT32>{TPM_ORD_FlushSpecific};
-  }
-  // Key handle 0 names no cached key, and an empty keyInfo is no key.
-  if (name == "Tcsip_EvictKey" || name == "Tcsip_CreateWrapKey" || name == "Tcsip_GetPubKey") {
-    return std::vector<UINT32>{};
-  }
-  // A counter's label is 4 bytes; key handle 0 names no key to redirect.
-  if (name == "Tcsip_CreateCounter" || name == "Tcsip_SetRedirection") {
-    return std::vector<UINT32>{};
   }
   return std::nullopt;
 }
