@@ -3,12 +3,6 @@
 // found in Audit.log, the TPM's audit digest recomputed from what the command carried, and
 // kesttcs-cli audit show / clear / set; and the signed audit digest of a key made and loaded
 // through the service, checked with OpenSSL against the key's public part, which rotates the log.
-#include <openssl/core_names.h>
-#include <openssl/evp.h>
-#include <openssl/param_build.h>
-#include <openssl/rsa.h>
-#include <openssl/sha.h>
-
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -24,6 +18,7 @@
 
 #include "daemon_process.h"
 #include "kesttcsd_process.h"
+#include "rsa_checks.h"
 #include "wrapped_keys.h"
 
 namespace kesttcs::testing {
@@ -36,6 +31,8 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using Bytes = std::vector<BYTE>;
+using rsa_checks::Sha1;
+using rsa_checks::VerifiesWith;
 using wrapped_keys::Put32;
 
 constexpr UINT16 kTagAuditEventIn = 0x0012;
@@ -46,11 +43,6 @@ void Put16(Bytes& out, UINT16 v) {
   out.push_back(BYTE(v));
 }
 void PutAll(Bytes& out, const Bytes& more) { out.insert(out.end(), more.begin(), more.end()); }
-Bytes Sha1(const Bytes& in) {
-  Bytes out(SHA_DIGEST_LENGTH);
-  SHA1(in.data(), in.size(), out.data());
-  return out;
-}
 
 struct AuditDigest {
   Bytes digest;
@@ -143,37 +135,6 @@ TSS_RESULT SignAuditDigest(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, const TPM_N
   EXPECT_EQ(
       KestAuth_Verify(&s, TPM_ORD_GetAuditDigestSigned, out.data(), UINT32(out.size()), &auth), 0u);
   return r;
-}
-
-// Whether `sig` is an RSASSA-PKCS1-v1_5 signature of the SHA-1 digest `sha1` under the RSA key of
-// `modulus` and the default exponent.
-bool VerifiesWith(const Bytes& modulus, const Bytes& sha1, const Bytes& sig) {
-  using Bn = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
-  using Builder = std::unique_ptr<OSSL_PARAM_BLD, decltype(&OSSL_PARAM_BLD_free)>;
-  using Params = std::unique_ptr<OSSL_PARAM, decltype(&OSSL_PARAM_free)>;
-  using Ctx = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
-  using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
-  const Bn n(BN_bin2bn(modulus.data(), int(modulus.size()), nullptr), BN_free);
-  const Bn e(BN_new(), BN_free);
-  const Builder builder(OSSL_PARAM_BLD_new(), OSSL_PARAM_BLD_free);
-  if (!n || !e || !builder || BN_set_word(e.get(), RSA_F4) != 1 ||
-      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, n.get()) != 1 ||
-      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) != 1) {
-    return false;
-  }
-  const Params params(OSSL_PARAM_BLD_to_param(builder.get()), OSSL_PARAM_free);
-  const Ctx fromData(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr), EVP_PKEY_CTX_free);
-  EVP_PKEY* raw = nullptr;
-  if (!params || !fromData || EVP_PKEY_fromdata_init(fromData.get()) != 1 ||
-      EVP_PKEY_fromdata(fromData.get(), &raw, EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
-    return false;
-  }
-  const Key key(raw, EVP_PKEY_free);
-  const Ctx verify(EVP_PKEY_CTX_new(key.get(), nullptr), EVP_PKEY_CTX_free);
-  return verify && EVP_PKEY_verify_init(verify.get()) == 1 &&
-         EVP_PKEY_CTX_set_rsa_padding(verify.get(), RSA_PKCS1_PADDING) == 1 &&
-         EVP_PKEY_CTX_set_signature_md(verify.get(), EVP_sha1()) == 1 &&
-         EVP_PKEY_verify(verify.get(), sig.data(), sig.size(), sha1.data(), sha1.size()) == 1;
 }
 
 // The TPM_SIGN_INFO a signed audit digest covers: "ADIG", the caller's nonce, and the digest, the

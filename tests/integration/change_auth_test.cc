@@ -1,0 +1,194 @@
+// Changing a key's secret through the real kesttcsd on the embedded libtpms TPM (owned,
+// well-known secrets): TPM_ChangeAuth on a registered key under the SRK, both sessions' answers
+// checked with the client's authorisation helper; after a restart of the daemon the key loads by
+// its UUID and is used with the new secret only. The deprecated asymmetric pair passes the TPM's
+// answer through.
+#include <filesystem>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <kesttcs/tcs_auth.h>
+#include <kesttcs/tcs_client.h>
+#include <kesttcs/tcs_results.h>
+#include <kesttcs/tpm_ordinals.h>
+
+#include "kesttcsd_process.h"
+#include "transport_session.h"
+#include "wrapped_keys.h"
+
+namespace kesttcs::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using transport_session::Bytes;
+using transport_session::Put16;
+using transport_session::PutAll;
+using transport_session::PutFixed;
+using wrapped_keys::kSrk;
+using wrapped_keys::Put32;
+
+constexpr UINT16 kEntityKey = 0x0005;  // TPM_ET_KEY, the secret sent by ADIP's XOR
+const TSS_UUID kSrkUuid = {0, 0, 0, 0, 0, {0, 0, 0, 0, 0, 1}};
+const TSS_UUID kKeyUuid = {0xC4A76E00, 1, 2, 3, 4, {5, 6, 7, 8, 9, 10}};
+const Bytes kSigningKey = wrapped_keys::KeyInfo(wrapped_keys::kSigningUsage, 512, /*none*/ 1,
+                                                /*PKCS#1 SHA-1*/ 2, wrapped_keys::kAuthAlways);
+
+// The encData of a TPM_KEY blob: its last part, after its size.
+Bytes EncDataOf(const Bytes& blob) {
+  const size_t at = wrapped_keys::LayoutOf(blob).pubEnd;
+  return Bytes(blob.begin() + std::ptrdiff_t(at + 4), blob.end());
+}
+
+// TPM_GetPubKey authorised with `secret` over OIAP: the service's result.
+TSS_RESULT PubKeyWithSecret(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, const TPM_SECRET& secret,
+                            Bytes* pub) {
+  KESTTCS_AUTH_SESSION s{};
+  EXPECT_EQ(KestAuth_OpenOIAP(h, &secret, &s), TSS_SUCCESS);
+  TPM_AUTH auth{};
+  EXPECT_EQ(KestAuth_Authorize(&s, TPM_ORD_GetPubKey, nullptr, 0, 0, &auth), TSS_SUCCESS);
+  UINT32 size = 0;
+  BYTE* data = nullptr;
+  const TSS_RESULT r = Tcsip_GetPubKey(h, key, &auth, &size, &data);
+  pub->assign(data, data + size);
+  Tcs_FreeBuffer(data);
+  if (r == TSS_SUCCESS) {
+    EXPECT_EQ(KestAuth_Verify(&s, TPM_ORD_GetPubKey, pub->data(), UINT32(pub->size()), &auth),
+              TSS_SUCCESS);
+  } else {
+    KestAuth_Close(h, &s);
+  }
+  return r;
+}
+
+// TPM_ChangeAuth of the key whose encData is `encData`, under the SRK, from the well-known secret
+// to `newSecret`: the parent's OSAP session carries the new secret by ADIP, the key's OIAP session
+// authorises its old one. Returns the new encData.
+Bytes ChangeKeySecret(TCS_CONTEXT_HANDLE h, const Bytes& encData, const TPM_SECRET& newSecret) {
+  const TPM_SECRET oldSecret = wrapped_keys::WellKnown();
+  KESTTCS_AUTH_SESSION parent{};
+  KESTTCS_AUTH_SESSION entity{};
+  EXPECT_EQ(KestAuth_OpenOSAP(h, KESTTCS_ET_SRK, 0, &oldSecret, &parent), TSS_SUCCESS);
+  EXPECT_EQ(KestAuth_OpenOIAP(h, &oldSecret, &entity), TSS_SUCCESS);
+  TPM_ENCAUTH newAuth{};
+  EXPECT_EQ(KestAuth_EncAuth(&parent, &newSecret, KESTTCS_ADIP_EVEN, &newAuth), TSS_SUCCESS);
+  Bytes digest;
+  Put16(digest, KESTTCS_PID_ADCP);
+  PutFixed(digest, newAuth);
+  Put16(digest, kEntityKey);
+  Put32(digest, UINT32(encData.size()));
+  PutAll(digest, encData);
+  TPM_AUTH parentAuth{};
+  TPM_AUTH entityAuth{};
+  EXPECT_EQ(KestAuth_Authorize(&parent, TPM_ORD_ChangeAuth, digest.data(), UINT32(digest.size()), 0,
+                               &parentAuth),
+            TSS_SUCCESS);
+  EXPECT_EQ(KestAuth_Authorize(&entity, TPM_ORD_ChangeAuth, digest.data(), UINT32(digest.size()), 0,
+                               &entityAuth),
+            TSS_SUCCESS);
+  UINT32 size = 0;
+  BYTE* data = nullptr;
+  EXPECT_EQ(
+      Tcsip_ChangeAuth(h, kSrk, KESTTCS_PID_ADCP, newAuth, kEntityKey, UINT32(encData.size()),
+                       const_cast<BYTE*>(encData.data()), &parentAuth, &entityAuth, &size, &data),
+      TSS_SUCCESS);
+  const Bytes changed(data, data + size);
+  Tcs_FreeBuffer(data);
+  Bytes out;
+  Put32(out, UINT32(changed.size()));
+  PutAll(out, changed);
+  EXPECT_EQ(
+      KestAuth_Verify(&parent, TPM_ORD_ChangeAuth, out.data(), UINT32(out.size()), &parentAuth),
+      TSS_SUCCESS);
+  EXPECT_EQ(
+      KestAuth_Verify(&entity, TPM_ORD_ChangeAuth, out.data(), UINT32(out.size()), &entityAuth),
+      TSS_SUCCESS);
+  return changed;
+}
+
+TEST(ChangeAuthTest, ARegisteredKeyLoadsByUuidAfterARestartWithItsNewSecretOnly) {
+  TempDir dir;
+  const fs::path home = fs::path(dir.path()) / "home";
+  TPM_SECRET newSecret{};
+  ASSERT_EQ(
+      KestAuth_SecretFromPassword(reinterpret_cast<const BYTE*>("new secret"), 10, &newSecret),
+      TSS_SUCCESS);
+  const TPM_SECRET oldSecret = wrapped_keys::WellKnown();
+  Bytes blob;
+  {
+    KesttcsdProcess daemon(home, /*owned=*/true);
+    ASSERT_TRUE(daemon.Start());
+    TCS_CONTEXT_HANDLE h = 0;
+    ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+    blob = wrapped_keys::CreateKey(h, kSrk, kSigningKey);
+    ASSERT_EQ(Tcsi_RegisterKey(h, kSrkUuid, kKeyUuid, UINT32(blob.size()), blob.data(), 0, nullptr),
+              TSS_SUCCESS);
+    TCS_KEY_HANDLE key = 0;
+    ASSERT_EQ(Tcsip_LoadKeyByUUID(h, kKeyUuid, nullptr, &key), TSS_SUCCESS);
+    const Bytes oldEncData = EncDataOf(blob);
+    const Bytes newEncData = ChangeKeySecret(h, oldEncData, newSecret);
+    ASSERT_EQ(newEncData.size(), oldEncData.size());
+    EXPECT_NE(newEncData, oldEncData);
+    // The stored blob is the changed key's.
+    UINT32 size = 0;
+    BYTE* stored = nullptr;
+    ASSERT_EQ(Tcsi_GetRegisteredKeyBlob(h, kKeyUuid, &size, &stored), TSS_SUCCESS);
+    EXPECT_EQ(EncDataOf(Bytes(stored, stored + size)), newEncData);
+    Tcs_FreeBuffer(stored);
+    ASSERT_EQ(daemon.Stop(), 0);
+  }
+  KesttcsdProcess daemon(home, /*owned=*/false);
+  ASSERT_TRUE(daemon.Start());
+  TCS_CONTEXT_HANDLE h = 0;
+  ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+  TCS_KEY_HANDLE key = 0;
+  ASSERT_EQ(Tcsip_LoadKeyByUUID(h, kKeyUuid, nullptr, &key), TSS_SUCCESS);
+  Bytes pub;
+  EXPECT_EQ(PubKeyWithSecret(h, key, oldSecret, &pub), TpmResult(TPM_AUTHFAIL));
+  ASSERT_EQ(PubKeyWithSecret(h, key, newSecret, &pub), TSS_SUCCESS);
+  EXPECT_EQ(pub, wrapped_keys::PubKeyOf(blob));
+}
+
+TEST(ChangeAuthTest, TheAsymmetricPairPassesTheTpmsAnswerThrough) {
+  TempDir dir;
+  KesttcsdProcess daemon(fs::path(dir.path()) / "home", /*owned=*/true);
+  ASSERT_TRUE(daemon.Start());
+  TCS_CONTEXT_HANDLE h = 0;
+  ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+  // An ephemeral key's parameters: RSA 512, OAEP, no signatures.
+  Bytes tempKey;
+  Put32(tempKey, 1);
+  tempKey.insert(tempKey.end(), {0, 3, 0, 1});
+  Put32(tempKey, 12);
+  Put32(tempKey, 512);
+  Put32(tempKey, 2);
+  Put32(tempKey, 0);
+  TPM_NONCE antiReplay{};
+  UINT32 keySize = 0, certifySize = 0, sigSize = 0;
+  BYTE *keyData = nullptr, *certify = nullptr, *sig = nullptr;
+  TCS_KEY_HANDLE ephemeral = 0;
+  const TSS_RESULT start = Tcsip_ChangeAuthAsymStart(
+      h, kSrk, antiReplay, UINT32(tempKey.size()), tempKey.data(), nullptr, &keySize, &keyData,
+      &certifySize, &certify, &sigSize, &sig, &ephemeral);
+  Tcs_FreeBuffer(keyData);
+  Tcs_FreeBuffer(certify);
+  Tcs_FreeBuffer(sig);
+  // libtpms does not implement the deprecated ordinal: its answer comes back unchanged.
+  EXPECT_EQ(start, TpmResult(TPM_BAD_ORDINAL));
+
+  TPM_HMAC link{};
+  Bytes encNewAuth(64, 0);
+  Bytes encData(64, 0);
+  UINT32 outSize = 0;
+  BYTE* out = nullptr;
+  TPM_NONCE salt{};
+  TPM_DIGEST proof{};
+  EXPECT_EQ(Tcsip_ChangeAuthAsymFinish(
+                h, kSrk, 0x01000000, kEntityKey, link, UINT32(encNewAuth.size()), encNewAuth.data(),
+                UINT32(encData.size()), encData.data(), nullptr, &outSize, &out, &salt, &proof),
+            TpmResult(TPM_BAD_ORDINAL));
+  Tcs_FreeBuffer(out);
+}
+
+}  // namespace
+}  // namespace kesttcs::testing

@@ -1,0 +1,210 @@
+// Attestation identities through the real kesttcsd on the embedded libtpms TPM (owned, well-known
+// secrets): TPM_MakeIdentity with the SRK's and the owner's sessions, its answer checked with the
+// client's authorisation helper, with all three credential files in the service's home, with only
+// "EKCert.crt", and with none (TCS_E_FAIL although the TPM made the identity); then
+// TPM_ActivateIdentity of a TPM_ASYM_CA_CONTENTS that OpenSSL encrypted to the endorsement key the
+// owner read: the session key comes back.
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <kesttcs/tcs_auth.h>
+#include <kesttcs/tcs_client.h>
+#include <kesttcs/tcs_results.h>
+#include <kesttcs/tpm_ordinals.h>
+
+#include "kesttcsd_process.h"
+#include "rsa_checks.h"
+#include "transport_session.h"
+#include "wrapped_keys.h"
+
+namespace kesttcs::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using rsa_checks::Sha1;
+using transport_session::Bytes;
+using transport_session::Put16;
+using transport_session::PutAll;
+using transport_session::PutFixed;
+using wrapped_keys::kSrk;
+using wrapped_keys::Put32;
+
+constexpr UINT32 kKhEk = 0x40000006;
+constexpr UINT16 kIdentityUsage = 0x0012;  // TPM_KEY_IDENTITY
+// An identity key: RSA 2048, signing with PKCS#1 v1.5 SHA-1, its secret always needed.
+const Bytes kIdentityKey = wrapped_keys::KeyInfo(kIdentityUsage, 2048, /*none*/ 1,
+                                                 /*PKCS#1 SHA-1*/ 2, wrapped_keys::kAuthAlways);
+
+struct Identity {
+  TSS_RESULT result = 0;
+  Bytes key;
+  Bytes binding;
+  Bytes endorsement;
+  Bytes platform;
+  Bytes conformance;
+};
+
+Bytes Take(UINT32 size, BYTE* data) {
+  Bytes out(data, data + size);
+  Tcs_FreeBuffer(data);
+  return out;
+}
+
+// TPM_MakeIdentity with the well-known secrets: the new secret (well-known too) by ADIP on the
+// owner's OSAP session, the SRK's OIAP session first. When the TPM made the identity, both
+// sessions' answers are checked.
+Identity MakeIdentity(TCS_CONTEXT_HANDLE h) {
+  const TPM_SECRET secret = wrapped_keys::WellKnown();
+  KESTTCS_AUTH_SESSION srk{};
+  KESTTCS_AUTH_SESSION owner{};
+  EXPECT_EQ(KestAuth_OpenOIAP(h, &secret, &srk), TSS_SUCCESS);
+  EXPECT_EQ(KestAuth_OpenOSAP(h, KESTTCS_ET_OWNER, 0, &secret, &owner), TSS_SUCCESS);
+  TPM_ENCAUTH identityAuth{};
+  EXPECT_EQ(KestAuth_EncAuth(&owner, &secret, KESTTCS_ADIP_EVEN, &identityAuth), TSS_SUCCESS);
+  TPM_CHOSENID_HASH label{};
+  label.digest[0] = 0x1D;
+  Bytes digest;
+  PutFixed(digest, identityAuth);
+  PutFixed(digest, label);
+  PutAll(digest, kIdentityKey);
+  TPM_AUTH srkAuth{};
+  TPM_AUTH ownerAuth{};
+  EXPECT_EQ(KestAuth_Authorize(&srk, TPM_ORD_MakeIdentity, digest.data(), UINT32(digest.size()), 0,
+                               &srkAuth),
+            TSS_SUCCESS);
+  EXPECT_EQ(KestAuth_Authorize(&owner, TPM_ORD_MakeIdentity, digest.data(), UINT32(digest.size()),
+                               0, &ownerAuth),
+            TSS_SUCCESS);
+  UINT32 sizes[5] = {};
+  BYTE* data[5] = {};
+  Identity id;
+  id.result = Tcsip_MakeIdentity(h, identityAuth, label, UINT32(kIdentityKey.size()),
+                                 const_cast<BYTE*>(kIdentityKey.data()), &srkAuth, &ownerAuth,
+                                 &sizes[0], &data[0], &sizes[1], &data[1], &sizes[2], &data[2],
+                                 &sizes[3], &data[3], &sizes[4], &data[4]);
+  id.key = Take(sizes[0], data[0]);
+  id.binding = Take(sizes[1], data[1]);
+  id.endorsement = Take(sizes[2], data[2]);
+  id.platform = Take(sizes[3], data[3]);
+  id.conformance = Take(sizes[4], data[4]);
+  if (id.key.empty()) return id;
+  Bytes out = id.key;
+  Put32(out, UINT32(id.binding.size()));
+  PutAll(out, id.binding);
+  EXPECT_EQ(KestAuth_Verify(&srk, TPM_ORD_MakeIdentity, out.data(), UINT32(out.size()), &srkAuth),
+            TSS_SUCCESS);
+  EXPECT_EQ(
+      KestAuth_Verify(&owner, TPM_ORD_MakeIdentity, out.data(), UINT32(out.size()), &ownerAuth),
+      TSS_SUCCESS);
+  return id;
+}
+
+// The endorsement key's modulus, read by the owner (TPM_OwnerReadInternalPub on a TPM 1.2).
+Bytes EndorsementModulus(TCS_CONTEXT_HANDLE h) {
+  const TPM_SECRET secret = wrapped_keys::WellKnown();
+  KESTTCS_AUTH_SESSION owner{};
+  EXPECT_EQ(KestAuth_OpenOIAP(h, &secret, &owner), TSS_SUCCESS);
+  Bytes digest;
+  Put32(digest, kKhEk);
+  TPM_AUTH auth{};
+  EXPECT_EQ(KestAuth_Authorize(&owner, TPM_ORD_OwnerReadInternalPub, digest.data(),
+                               UINT32(digest.size()), 0, &auth),
+            TSS_SUCCESS);
+  UINT32 size = 0;
+  BYTE* data = nullptr;
+  EXPECT_EQ(Tcsip_OwnerReadPubek(h, &auth, &size, &data), TSS_SUCCESS);
+  const Bytes pub = Take(size, data);
+  // TPM_PUBKEY: algorithm, schemes, the parameters' size and bytes, then the modulus' size.
+  const size_t parmsEnd = 12 + wrapped_keys::Get32(pub, 8);
+  return Bytes(pub.begin() + std::ptrdiff_t(parmsEnd + 4), pub.end());
+}
+
+void WriteFile(const fs::path& path, const std::string& contents) {
+  std::ofstream(path, std::ios::binary) << contents;
+}
+
+Bytes BytesOf(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+TEST(IdentityTest, MadeWithEachSetOfCredentialFilesThenActivatedWithTheSessionKey) {
+  TempDir dir;
+  const fs::path home = fs::path(dir.path()) / "home";
+  KesttcsdProcess daemon(home, /*owned=*/true);
+  ASSERT_TRUE(daemon.Start());
+  TCS_CONTEXT_HANDLE h = 0;
+  ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+
+  WriteFile(home / "EKCert.crt", "endorsement credential");
+  WriteFile(home / "PlatCred.crt", "platform credential");
+  WriteFile(home / "ConfCred.crt", "conformance credential");
+  const Identity all = MakeIdentity(h);
+  ASSERT_EQ(all.result, TSS_SUCCESS);
+  EXPECT_FALSE(all.binding.empty());
+  EXPECT_EQ(all.endorsement, BytesOf("endorsement credential"));
+  EXPECT_EQ(all.platform, BytesOf("platform credential"));
+  EXPECT_EQ(all.conformance, BytesOf("conformance credential"));
+
+  fs::remove(home / "PlatCred.crt");
+  fs::remove(home / "ConfCred.crt");
+  const Identity endorsementOnly = MakeIdentity(h);
+  EXPECT_EQ(endorsementOnly.result, TSS_SUCCESS);
+  EXPECT_EQ(endorsementOnly.endorsement, BytesOf("endorsement credential"));
+  EXPECT_TRUE(endorsementOnly.platform.empty());
+  EXPECT_TRUE(endorsementOnly.conformance.empty());
+
+  fs::remove(home / "EKCert.crt");
+  const Identity none = MakeIdentity(h);
+  EXPECT_EQ(none.result, TCS_E_FAIL);
+  EXPECT_FALSE(none.key.empty());  // the TPM made it all the same
+  EXPECT_TRUE(none.endorsement.empty());
+
+  // A privacy CA's answer for the first identity: a session key and the digest of the identity's
+  // public key, encrypted to the endorsement key.
+  const TCS_KEY_HANDLE idKey = wrapped_keys::Load(h, kSrk, all.key);
+  Bytes sessionKey;
+  Put32(sessionKey, 6);     // TPM_ALG_AES128
+  Put16(sessionKey, 0xFF);  // TPM_ES_SYM_CBC_PKCS5PAD
+  Put16(sessionKey, 16);
+  for (BYTE b = 0; b < 16; ++b) sessionKey.push_back(BYTE(0xA0 + b));
+  Bytes contents = sessionKey;
+  PutAll(contents, Sha1(wrapped_keys::PubKeyOf(all.key)));
+  std::optional<Bytes> blob = rsa_checks::OaepEncrypt(EndorsementModulus(h), contents);
+  ASSERT_TRUE(blob.has_value());
+
+  const TPM_SECRET secret = wrapped_keys::WellKnown();
+  KESTTCS_AUTH_SESSION idSession{};
+  KESTTCS_AUTH_SESSION owner{};
+  ASSERT_EQ(KestAuth_OpenOIAP(h, &secret, &idSession), TSS_SUCCESS);
+  ASSERT_EQ(KestAuth_OpenOIAP(h, &secret, &owner), TSS_SUCCESS);
+  Bytes digest;
+  Put32(digest, UINT32(blob->size()));
+  PutAll(digest, *blob);
+  TPM_AUTH idAuth{};
+  TPM_AUTH ownerAuth{};
+  ASSERT_EQ(KestAuth_Authorize(&idSession, TPM_ORD_ActivateIdentity, digest.data(),
+                               UINT32(digest.size()), 0, &idAuth),
+            TSS_SUCCESS);
+  ASSERT_EQ(KestAuth_Authorize(&owner, TPM_ORD_ActivateIdentity, digest.data(),
+                               UINT32(digest.size()), 0, &ownerAuth),
+            TSS_SUCCESS);
+  UINT32 size = 0;
+  BYTE* data = nullptr;
+  ASSERT_EQ(Tcsip_ActivateTPMIdentity(h, idKey, UINT32(blob->size()), blob->data(), &idAuth,
+                                      &ownerAuth, &size, &data),
+            TSS_SUCCESS);
+  const Bytes released = Take(size, data);
+  EXPECT_EQ(released, sessionKey);
+  EXPECT_EQ(KestAuth_Verify(&idSession, TPM_ORD_ActivateIdentity, released.data(),
+                            UINT32(released.size()), &idAuth),
+            TSS_SUCCESS);
+  EXPECT_EQ(KestAuth_Verify(&owner, TPM_ORD_ActivateIdentity, released.data(),
+                            UINT32(released.size()), &ownerAuth),
+            TSS_SUCCESS);
+}
+
+}  // namespace
+}  // namespace kesttcs::testing
