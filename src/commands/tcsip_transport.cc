@@ -96,6 +96,25 @@ TSS_RESULT TransportAttributes(std::span<const BYTE> transPublic, UINT32* attrib
   return reader.remaining() == 0 ? TSS_SUCCESS : TCS_E_BAD_PARAMETER;
 }
 
+// Whether hContext runs the active exclusive session: the TPM may then be sent nothing but that
+// session's commands, not even the look-ups that make a key resident.
+bool InOwnExclusiveSession(TCS_CONTEXT_HANDLE hContext) {
+  const TransportState state = GetTransportState();
+  if (!state.active) return false;
+  MutexLock lock(g_owners_mutex);
+  const auto owner = g_owners.find(state.handle);
+  return owner != g_owners.end() && owner->second == hContext;
+}
+
+// The slot to send for the key hKey: made resident through `command` (sent `paramOffset` bytes
+// after the header), or, inside the caller's own exclusive session, the slot the key cache knows.
+TSS_RESULT KeySlot(TpmCommand& command, TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE hKey,
+                   TPM_KEY_HANDLE* slot, UINT16 paramOffset = 0) {
+  if (!InOwnExclusiveSession(hContext)) return command.UseKey(hKey, slot, paramOffset);
+  *slot = getSlotByHandle(hKey);
+  return *slot == kNoTpmHandle ? TCS_E_INVALID_KEY : TSS_SUCCESS;
+}
+
 bool IsCachedKey(TCS_HANDLE handle) {
   return handle == kSrkKeyHandle || getKeyEntryByKeyHandle(handle).has_value();
 }
@@ -159,9 +178,9 @@ struct Wrapped {
   UINT32 commandSize = 0;
 };
 
-// Builds the wrapped command: header, handles (keys as their slots, loaded through `command`, which
-// rewrites them should the TPM restart before sending), parameters, the wrapped trailers.
-TSS_RESULT BuildWrapped(TpmCommand& command, TPM_COMMAND_CODE ordinal,
+// Builds the wrapped command: header, handles (keys as their slots, see KeySlot; `command` rewrites
+// them should the TPM restart before sending), parameters, the wrapped trailers.
+TSS_RESULT BuildWrapped(TpmCommand& command, TCS_CONTEXT_HANDLE hContext, TPM_COMMAND_CODE ordinal,
                         std::span<TCS_HANDLE> handles, std::span<const BYTE> params,
                         const WrappedSessions& sessions, Wrapped* wrapped) {
   BlobWriter writer(wrapped->command, kTpmHeaderSize);
@@ -170,7 +189,7 @@ TSS_RESULT BuildWrapped(TpmCommand& command, TPM_COMMAND_CODE ordinal,
       TPM_KEY_HANDLE slot = kNoTpmHandle;
       // Sent at wrappedCmdSize, the wrapped header, then the handles before it.
       const auto offset = static_cast<UINT16>(4 + kTpmHeaderSize + i * kHandleBytes);
-      if (TSS_RESULT rc = command.UseKey(handles[i], &slot, offset)) return rc;
+      if (TSS_RESULT rc = KeySlot(command, hContext, handles[i], &slot, offset)) return rc;
       handles[i] = slot;
     }
     if (TSS_RESULT rc = LoadBlob(writer, UINT32{handles[i]})) return rc;
@@ -280,7 +299,7 @@ TSS_RESULT Tcsip_ExecuteTransport_Internal(
   if (TSS_RESULT rc = sessions.Use(hContext, pWrappedCmdAuth1, pWrappedCmdAuth2)) return rc;
   Wrapped wrapped;
   const std::span<TCS_HANDLE> handles(*rghHandles, handleCount);
-  if (TSS_RESULT rc = BuildWrapped(command, unWrappedCommandOrdinal, handles,
+  if (TSS_RESULT rc = BuildWrapped(command, hContext, unWrappedCommandOrdinal, handles,
                                    std::span(rgbWrappedCmdParamIn, ulWrappedCmdParamInSize),
                                    sessions, &wrapped)) {
     return rc;
@@ -316,7 +335,7 @@ TSS_RESULT Tcsip_ReleaseTransportSigned_Internal(
   if (TSS_RESULT rc = command.Check(kReleaseFixedBytes)) return rc;
   if (TSS_RESULT rc = CheckOwner(hContext, pTransAuth)) return rc;
   TPM_KEY_HANDLE slot = kNoTpmHandle;
-  if (TSS_RESULT rc = command.UseKey(hSignatureKey, &slot)) return rc;
+  if (TSS_RESULT rc = KeySlot(command, hContext, hSignatureKey, &slot)) return rc;
   if (TSS_RESULT rc = command.UseSessions(pKeyAuth)) return rc;
   if (TSS_RESULT rc = command.UseTransportSession(pTransAuth)) return rc;
   if (TSS_RESULT rc = command.RunAuthorised(slot, AntiReplayNonce)) return rc;

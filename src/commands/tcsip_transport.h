@@ -3,7 +3,8 @@
 // transport session; only that context may use or release it. An exclusive session (its
 // TPM_TRANSPORT_PUBLIC attributes hold TPM_TRANSPORT_EXCLUSIVE) makes the request manager refuse
 // every other command until it ends (TCS_E_EXCLUSIVE_TRANSPORT); closing the context that owns it
-// ends it.
+// ends it. Inside its own exclusive session a context's keys are sent in the slots the key cache
+// knows: the service may not ask the TPM whether they are still resident.
 //
 // A transport session's authorisation is not in the session table: the caller computes its HMACs
 // with the session's secret and nonces as for any authorisation session (the input digest of

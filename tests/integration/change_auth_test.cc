@@ -1,4 +1,4 @@
-// Changing a key's secret through the real kesttcsd on the embedded libtpms TPM (owned,
+// Changing a key's secret through the real kesttcsd on the embedded libtpms TPM (provisioned with
 // well-known secrets): TPM_ChangeAuth on a registered key under the SRK, both sessions' answers
 // checked with the client's authorisation helper; after a restart of the daemon the key loads by
 // its UUID and is used with the new secret only. The deprecated asymmetric pair passes the TPM's
@@ -14,6 +14,7 @@
 #include <kesttcs/tpm_ordinals.h>
 
 #include "kesttcsd_process.h"
+#include "provisioned_daemon.h"
 #include "transport_session.h"
 #include "wrapped_keys.h"
 
@@ -116,8 +117,8 @@ TEST(ChangeAuthTest, ARegisteredKeyLoadsByUuidAfterARestartWithItsNewSecretOnly)
   const TPM_SECRET oldSecret = wrapped_keys::WellKnown();
   Bytes blob;
   {
-    KesttcsdProcess daemon(home, /*owned=*/true);
-    ASSERT_TRUE(daemon.Start());
+    KesttcsdProcess daemon(home, /*owned=*/false);
+    ASSERT_TRUE(StartProvisioned(daemon, fs::path(dir.path()) / "cli.txt"));
     TCS_CONTEXT_HANDLE h = 0;
     ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
     blob = wrapped_keys::CreateKey(h, kSrk, kSigningKey);
@@ -151,7 +152,7 @@ TEST(ChangeAuthTest, ARegisteredKeyLoadsByUuidAfterARestartWithItsNewSecretOnly)
 
 TEST(ChangeAuthTest, TheAsymmetricPairPassesTheTpmsAnswerThrough) {
   TempDir dir;
-  KesttcsdProcess daemon(fs::path(dir.path()) / "home", /*owned=*/true);
+  KesttcsdProcess daemon(fs::path(dir.path()) / "home", /*owned=*/false);
   ASSERT_TRUE(daemon.Start());
   TCS_CONTEXT_HANDLE h = 0;
   ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);

@@ -1,7 +1,7 @@
-// Attestation identities through the real kesttcsd on the embedded libtpms TPM (owned, well-known
-// secrets): TPM_MakeIdentity with the SRK's and the owner's sessions, its answer checked with the
-// client's authorisation helper, with all three credential files in the service's home, with only
-// "EKCert.crt", and with none (TCS_E_FAIL although the TPM made the identity); then
+// Attestation identities through the real kesttcsd on the embedded libtpms TPM (provisioned with
+// well-known secrets): TPM_MakeIdentity with the SRK's and the owner's sessions, its answer checked
+// with the client's authorisation helper, with all three credential files in the service's home,
+// with only "EKCert.crt", and with none (TCS_E_FAIL although the TPM made the identity); then
 // TPM_ActivateIdentity of a TPM_ASYM_CA_CONTENTS that OpenSSL encrypted to the endorsement key the
 // owner read: the session key comes back.
 #include <filesystem>
@@ -18,6 +18,7 @@
 #include <kesttcs/tpm_ordinals.h>
 
 #include "kesttcsd_process.h"
+#include "provisioned_daemon.h"
 #include "rsa_checks.h"
 #include "transport_session.h"
 #include "wrapped_keys.h"
@@ -133,8 +134,8 @@ Bytes BytesOf(const std::string& s) { return Bytes(s.begin(), s.end()); }
 TEST(IdentityTest, MadeWithEachSetOfCredentialFilesThenActivatedWithTheSessionKey) {
   TempDir dir;
   const fs::path home = fs::path(dir.path()) / "home";
-  KesttcsdProcess daemon(home, /*owned=*/true);
-  ASSERT_TRUE(daemon.Start());
+  KesttcsdProcess daemon(home, /*owned=*/false);
+  ASSERT_TRUE(StartProvisioned(daemon, fs::path(dir.path()) / "cli.txt"));
   TCS_CONTEXT_HANDLE h = 0;
   ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
 

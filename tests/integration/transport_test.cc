@@ -1,7 +1,7 @@
-// Transport sessions through the real kesttcsd on the embedded libtpms TPM (owned, well-known
-// secrets): a logged session wraps TPM_GetRandom and a TPM_GetPubKey authorised on a key the
-// service loads and names by its slot, and is released signed (the signature checked with OpenSSL
-// over the log this side kept); an exclusive session makes the service refuse every other
+// Transport sessions through the real kesttcsd on the embedded libtpms TPM (provisioned with
+// well-known secrets): a logged session wraps TPM_GetRandom and a TPM_GetPubKey authorised on a key
+// the service loads and names by its slot, and is released signed (the signature checked with
+// OpenSSL over the log this side kept); an exclusive session makes the service refuse every other
 // command, from another context and from another process (kesttcs-cli), until it is released or
 // its context closes.
 #include <filesystem>
@@ -17,6 +17,7 @@
 #include <kesttcs/tpm_ordinals.h>
 
 #include "kesttcsd_process.h"
+#include "provisioned_daemon.h"
 #include "rsa_checks.h"
 #include "transport_session.h"
 #include "wrapped_keys.h"
@@ -51,6 +52,26 @@ TSS_RESULT GetRandom(TCS_CONTEXT_HANDLE h) {
   return r;
 }
 
+// Tcsip_ExecuteTransport of a TPM_GetRandom by `h` in the session `transHandle`, without a valid
+// HMAC: the service's result.
+TSS_RESULT RandomIn(TCS_CONTEXT_HANDLE h, TCS_HANDLE transHandle) {
+  TPM_AUTH transAuth{};
+  transAuth.AuthHandle = transHandle;
+  UINT32 none = 0;
+  TCS_HANDLE* noHandles = nullptr;
+  UINT64 ticks = 0;
+  TPM_MODIFIER_INDICATOR locality = 0;
+  TPM_RESULT code = 0;
+  UINT32 outSize = 0;
+  BYTE* out = nullptr;
+  Bytes params = RandomRequest(4);
+  const TSS_RESULT r = Tcsip_ExecuteTransport(h, TPM_ORD_GetRandom, UINT32(params.size()),
+                                              params.data(), &none, &noHandles, nullptr, nullptr,
+                                              &transAuth, &ticks, &locality, &code, &outSize, &out);
+  Tcs_FreeBuffer(out);
+  return r;
+}
+
 // What the TPM logs for a command on one key: SHA-1 of the digest of its TPM_STORE_PUBKEY.
 Bytes PubKeyHash(const Bytes& keyBlob) {
   const Bytes modulus = wrapped_keys::ModulusOf(keyBlob);
@@ -63,8 +84,8 @@ Bytes PubKeyHash(const Bytes& keyBlob) {
 class TransportTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    daemon_ = std::make_unique<KesttcsdProcess>(fs::path(dir_.path()) / "home", /*owned=*/true);
-    ASSERT_TRUE(daemon_->Start());
+    daemon_ = std::make_unique<KesttcsdProcess>(fs::path(dir_.path()) / "home", /*owned=*/false);
+    ASSERT_TRUE(StartProvisioned(*daemon_, CliLog()));
     ASSERT_EQ(Tcsi_OpenContext(&h_), TSS_SUCCESS);
     ASSERT_EQ(Tcsi_OpenContext(&other_), TSS_SUCCESS);
     keyBlob_ = wrapped_keys::CreateKey(h_, kSrk, kSigningKey);
@@ -120,26 +141,12 @@ TEST_F(TransportTest, WrapsRandomAndAKeyCommandAndIsReleasedWithAValidSignature)
   EXPECT_TRUE(refused.outputs.empty());
 
   // Nobody but the context that established it uses the session.
-  TPM_AUTH stranger{};
-  stranger.AuthHandle = transport.handle();
-  UINT32 none = 0;
-  TCS_HANDLE* noHandles = nullptr;
-  UINT64 ticks = 0;
-  TPM_MODIFIER_INDICATOR locality = 0;
-  TPM_RESULT code = 0;
-  UINT32 outSize = 0;
-  BYTE* out = nullptr;
-  Bytes params = RandomRequest(4);
-  EXPECT_EQ(Tcsip_ExecuteTransport(other_, TPM_ORD_GetRandom, UINT32(params.size()), params.data(),
-                                   &none, &noHandles, nullptr, nullptr, &stranger, &ticks,
-                                   &locality, &code, &outSize, &out),
-            TCS_E_INTERNAL_ERROR);
+  EXPECT_EQ(RandomIn(other_, transport.handle()), TCS_E_INTERNAL_ERROR);
 
   ASSERT_EQ(transport.ReleaseSigned(h_, key_, &releaseSession, wrapped_keys::ModulusOf(keyBlob_)),
             TSS_SUCCESS);
   // Released: the session is gone for its owner too.
-  EXPECT_EQ(transport.Execute(h_, TPM_ORD_GetRandom, {}, RandomRequest(4)).result,
-            TCS_E_INTERNAL_ERROR);
+  EXPECT_EQ(RandomIn(h_, transport.handle()), TCS_E_INTERNAL_ERROR);
 }
 
 TEST_F(TransportTest, AnExclusiveSessionHoldsOffOtherCommandsUntilReleasedOrItsContextCloses) {
