@@ -1233,12 +1233,11 @@ inline constexpr std::array<Operation, kOperationCount> kOperations = {{
      TraceStyle{.session_form = true}},
     {32, "Tcsip_ChangeAuthAsymStart", kTracedLocked, Sends<&TPM_ORD_ChangeAuthAsymStart>(),
      detail::kTcsip_ChangeAuthAsymStart,
-     "Deprecated ordinal (libtpms answers TPM_BAD_ORDINAL, passed through unchanged). Outputs "
-     "come in this order, not in the TPM's; the service reorders them. ephHandle is the TPM's "
-     "handle of the ephemeral key."},
+     "Deprecated ordinal. Outputs come in this order, not in the TPM's; the service reorders "
+     "them. ephHandle is the TPM's handle of the ephemeral key."},
     {33, "Tcsip_ChangeAuthAsymFinish", kTracedLocked, Sends<&TPM_ORD_ChangeAuthAsymFinish>(),
      detail::kTcsip_ChangeAuthAsymFinish,
-     "Deprecated ordinal (libtpms answers TPM_BAD_ORDINAL, passed through unchanged)."},
+     "Deprecated ordinal. ephHandle is the TPM's handle that Tcsip_ChangeAuthAsymStart gave."},
     {34, "Tcsip_TerminateHandle", kTraced, Sends<&TPM_ORD_Terminate_Handle>(),
      detail::kTcsip_TerminateHandle, "Deprecated ordinal; a TPM 1.2 uses FlushSpecific."},
     {35, "Tcsip_ActivateTPMIdentity", kTracedLocked, Sends<&TPM_ORD_ActivateIdentity>(),

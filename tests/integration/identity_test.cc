@@ -3,7 +3,9 @@
 // with the client's authorisation helper, with all three credential files in the service's home,
 // with only "EKCert.crt", and with none (TCS_E_FAIL although the TPM made the identity); then
 // TPM_ActivateIdentity of a TPM_ASYM_CA_CONTENTS that OpenSSL encrypted to the endorsement key the
-// owner read: the session key comes back.
+// owner read: the session key comes back. The identity then certifies an ephemeral key
+// (TPM_ChangeAuthAsymStart, the certificate checked with OpenSSL), and TPM_ChangeAuthAsymFinish
+// with a secret the ephemeral key did not encrypt passes the TPM's refusal through.
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -205,6 +207,100 @@ TEST(IdentityTest, MadeWithEachSetOfCredentialFilesThenActivatedWithTheSessionKe
   EXPECT_EQ(KestAuth_Verify(&owner, TPM_ORD_ActivateIdentity, released.data(),
                             UINT32(released.size()), &ownerAuth),
             TSS_SUCCESS);
+}
+
+// TPM_ChangeAuthAsymStart on the identity idKey (its secret the well-known one): the outputs in
+// the operation's order, their HMAC, and the identity's signature over the certify info. Returns
+// the TPM's handle of the ephemeral key.
+TCS_KEY_HANDLE StartAsymmetricChange(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE idKey,
+                                     const Bytes& idModulus) {
+  const TPM_SECRET secret = wrapped_keys::WellKnown();
+  KESTTCS_AUTH_SESSION s{};
+  EXPECT_EQ(KestAuth_OpenOIAP(h, &secret, &s), TSS_SUCCESS);
+  // An ephemeral key's parameters: RSA 512, OAEP, no signatures.
+  Bytes tempKey;
+  Put32(tempKey, 1);
+  Put16(tempKey, 3);
+  Put16(tempKey, 1);
+  Put32(tempKey, 12);
+  Put32(tempKey, 512);
+  Put32(tempKey, 2);
+  Put32(tempKey, 0);
+  TPM_NONCE antiReplay{};
+  antiReplay.nonce[0] = 0xA5;
+  Bytes digest;
+  PutFixed(digest, antiReplay);
+  PutAll(digest, tempKey);
+  TPM_AUTH auth{};
+  EXPECT_EQ(KestAuth_Authorize(&s, TPM_ORD_ChangeAuthAsymStart, digest.data(),
+                               UINT32(digest.size()), 0, &auth),
+            TSS_SUCCESS);
+  UINT32 sizes[3] = {};
+  BYTE* data[3] = {};
+  TCS_KEY_HANDLE ephemeral = 0;
+  EXPECT_EQ(Tcsip_ChangeAuthAsymStart(h, idKey, antiReplay, UINT32(tempKey.size()), tempKey.data(),
+                                      &auth, &sizes[0], &data[0], &sizes[1], &data[1], &sizes[2],
+                                      &data[2], &ephemeral),
+            TSS_SUCCESS);
+  const Bytes key = Take(sizes[0], data[0]);
+  const Bytes certifyInfo = Take(sizes[1], data[1]);
+  const Bytes sig = Take(sizes[2], data[2]);
+  // The TPM's order: certify info, signature, ephemeral handle, ephemeral key.
+  Bytes out = certifyInfo;
+  Put32(out, UINT32(sig.size()));
+  PutAll(out, sig);
+  Put32(out, ephemeral);
+  PutAll(out, key);
+  EXPECT_EQ(KestAuth_Verify(&s, TPM_ORD_ChangeAuthAsymStart, out.data(), UINT32(out.size()), &auth),
+            TSS_SUCCESS);
+  EXPECT_TRUE(rsa_checks::VerifiesWith(idModulus, Sha1(certifyInfo), sig));
+  EXPECT_EQ(wrapped_keys::ModulusOf(key).size(), 64u);
+  return ephemeral;
+}
+
+TEST(IdentityTest, TheAsymmetricSecretChangeCertifiesAnEphemeralKeyAndPassesRefusalsThrough) {
+  TempDir dir;
+  const fs::path home = fs::path(dir.path()) / "home";
+  KesttcsdProcess daemon(home, /*owned=*/false);
+  ASSERT_TRUE(StartProvisioned(daemon, fs::path(dir.path()) / "cli.txt"));
+  TCS_CONTEXT_HANDLE h = 0;
+  ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+  const Identity id = MakeIdentity(h);
+  ASSERT_FALSE(id.key.empty());
+  const TCS_KEY_HANDLE idKey = wrapped_keys::Load(h, kSrk, id.key);
+  const TCS_KEY_HANDLE ephemeral = StartAsymmetricChange(h, idKey, wrapped_keys::ModulusOf(id.key));
+
+  // A new secret that is no encryption under the ephemeral key, for the identity key's encData.
+  const TPM_SECRET secret = wrapped_keys::WellKnown();
+  KESTTCS_AUTH_SESSION srk{};
+  ASSERT_EQ(KestAuth_OpenOIAP(h, &secret, &srk), TSS_SUCCESS);
+  const Bytes encNewAuth(64, 0x3C);
+  const Bytes encData(id.key.begin() + std::ptrdiff_t(wrapped_keys::LayoutOf(id.key).pubEnd + 4),
+                      id.key.end());
+  TPM_HMAC link{};
+  Bytes digest;
+  Put16(digest, 0x0005);  // TPM_ET_KEY
+  PutFixed(digest, link);
+  Put32(digest, UINT32(encNewAuth.size()));
+  PutAll(digest, encNewAuth);
+  Put32(digest, UINT32(encData.size()));
+  PutAll(digest, encData);
+  TPM_AUTH auth{};
+  ASSERT_EQ(KestAuth_Authorize(&srk, TPM_ORD_ChangeAuthAsymFinish, digest.data(),
+                               UINT32(digest.size()), 0, &auth),
+            TSS_SUCCESS);
+  UINT32 outSize = 0;
+  BYTE* out = nullptr;
+  TPM_NONCE salt{};
+  TPM_DIGEST proof{};
+  const TSS_RESULT finish = Tcsip_ChangeAuthAsymFinish(
+      h, kSrk, ephemeral, 0x0005, link, UINT32(encNewAuth.size()),
+      const_cast<BYTE*>(encNewAuth.data()), UINT32(encData.size()),
+      const_cast<BYTE*>(encData.data()), &auth, &outSize, &out, &salt, &proof);
+  Tcs_FreeBuffer(out);
+  // The TPM's own code (its layer), unchanged.
+  EXPECT_NE(finish, TSS_SUCCESS);
+  EXPECT_EQ(finish & 0xFFFFF000u, kTcsErrorBase) << std::hex << finish;
 }
 
 }  // namespace
