@@ -1250,7 +1250,8 @@ inline constexpr std::array<Operation, kOperationCount> kOperations = {{
      "The handle list is a number of handles; the service maps them between its own and the TPM's "
      "and returns the list it used."},
     {38, "Tcsip_ReleaseTransportSigned", kResultTracedLocked,
-     Sends<&TPM_ORD_ReleaseTransportSigned>(), detail::kTcsip_ReleaseTransportSigned},
+     Sends<&TPM_ORD_ReleaseTransportSigned>(), detail::kTcsip_ReleaseTransportSigned,
+     "The session must keep a log (TPM_TRANSPORT_LOG); the TPM answers TPM_BAD_MODE otherwise."},
     {39, "Tcsip_Extend", kTraced, Sends<&TPM_ORD_Extend>(), detail::kTcsip_Extend},
     {40, "Tcsip_PcrRead", kTraced, Sends<&TPM_ORD_PcrRead>(), detail::kTcsip_PcrRead},
     {41, "Tcsip_Quote", kTracedLocked, Sends<&TPM_ORD_Quote>(), detail::kTcsip_Quote},

@@ -58,14 +58,25 @@ Bytes Take(UINT32 size, BYTE* data) {
   return out;
 }
 
+// Opens an OIAP session `s` on the well-known secret and authorises on it one command of
+// `ordinal` (without continue) whose input digest parameters are `digest`.
+TPM_AUTH AuthorizeOnce(TCS_CONTEXT_HANDLE h, KESTTCS_AUTH_SESSION* s, TPM_COMMAND_CODE ordinal,
+                       const Bytes& digest) {
+  const TPM_SECRET secret = wrapped_keys::WellKnown();
+  TPM_AUTH auth{};
+  EXPECT_EQ(KestAuth_OpenOIAP(h, &secret, s), TSS_SUCCESS);
+  EXPECT_EQ(KestAuth_Authorize(s, ordinal, digest.data(), UINT32(digest.size()), 0, &auth),
+            TSS_SUCCESS);
+  return auth;
+}
+
 // TPM_MakeIdentity with the well-known secrets: the new secret (well-known too) by ADIP on the
-// owner's OSAP session, the SRK's OIAP session first. When the TPM made the identity, both
+// owner's OSAP session, the SRK's OIAP session sent first. When the TPM made the identity, both
 // sessions' answers are checked.
 Identity MakeIdentity(TCS_CONTEXT_HANDLE h) {
   const TPM_SECRET secret = wrapped_keys::WellKnown();
   KESTTCS_AUTH_SESSION srk{};
   KESTTCS_AUTH_SESSION owner{};
-  EXPECT_EQ(KestAuth_OpenOIAP(h, &secret, &srk), TSS_SUCCESS);
   EXPECT_EQ(KestAuth_OpenOSAP(h, KESTTCS_ET_OWNER, 0, &secret, &owner), TSS_SUCCESS);
   TPM_ENCAUTH identityAuth{};
   EXPECT_EQ(KestAuth_EncAuth(&owner, &secret, KESTTCS_ADIP_EVEN, &identityAuth), TSS_SUCCESS);
@@ -75,11 +86,8 @@ Identity MakeIdentity(TCS_CONTEXT_HANDLE h) {
   PutFixed(digest, identityAuth);
   PutFixed(digest, label);
   PutAll(digest, kIdentityKey);
-  TPM_AUTH srkAuth{};
+  TPM_AUTH srkAuth = AuthorizeOnce(h, &srk, TPM_ORD_MakeIdentity, digest);
   TPM_AUTH ownerAuth{};
-  EXPECT_EQ(KestAuth_Authorize(&srk, TPM_ORD_MakeIdentity, digest.data(), UINT32(digest.size()), 0,
-                               &srkAuth),
-            TSS_SUCCESS);
   EXPECT_EQ(KestAuth_Authorize(&owner, TPM_ORD_MakeIdentity, digest.data(), UINT32(digest.size()),
                                0, &ownerAuth),
             TSS_SUCCESS);
@@ -109,15 +117,10 @@ Identity MakeIdentity(TCS_CONTEXT_HANDLE h) {
 
 // The endorsement key's modulus, read by the owner (TPM_OwnerReadInternalPub on a TPM 1.2).
 Bytes EndorsementModulus(TCS_CONTEXT_HANDLE h) {
-  const TPM_SECRET secret = wrapped_keys::WellKnown();
   KESTTCS_AUTH_SESSION owner{};
-  EXPECT_EQ(KestAuth_OpenOIAP(h, &secret, &owner), TSS_SUCCESS);
   Bytes digest;
   Put32(digest, kKhEk);
-  TPM_AUTH auth{};
-  EXPECT_EQ(KestAuth_Authorize(&owner, TPM_ORD_OwnerReadInternalPub, digest.data(),
-                               UINT32(digest.size()), 0, &auth),
-            TSS_SUCCESS);
+  TPM_AUTH auth = AuthorizeOnce(h, &owner, TPM_ORD_OwnerReadInternalPub, digest);
   UINT32 size = 0;
   BYTE* data = nullptr;
   EXPECT_EQ(Tcsip_OwnerReadPubek(h, &auth, &size, &data), TSS_SUCCESS);
@@ -178,22 +181,13 @@ TEST(IdentityTest, MadeWithEachSetOfCredentialFilesThenActivatedWithTheSessionKe
   std::optional<Bytes> blob = rsa_checks::OaepEncrypt(EndorsementModulus(h), contents);
   ASSERT_TRUE(blob.has_value());
 
-  const TPM_SECRET secret = wrapped_keys::WellKnown();
   KESTTCS_AUTH_SESSION idSession{};
   KESTTCS_AUTH_SESSION owner{};
-  ASSERT_EQ(KestAuth_OpenOIAP(h, &secret, &idSession), TSS_SUCCESS);
-  ASSERT_EQ(KestAuth_OpenOIAP(h, &secret, &owner), TSS_SUCCESS);
   Bytes digest;
   Put32(digest, UINT32(blob->size()));
   PutAll(digest, *blob);
-  TPM_AUTH idAuth{};
-  TPM_AUTH ownerAuth{};
-  ASSERT_EQ(KestAuth_Authorize(&idSession, TPM_ORD_ActivateIdentity, digest.data(),
-                               UINT32(digest.size()), 0, &idAuth),
-            TSS_SUCCESS);
-  ASSERT_EQ(KestAuth_Authorize(&owner, TPM_ORD_ActivateIdentity, digest.data(),
-                               UINT32(digest.size()), 0, &ownerAuth),
-            TSS_SUCCESS);
+  TPM_AUTH idAuth = AuthorizeOnce(h, &idSession, TPM_ORD_ActivateIdentity, digest);
+  TPM_AUTH ownerAuth = AuthorizeOnce(h, &owner, TPM_ORD_ActivateIdentity, digest);
   UINT32 size = 0;
   BYTE* data = nullptr;
   ASSERT_EQ(Tcsip_ActivateTPMIdentity(h, idKey, UINT32(blob->size()), blob->data(), &idAuth,
@@ -214,9 +208,6 @@ TEST(IdentityTest, MadeWithEachSetOfCredentialFilesThenActivatedWithTheSessionKe
 // the TPM's handle of the ephemeral key.
 TCS_KEY_HANDLE StartAsymmetricChange(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE idKey,
                                      const Bytes& idModulus) {
-  const TPM_SECRET secret = wrapped_keys::WellKnown();
-  KESTTCS_AUTH_SESSION s{};
-  EXPECT_EQ(KestAuth_OpenOIAP(h, &secret, &s), TSS_SUCCESS);
   // An ephemeral key's parameters: RSA 512, OAEP, no signatures.
   Bytes tempKey;
   Put32(tempKey, 1);
@@ -231,10 +222,8 @@ TCS_KEY_HANDLE StartAsymmetricChange(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE idKey,
   Bytes digest;
   PutFixed(digest, antiReplay);
   PutAll(digest, tempKey);
-  TPM_AUTH auth{};
-  EXPECT_EQ(KestAuth_Authorize(&s, TPM_ORD_ChangeAuthAsymStart, digest.data(),
-                               UINT32(digest.size()), 0, &auth),
-            TSS_SUCCESS);
+  KESTTCS_AUTH_SESSION s{};
+  TPM_AUTH auth = AuthorizeOnce(h, &s, TPM_ORD_ChangeAuthAsymStart, digest);
   UINT32 sizes[3] = {};
   BYTE* data[3] = {};
   TCS_KEY_HANDLE ephemeral = 0;
@@ -271,9 +260,6 @@ TEST(IdentityTest, TheAsymmetricSecretChangeCertifiesAnEphemeralKeyAndPassesRefu
   const TCS_KEY_HANDLE ephemeral = StartAsymmetricChange(h, idKey, wrapped_keys::ModulusOf(id.key));
 
   // A new secret that is no encryption under the ephemeral key, for the identity key's encData.
-  const TPM_SECRET secret = wrapped_keys::WellKnown();
-  KESTTCS_AUTH_SESSION srk{};
-  ASSERT_EQ(KestAuth_OpenOIAP(h, &secret, &srk), TSS_SUCCESS);
   const Bytes encNewAuth(64, 0x3C);
   const Bytes encData(id.key.begin() + std::ptrdiff_t(wrapped_keys::LayoutOf(id.key).pubEnd + 4),
                       id.key.end());
@@ -285,10 +271,8 @@ TEST(IdentityTest, TheAsymmetricSecretChangeCertifiesAnEphemeralKeyAndPassesRefu
   PutAll(digest, encNewAuth);
   Put32(digest, UINT32(encData.size()));
   PutAll(digest, encData);
-  TPM_AUTH auth{};
-  ASSERT_EQ(KestAuth_Authorize(&srk, TPM_ORD_ChangeAuthAsymFinish, digest.data(),
-                               UINT32(digest.size()), 0, &auth),
-            TSS_SUCCESS);
+  KESTTCS_AUTH_SESSION srk{};
+  TPM_AUTH auth = AuthorizeOnce(h, &srk, TPM_ORD_ChangeAuthAsymFinish, digest);
   UINT32 outSize = 0;
   BYTE* out = nullptr;
   TPM_NONCE salt{};
