@@ -8,6 +8,7 @@
 // with a secret the ephemeral key did not encrypt passes the TPM's refusal through.
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -136,13 +137,24 @@ void WriteFile(const fs::path& path, const std::string& contents) {
 
 Bytes BytesOf(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
-TEST(IdentityTest, MadeWithEachSetOfCredentialFilesThenActivatedWithTheSessionKey) {
-  TempDir dir;
-  const fs::path home = fs::path(dir.path()) / "home";
-  KesttcsdProcess daemon(home, /*owned=*/false);
-  ASSERT_TRUE(StartProvisioned(daemon, fs::path(dir.path()) / "cli.txt"));
-  TCS_CONTEXT_HANDLE h = 0;
-  ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+// A provisioned daemon with a context open.
+class IdentityTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    daemon_ = std::make_unique<KesttcsdProcess>(home_, /*owned=*/false);
+    ASSERT_TRUE(StartProvisioned(*daemon_, fs::path(dir_.path()) / "cli.txt"));
+    ASSERT_EQ(Tcsi_OpenContext(&h_), TSS_SUCCESS);
+  }
+
+  TempDir dir_;
+  const fs::path home_ = fs::path(dir_.path()) / "home";
+  std::unique_ptr<KesttcsdProcess> daemon_;
+  TCS_CONTEXT_HANDLE h_ = 0;
+};
+
+TEST_F(IdentityTest, MadeWithEachSetOfCredentialFilesThenActivatedWithTheSessionKey) {
+  const fs::path& home = home_;
+  const TCS_CONTEXT_HANDLE h = h_;
 
   WriteFile(home / "EKCert.crt", "endorsement credential");
   WriteFile(home / "PlatCred.crt", "platform credential");
@@ -247,13 +259,8 @@ TCS_KEY_HANDLE StartAsymmetricChange(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE idKey,
   return ephemeral;
 }
 
-TEST(IdentityTest, TheAsymmetricSecretChangeCertifiesAnEphemeralKeyAndPassesRefusalsThrough) {
-  TempDir dir;
-  const fs::path home = fs::path(dir.path()) / "home";
-  KesttcsdProcess daemon(home, /*owned=*/false);
-  ASSERT_TRUE(StartProvisioned(daemon, fs::path(dir.path()) / "cli.txt"));
-  TCS_CONTEXT_HANDLE h = 0;
-  ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+TEST_F(IdentityTest, TheAsymmetricSecretChangeCertifiesAnEphemeralKeyAndPassesRefusalsThrough) {
+  const TCS_CONTEXT_HANDLE h = h_;
   const Identity id = MakeIdentity(h);
   ASSERT_FALSE(id.key.empty());
   const TCS_KEY_HANDLE idKey = wrapped_keys::Load(h, kSrk, id.key);
