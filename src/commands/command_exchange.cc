@@ -75,6 +75,13 @@ TSS_RESULT TpmCommand::UseSessions(TPM_AUTH* first, TPM_AUTH* second) noexcept {
   return TSS_SUCCESS;
 }
 
+TSS_RESULT TpmCommand::UseTransportSession(TPM_AUTH* transport) noexcept {
+  if (transport == nullptr) return TCS_E_INTERNAL_ERROR;
+  if (sessionCount_ == sessions_.size()) return TCS_E_BAD_PARAMETER;
+  sessions_[sessionCount_++] = transport;
+  return TSS_SUCCESS;
+}
+
 TPM_TAG TpmCommand::SessionTag() const noexcept {
   switch (sessionCount_) {
     case 0:

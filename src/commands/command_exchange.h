@@ -38,6 +38,14 @@ constexpr bool FitsCommandBuffer(UINT64 variableBytes, UINT32 fixedBytes) noexce
   return variableBytes + fixedBytes <= kTpmBlobSize;
 }
 
+// True when `bytes` hold exactly one T in its wire form (a caller's structure that is sent as its
+// own bytes, since the caller's HMAC covers them).
+template <class T>
+bool HoldsExactlyOne(std::span<const BYTE> bytes) noexcept {
+  BlobReader reader(bytes);
+  return UnloadBlob(reader, static_cast<T*>(nullptr)) == TSS_SUCCESS && reader.remaining() == 0;
+}
+
 class TpmCommand {
  public:
   TpmCommand(TCS_CONTEXT_HANDLE hContext, TPM_COMMAND_CODE ordinal) noexcept
@@ -77,6 +85,12 @@ class TpmCommand {
   // auth_mgr_check_auth: TCS_E_INTERNAL_ERROR for a session the context does not own, and nothing
   // is sent. Call after Check.
   [[nodiscard]] TSS_RESULT UseSessions(TPM_AUTH* first, TPM_AUTH* second = nullptr) noexcept;
+
+  // Adds a transport session (TPM_ExecuteTransport, TPM_ReleaseTransportSigned) as the command's
+  // last authorisation. The session table holds no transport sessions, so it is not checked here:
+  // the transport operations check the session's owner first. TCS_E_INTERNAL_ERROR for a null
+  // session, TCS_E_BAD_PARAMETER when the command already carries two. Call after UseSessions.
+  [[nodiscard]] TSS_RESULT UseTransportSession(TPM_AUTH* transport) noexcept;
 
   // Run for the sessions UseSessions named: tag 0x00C1, 0x00C2 or 0x00C3 by their number, their
   // request trailers after `fields`. When the exchange fails or the TPM refuses the command, every

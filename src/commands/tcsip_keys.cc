@@ -17,12 +17,6 @@ namespace {
 constexpr UINT32 kCreateWrapKeyFixedBytes =
     kTpmHeaderSize + 4 + 2 * sizeof(TPM_ENCAUTH) + kAuthRequestTrailerSize;
 
-bool IsOneKey(std::span<const BYTE> bytes) {
-  TPM_KEY key;
-  BlobReader reader(bytes);
-  return UnloadBlob(reader, &key) == TSS_SUCCESS && reader.remaining() == 0;
-}
-
 }  // namespace
 
 TSS_RESULT Tcsip_CreateWrapKey_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE hWrappingKey,
@@ -34,7 +28,7 @@ TSS_RESULT Tcsip_CreateWrapKey_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HAN
   TpmCommand command(hContext, TPM_ORD_CreateWrapKey);
   if (TSS_RESULT rc = command.Check(kCreateWrapKeyFixedBytes, keyInfoSize, keyInfo)) return rc;
   const std::span<const BYTE> info(keyInfo, keyInfoSize);
-  if (pAuth == nullptr || !IsOneKey(info)) return TCS_E_BAD_PARAMETER;
+  if (pAuth == nullptr || !HoldsExactlyOne<TPM_KEY>(info)) return TCS_E_BAD_PARAMETER;
   TPM_KEY_HANDLE slot = kNoTpmHandle;
   if (TSS_RESULT rc = command.UseKey(hWrappingKey, &slot)) return rc;
   if (TSS_RESULT rc = command.UseSessions(pAuth)) return rc;

@@ -26,6 +26,10 @@
 #include "commands/tcsip_sessions.h"
 #include "commands/tcsip_vendor_features.h"
 #include "commands/vendor_commands.h"
+// Transport sessions, secret changes and identities.
+#include "commands/tcsip_change_auth.h"
+#include "commands/tcsip_identity.h"
+#include "commands/tcsip_transport.h"
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"
 #include "keys/key_eviction.h"
@@ -317,6 +321,15 @@ constexpr Binding kBindings[] = {
     Bind<&Tcsip_GetCapabilitySigned_Internal>(),
     Bind<&Tcsip_CertifySelfTest_Internal>(),
     Bind<&Tcsip_TickStampBlob_Internal>(),
+    // Transport sessions, secret changes and identities.
+    Bind<&Tcsip_MakeIdentity_Internal>(),
+    Bind<&Tcsip_ChangeAuth_Internal>(),
+    Bind<&Tcsip_ChangeAuthAsymStart_Internal>(),
+    Bind<&Tcsip_ChangeAuthAsymFinish_Internal>(),
+    Bind<&Tcsip_ActivateTPMIdentity_Internal>(),
+    Bind<&Tcsip_EstablishTransport_Internal>(),
+    Bind<&Tcsip_ExecuteTransport_Internal>(),
+    Bind<&Tcsip_ReleaseTransportSigned_Internal>(),
 };
 
 constexpr std::array<InternalCall, rpc::kOperationCount> MakeTable() {

@@ -1236,9 +1236,10 @@ inline constexpr std::array<Operation, kOperationCount> kOperations = {{
     {32, "Tcsip_ChangeAuthAsymStart", kTracedLocked, Sends<&TPM_ORD_ChangeAuthAsymStart>(),
      detail::kTcsip_ChangeAuthAsymStart,
      "Deprecated ordinal. Outputs come in this order, not in the TPM's; the service reorders "
-     "them."},
+     "them. ephHandle is the TPM's handle of the ephemeral key."},
     {33, "Tcsip_ChangeAuthAsymFinish", kTracedLocked, Sends<&TPM_ORD_ChangeAuthAsymFinish>(),
-     detail::kTcsip_ChangeAuthAsymFinish, "Deprecated ordinal."},
+     detail::kTcsip_ChangeAuthAsymFinish,
+     "Deprecated ordinal. ephHandle is the TPM's handle that Tcsip_ChangeAuthAsymStart gave."},
     {34, "Tcsip_TerminateHandle", kTraced, Sends<&TPM_ORD_Terminate_Handle>(),
      detail::kTcsip_TerminateHandle, "Deprecated ordinal; a TPM 1.2 uses FlushSpecific."},
     {35, "Tcsip_ActivateTPMIdentity", kTracedLocked, Sends<&TPM_ORD_ActivateIdentity>(),
@@ -1251,7 +1252,8 @@ inline constexpr std::array<Operation, kOperationCount> kOperations = {{
      "The handle list is a number of handles; the service maps them between its own and the TPM's "
      "and returns the list it used."},
     {38, "Tcsip_ReleaseTransportSigned", kResultTracedLocked,
-     Sends<&TPM_ORD_ReleaseTransportSigned>(), detail::kTcsip_ReleaseTransportSigned},
+     Sends<&TPM_ORD_ReleaseTransportSigned>(), detail::kTcsip_ReleaseTransportSigned,
+     "The session must keep a log (TPM_TRANSPORT_LOG); the TPM answers TPM_BAD_MODE otherwise."},
     {39, "Tcsip_Extend", kTraced, Sends<&TPM_ORD_Extend>(), detail::kTcsip_Extend},
     {40, "Tcsip_PcrRead", kTraced, Sends<&TPM_ORD_PcrRead>(), detail::kTcsip_PcrRead},
     {41, "Tcsip_Quote", kTracedLocked, Sends<&TPM_ORD_Quote>(), detail::kTcsip_Quote},

@@ -14,6 +14,7 @@
 #include <kesttcs/tcs_results.h>
 
 #include "base/logging.h"
+#include "commands/tcsip_transport.h"
 #include "commands/tpm_metrics.h"
 #include "contexts/contexts.h"
 #include "keys/auth_mgr.h"
@@ -25,6 +26,7 @@
 #include "service/event_log_start.h"
 #include "service/instance_lock.h"
 #include "storage/audit_log.h"
+#include "storage/identity_credentials.h"
 #include "storage/owner_held_keys.h"
 #include "storage/persistent_storage.h"
 #include "tpm/driver.h"
@@ -197,6 +199,14 @@ TSS_RESULT StepPowerHandling() {
   return TSS_SUCCESS;
 }
 
+// Transport sessions end with the context that owns them; identities find their credential files
+// in the home directory.
+TSS_RESULT StepTransportAndCredentials() {
+  transport_init();
+  identity_credentials_SetDirectory(g_paths.home);
+  return TSS_SUCCESS;
+}
+
 struct StartupStep {
   const char* name;
   TSS_RESULT (*run)();
@@ -223,6 +233,7 @@ constexpr StartupStep kStartupSteps[] = {
     {"owner-held keys", StepOwnerHeldKeys, UndoOwnerKeysKeyCacheAndTpmAccess, nullptr},
     {"PCR event log", StepCreateEventLog, UndoOwnerKeysSessionsKeyCacheAndTpmAccess, nullptr},
     {"power handling", StepPowerHandling, nullptr, nullptr},
+    {"transport and credentials", StepTransportAndCredentials, nullptr, nullptr},
 };
 
 // ---- Shut-down steps ----

@@ -266,6 +266,19 @@ struct WireForm<TPM_CURRENT_TICKS> {
   static constexpr auto kFields = FieldList(&S::tag, &S::currentTicks, &S::tickRate, &S::tickNonce);
 };
 
+// What TPM_ActivateIdentity releases: the session key the certificate was encrypted with.
+struct TPM_SYMMETRIC_KEY {
+  TPM_ALGORITHM_ID algId = 0;
+  TPM_ENC_SCHEME encScheme = 0;
+  UINT16 size = 0;
+  std::vector<BYTE> data;
+};
+template <>
+struct WireForm<TPM_SYMMETRIC_KEY> {
+  using S = TPM_SYMMETRIC_KEY;
+  static constexpr auto kFields = FieldList(&S::algId, &S::encScheme, Sized(&S::size, &S::data));
+};
+
 struct TPM_NV_ATTRIBUTES {
   TPM_STRUCTURE_TAG tag = 0;
   UINT32 attributes = 0;

@@ -4,8 +4,9 @@
 // and the session table's bookkeeping), the audit digest and its report, the vendor commands and
 // sequence, NV storage, counters, maintenance, the revocable endorsement key, field upgrade
 // and redirection, the data-protection and signing commands (with zero, one and two sessions),
-// the metrics (every path the answers lead to), the vendor classifier and key eviction parse
-// whatever comes back without crashing or reading past the response.
+// the transport sessions, the secret changes and the identities, the metrics (every path the
+// answers lead to), the vendor classifier and key eviction parse whatever comes back without
+// crashing or reading past the response.
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -14,8 +15,10 @@
 #include "commands/capability.h"
 #include "commands/tcsip_attest.h"
 #include "commands/tcsip_audit.h"
+#include "commands/tcsip_change_auth.h"
 #include "commands/tcsip_counters.h"
 #include "commands/tcsip_endorsement.h"
+#include "commands/tcsip_identity.h"
 #include "commands/tcsip_key_control.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tcsip_maintenance.h"
@@ -23,6 +26,7 @@
 #include "commands/tcsip_owner.h"
 #include "commands/tcsip_seal.h"
 #include "commands/tcsip_sessions.h"
+#include "commands/tcsip_transport.h"
 #include "commands/tcsip_vendor_features.h"
 #include "commands/tpm_metrics.h"
 #include "commands/vendor_commands.h"
@@ -214,6 +218,64 @@ void RunKeyedCommands(TCS_CONTEXT_HANDLE h) {
   }
 }
 
+// Transport sessions (the one the TPM's answer established, with a wrapped command that names the
+// SRK and carries a session), secret changes and identities.
+void RunTransportAndIdentityCommands(TCS_CONTEXT_HANDLE h) {
+  std::array<BYTE, 300> input{};
+  // TPM_TRANSPORT_PUBLIC: tag, attributes (log, exclusive), algorithm, scheme.
+  const std::array<BYTE, 12> transPublic = {0, 0x0E, 0, 0, 0, 6, 0, 0, 0, 0, 0, 0};
+  TPM_NONCE nonce{};
+  TPM_DIGEST digest{};
+  UINT32 size = 0;
+  BYTE* out = nullptr;
+  UINT32 ticksSize = 0;
+  BYTE* ticks = nullptr;
+  TPM_MODIFIER_INDICATOR locality = 0;
+  TCS_HANDLE transHandle = 0;
+  TPM_AUTH transAuth{};
+  static_cast<void>(Tcsip_EstablishTransport_Internal(
+      h, 1, TPM_KH_TRANSPORT, UINT32(transPublic.size()), transPublic.data(), 20, input.data(),
+      nullptr, &locality, &transHandle, &ticksSize, &ticks, &nonce));
+  transAuth.AuthHandle = transHandle;
+  transAuth.fContinueAuthSession = 1;
+  TPM_AUTH wrappedAuth = OpenSession(h);
+  std::array<TCS_HANDLE, 2> handles = {0x40000000, 0x40000001};
+  TCS_HANDLE* handleList = handles.data();
+  UINT32 handleCount = UINT32(handles.size());
+  UINT64 currentTicks = 0;
+  TPM_RESULT wrappedCode = 0;
+  static_cast<void>(Tcsip_ExecuteTransport_Internal(
+      h, 0x46, 4, input.data(), &handleCount, &handleList, &wrappedAuth, nullptr, &transAuth,
+      &currentTicks, &locality, &wrappedCode, &size, &out));
+  static_cast<void>(Tcsip_ReleaseTransportSigned_Internal(
+      h, 0x40000000, nonce, nullptr, &transAuth, &locality, &ticksSize, &ticks, &size, &out));
+  TPM_AUTH first = OpenSession(h);
+  TPM_AUTH second = OpenSession(h);
+  static_cast<void>(Tcsip_ChangeAuth_Internal(h, 0x40000000, 4, TPM_ENCAUTH{}, 5, 20, input.data(),
+                                              &first, &second, &size, &out));
+  // 12 zero bytes are the smallest well-formed TPM_KEY_PARMS.
+  TCS_KEY_HANDLE ephemeral = 0;
+  UINT32 certifySize = 0;
+  BYTE* certify = nullptr;
+  UINT32 sigSize = 0;
+  BYTE* sig = nullptr;
+  static_cast<void>(Tcsip_ChangeAuthAsymStart_Internal(h, 0x40000000, nonce, 12, input.data(),
+                                                       nullptr, &size, &out, &certifySize, &certify,
+                                                       &sigSize, &sig, &ephemeral));
+  static_cast<void>(Tcsip_ChangeAuthAsymFinish_Internal(h, 0x40000000, ephemeral, 5, digest, 20,
+                                                        input.data(), 20, input.data(), nullptr,
+                                                        &size, &out, &nonce, &digest));
+  TPM_AUTH owner = OpenSession(h);
+  std::array<UINT32, 5> sizes{};
+  std::array<BYTE*, 5> outs{};
+  static_cast<void>(Tcsip_MakeIdentity_Internal(
+      h, TPM_ENCAUTH{}, digest, 35, input.data(), nullptr, &owner, &sizes[0], &outs[0], &sizes[1],
+      &outs[1], &sizes[2], &outs[2], &sizes[3], &outs[3], &sizes[4], &outs[4]));
+  owner = OpenSession(h);
+  static_cast<void>(Tcsip_ActivateTPMIdentity_Internal(h, 0x40000000, 20, input.data(), nullptr,
+                                                       &owner, &size, &out));
+}
+
 }  // namespace
 }  // namespace kesttcs
 
@@ -226,6 +288,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     RunEveryCommand(hContext);
     RunSessionCommands(hContext);
     RunKeyedCommands(hContext);
+    RunTransportAndIdentityCommands(hContext);
   }
   return 0;
 }

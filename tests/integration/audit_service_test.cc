@@ -24,7 +24,7 @@
 
 #include "daemon_process.h"
 #include "kesttcsd_process.h"
-#include "rsa_check.h"
+#include "rsa_checks.h"
 #include "wrapped_keys.h"
 
 namespace kesttcs::testing {
@@ -37,8 +37,8 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using Bytes = std::vector<BYTE>;
-using rsa_check::Sha1;
-using rsa_check::VerifiesWith;
+using rsa_checks::Sha1;
+using rsa_checks::VerifiesWith;
 using wrapped_keys::Put16;
 using wrapped_keys::Put32;
 using wrapped_keys::PutAll;

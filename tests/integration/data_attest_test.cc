@@ -5,13 +5,12 @@
 // TPM signed, RSA verification against the modulus that Tcsip_GetPubKey gives). The members that a
 // TPM 1.2 no longer has get the TPM's own answer back. RSA key making is slow, so one daemon and
 // one set of keys, each made when a test first uses it, serve the whole file.
-#include <openssl/evp.h>
-#include <openssl/rsa.h>
 
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -26,15 +25,15 @@
 
 #include "daemon_process.h"
 #include "kesttcsd_process.h"
-#include "rsa_check.h"
+#include "rsa_checks.h"
 #include "wrapped_keys.h"
 
 namespace kesttcs::testing {
 namespace {
 
 using Bytes = std::vector<BYTE>;
-using rsa_check::Sha1;
-using rsa_check::VerifiesWith;
+using rsa_checks::Sha1;
+using rsa_checks::VerifiesWith;
 using wrapped_keys::Get32;
 using wrapped_keys::KeyInfo;
 using wrapped_keys::kSrk;
@@ -290,19 +289,9 @@ TEST_F(DataAttestTest, DataBoundToABindKeyUnbinds) {
   const Bytes secret = {'b', 'o', 'u', 'n', 'd'};
   Bytes bound = {1, 1, 0, 0, 2};
   PutAll(bound, secret);
-  const auto key = rsa_check::PublicKey(Modulus(h_, Binder()));
-  ASSERT_TRUE(key);
-  std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(
-      EVP_PKEY_CTX_new(key.get(), nullptr), EVP_PKEY_CTX_free);
-  void* label = OPENSSL_memdup("TCPA", 4);
-  ASSERT_EQ(EVP_PKEY_encrypt_init(ctx.get()), 1);
-  ASSERT_EQ(EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_OAEP_PADDING), 1);
-  ASSERT_EQ(EVP_PKEY_CTX_set_rsa_oaep_md(ctx.get(), EVP_sha1()), 1);
-  ASSERT_EQ(EVP_PKEY_CTX_set0_rsa_oaep_label(ctx.get(), label, 4), 1);
-  size_t encSize = 0;
-  ASSERT_EQ(EVP_PKEY_encrypt(ctx.get(), nullptr, &encSize, bound.data(), bound.size()), 1);
-  Bytes enc(encSize);
-  ASSERT_EQ(EVP_PKEY_encrypt(ctx.get(), enc.data(), &encSize, bound.data(), bound.size()), 1);
+  const std::optional<Bytes> sealed = rsa_checks::OaepEncrypt(Modulus(h_, Binder()), bound);
+  ASSERT_TRUE(sealed);
+  const Bytes& enc = *sealed;
 
   UINT32 size = 0;
   BYTE* out = nullptr;
