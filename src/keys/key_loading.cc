@@ -339,6 +339,13 @@ TSS_RESULT Tcsip_LoadKeyByUUID_Internal(TCS_CONTEXT_HANDLE hContext, const TSS_U
                                         TCS_KEY_HANDLE* phKeyTCSI) {
   if (TSS_RESULT rc = ctx_ValidateContext(hContext)) return rc;
   if (phKeyTCSI == nullptr) return TCS_E_BAD_PARAMETER;
+  if (IsSrkUuid(KeyUUID) && getSlotByHandle(kSrkKeyHandle) != kNoTpmHandle) {
+    // Cached since ownership was taken or the SRK was first asked for: the TPM need not be asked
+    // for its public part, which the owner may keep unreadable.
+    if (AddReference(hContext, kSrkKeyHandle) != TSS_SUCCESS) return TCS_E_INTERNAL_ERROR;
+    *phKeyTCSI = kSrkKeyHandle;
+    return TSS_SUCCESS;
+  }
   std::vector<BYTE> blob;
   TPM_KEY key;
   if (TSS_RESULT rc = RegisteredKey(KeyUUID, &blob, &key)) return rc;

@@ -6,6 +6,7 @@
 
 #include <kesttcs/tcs_results.h>
 
+#include "base/logging.h"
 #include "base/mutex.h"
 #include "contexts/contexts.h"
 #include "keys/auth_mgr.h"
@@ -38,6 +39,19 @@ std::optional<TPM_SECRET> Secret() {
 void FillRandom(TPM_NONCE* nonce) {
   std::random_device device;
   for (BYTE& b : nonce->nonce) b = static_cast<BYTE>(device());
+}
+
+// The parameters every SRK has: a 2048-bit RSA key of two primes with the default exponent, OAEP
+// encryption and no signing.
+TPM_KEY_PARMS SrkKeyParms() {
+  TPM_KEY_PARMS parms;
+  parms.algorithmID = 0x00000001;  // TPM_ALG_RSA
+  parms.encScheme = 0x0003;        // TPM_ES_RSAESOAEP_SHA1_MGF1
+  parms.sigScheme = 0x0001;        // TPM_SS_NONE
+  // TPM_RSA_KEY_PARMS: keyLength 2048, numPrimes 2, exponentSize 0.
+  parms.parms = {0, 0, 8, 0, 0, 0, 0, 2, 0, 0, 0, 0};
+  parms.parmSize = static_cast<UINT32>(parms.parms.size());
+  return parms;
 }
 
 }  // namespace
@@ -116,6 +130,15 @@ TSS_RESULT ReadSrkKey(TPM_KEY* srk) {
   TSS_RESULT result = command.Run(TPM_TAG_RQU_AUTH1_COMMAND, kSrkHandle, auth);
   if (result == TSS_SUCCESS) result = command.Unload(&pub);
   session.Finish(result);
+  if (result == TPM_E_INVALID_KEYHANDLE) {
+    // The owner keeps the SRK's public part unreadable. Every SRK has the same parameters (a
+    // 2048-bit RSA storage key with OAEP encryption and no signing), and its children are loaded
+    // under its fixed handle, so the key is known but for its modulus.
+    TcsTracef("ReadSrkKey: the TPM keeps the SRK's public part unreadable");
+    pub = TPM_PUBKEY{};
+    pub.algorithmParms = SrkKeyParms();
+    result = TSS_SUCCESS;
+  }
   if (result != TSS_SUCCESS) return result;
   *srk = TPM_KEY{};
   srk->ver = TPM_STRUCT_VER{1, 1, 0, 0};

@@ -45,8 +45,9 @@ class SrkSession {
 };
 
 // The TPM's SRK as a key structure without its private part: TPM_GetPubKey on the SRK authorised
-// by the service (needs the secret, and a TPM that lets the SRK's public part be read), wrapped as
-// a version 1.1 storage key that needs authorisation. The OIAP and GetPubKey results otherwise.
+// by the service (needs the secret), wrapped as a version 1.1 storage key that needs
+// authorisation. A TPM that keeps the SRK's public part unreadable gives the SRK's fixed
+// parameters with an empty modulus. The OIAP and GetPubKey results otherwise.
 [[nodiscard]] TSS_RESULT ReadSrkKey(TPM_KEY* srk);
 
 }  // namespace kesttcs

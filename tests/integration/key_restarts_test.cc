@@ -171,11 +171,19 @@ TEST_F(KeyRestartsTest, ADepthThreeChainLoadsByUuidInAFreshContextAfterARestart)
                                0, nullptr),
               TSS_SUCCESS);
   }
+  // The SRK by its UUID: the TPM keeps its public part unreadable, so the service answers from
+  // what it knows (cached at ownership before the restart, its fixed form after it).
+  TCS_KEY_HANDLE srk = 0;
+  EXPECT_EQ(Tcsip_LoadKeyByUUID(h, kSrkUuid, nullptr, &srk), TSS_SUCCESS);
+  EXPECT_EQ(srk, kSrk);
   ASSERT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);
   ASSERT_EQ(daemon->Stop(), 0);
 
   daemon = StartDaemon("libtpms", /*provision=*/false);
   ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
+  srk = 0;
+  EXPECT_EQ(Tcsip_LoadKeyByUUID(h, kSrkUuid, nullptr, &srk), TSS_SUCCESS);
+  EXPECT_EQ(srk, kSrk);
   TCS_KEY_HANDLE key = 0;
   ASSERT_EQ(Tcsip_LoadKeyByUUID(h, kSigningUuid, nullptr, &key), TSS_SUCCESS);
   Bytes pub;
