@@ -13,8 +13,12 @@
 
 #include "commands/capability.h"
 #include "commands/tcsip_audit.h"
+#include "commands/tcsip_cmk.h"
+#include "commands/tcsip_daa.h"
+#include "commands/tcsip_delegation.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tcsip_keys.h"
+#include "commands/tcsip_migration.h"
 #include "commands/tcsip_owner.h"
 #include "commands/tcsip_sessions.h"
 #include "commands/vendor_commands.h"
@@ -276,6 +280,26 @@ constexpr Binding kBindings[] = {
     Bind<&Tcsip_GetAuditDigestSigned_Internal>(),
     Bind<&Tcsip_SetOrdinalAuditStatus_Internal>(),
     Bind<&Tcsip_ResetLockValue_Internal>(),
+    // Delegation, DAA, migration and certified migration.
+    Bind<&Tcsip_CreateMigrationBlob_Internal>(),
+    Bind<&Tcsip_ConvertMigrationBlob_Internal>(),
+    Bind<&Tcsip_AuthorizeMigrationKey_Internal>(),
+    Bind<&Tcsip_Delegate_Manage_Internal>(),
+    Bind<&Tcsip_Delegate_CreateKeyDelegation_Internal>(),
+    Bind<&Tcsip_Delegate_CreateOwnerDelegation_Internal>(),
+    Bind<&Tcsip_Delegate_LoadOwnerDelegation_Internal>(),
+    Bind<&Tcsip_Delegate_UpdateVerificationCount_Internal>(),
+    Bind<&Tcsip_Delegate_VerifyDelegation_Internal>(),
+    Bind<&Tcsip_Delegate_ReadTable_Internal>(),
+    Bind<&Tcsip_TPM_DAA_Join_Internal>(),
+    Bind<&Tcsip_TPM_DAA_Sign_Internal>(),
+    Bind<&Tcsip_MigrateKey_Internal>(),
+    Bind<&Tcsip_CMK_SetRestrictions_Internal>(),
+    Bind<&Tcsip_CMK_ApproveMA_Internal>(),
+    Bind<&Tcsip_CMK_CreateKey_Internal>(),
+    Bind<&Tcsip_CMK_CreateTicket_Internal>(),
+    Bind<&Tcsip_CMK_CreateBlob_Internal>(),
+    Bind<&Tcsip_CMK_ConvertMigration_Internal>(),
 };
 
 constexpr std::array<InternalCall, rpc::kOperationCount> MakeTable() {

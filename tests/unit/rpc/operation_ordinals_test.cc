@@ -80,6 +80,15 @@ std::optional<std::vector<UINT32>> SentInstead(std::string_view name) {
   if (name == "Tcsip_EvictKey" || name == "Tcsip_CreateWrapKey" || name == "Tcsip_GetPubKey") {
     return std::vector<UINT32>{};
   }
+  // Refused before sending: an empty structure sent without a size is none (TPM_DELEGATE_PUBLIC,
+  // TPM_MIGRATIONKEYAUTH, TPM_PUBKEY, TPM_KEY12), and key handle 0 names no key.
+  for (std::string_view refused :
+       {"Tcsip_Delegate_CreateKeyDelegation", "Tcsip_Delegate_CreateOwnerDelegation",
+        "Tcsip_CreateMigrationBlob", "Tcsip_ConvertMigrationBlob", "Tcsip_AuthorizeMigrationKey",
+        "Tcsip_MigrateKey", "Tcsip_CMK_CreateKey", "Tcsip_CMK_CreateTicket", "Tcsip_CMK_CreateBlob",
+        "Tcsip_CMK_ConvertMigration"}) {
+    if (name == refused) return std::vector<UINT32>{};
+  }
   return std::nullopt;
 }
 
