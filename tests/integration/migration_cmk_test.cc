@@ -3,8 +3,9 @@
 // and every answer's HMAC checked:
 //  - a migratable key made under the SRK is authorised for a new parent by the owner, rewrapped
 //    for it (TPM_MS_REWRAP) and, in the migrate scheme, converted under it with its random pad;
-//    both results load under the new parent with the key's public part unchanged. A storage key
-//    is no migration authority: TPM_MigrateKey gets the TPM's refusal back unchanged;
+//    it also goes through a migration authority's key, which re-encrypts it for the new parent
+//    (a storage key acting as the authority gets the TPM's refusal back unchanged); every result
+//    loads under the new parent with the key's public part unchanged;
 //  - certified migration with a migration authority whose key OpenSSL holds: the owner restricts
 //    delegated use and approves the authority, a certified migratable key is made for it, a
 //    signature of the authority becomes a ticket (a spoiled one is refused), the key's migration
@@ -42,6 +43,7 @@ using wrapped_keys::PubKeyOf;
 constexpr UINT16 kMigrate = 1;
 constexpr UINT16 kRewrap = 2;
 constexpr UINT16 kRestrictMigrate = 4;
+constexpr UINT16 kMigrateUsage = 0x0016;
 constexpr size_t kKeyFlagsAt = 6;
 constexpr BYTE kMigratable = 0x02;
 constexpr BYTE kMigrateAuthority = 0x10;
@@ -104,6 +106,35 @@ class MigrationCmkTest : public OwnedDaemonTest {
     return r;
   }
 
+  TSS_RESULT Convert(TCS_KEY_HANDLE parent, const Bytes& migrated, const Bytes& random,
+                     Bytes* encData) {
+    UINT32 size = 0;
+    BYTE* data = nullptr;
+    const TSS_RESULT r = Tcsip_ConvertMigrationBlob(
+        h_, parent, UINT32(migrated.size()), const_cast<BYTE*>(migrated.data()),
+        UINT32(random.size()), const_cast<BYTE*>(random.data()), nullptr, &size, &data);
+    *encData = Take(data, size);
+    return r;
+  }
+
+  // TPM_MigrateKey: the authority key `authority` (its session OIAP with the well-known secret)
+  // re-encrypts `inData` for `destination`.
+  TSS_RESULT MigrateKey(TCS_KEY_HANDLE authority, const Bytes& destination, const Bytes& inData,
+                        Bytes* outData) {
+    return OverOIAP(
+        h_, wellKnown_, TPM_ORD_MigrateKey, Cat({destination, U32(UINT32(inData.size())), inData}),
+        [&](TPM_AUTH* a, Bytes* out) {
+          UINT32 size = 0;
+          BYTE* data = nullptr;
+          const TSS_RESULT r = Tcsip_MigrateKey(
+              h_, authority, UINT32(destination.size()), const_cast<BYTE*>(destination.data()),
+              UINT32(inData.size()), const_cast<BYTE*>(inData.data()), a, &size, &data);
+          *outData = Take(data, size);
+          *out = Cat({U32(size), *outData});
+          return r;
+        });
+  }
+
   Bytes PubKey(TCS_KEY_HANDLE key) {
     UINT32 size = 0;
     BYTE* data = nullptr;
@@ -141,30 +172,25 @@ TEST_F(MigrationCmkTest, MigratableKeyRewrappedAndConvertedUnderANewParentKeepsI
   ASSERT_EQ(CreateMigrationBlob(kMigrate, keyAuth, EncDataOf(keyBlob), &random, &migrated),
             TSS_SUCCESS);
   EXPECT_FALSE(random.empty());
-  UINT32 size = 0;
-  BYTE* data = nullptr;
-  ASSERT_EQ(Tcsip_ConvertMigrationBlob(h_, parent, UINT32(migrated.size()), migrated.data(),
-                                       UINT32(random.size()), random.data(), nullptr, &size, &data),
-            TSS_SUCCESS);
-  const Bytes converted = Take(data, size);
+  Bytes converted;
+  ASSERT_EQ(Convert(parent, migrated, random, &converted), TSS_SUCCESS);
   const TCS_KEY_HANDLE convertedKey = Load(h_, parent, WithEncData(keyBlob, converted));
   EXPECT_EQ(PubKey(convertedKey), PubKeyOf(keyBlob));
+  EXPECT_EQ(Tcsip_EvictKey(h_, convertedKey), TSS_SUCCESS);
 
-  // Only a key made for migration authorities may act as one.
-  const Bytes inData(256, 0x11);
-  const TSS_RESULT r = OverOIAP(
-      h_, wellKnown_, TPM_ORD_MigrateKey, Cat({destination, U32(UINT32(inData.size())), inData}),
-      [&](TPM_AUTH* a, Bytes* out) {
-        out->clear();
-        UINT32 outSize = 0;
-        BYTE* outData = nullptr;
-        const TSS_RESULT result = Tcsip_MigrateKey(
-            h_, parent, UINT32(destination.size()), const_cast<BYTE*>(destination.data()),
-            UINT32(inData.size()), const_cast<BYTE*>(inData.data()), a, &outSize, &outData);
-        Tcs_FreeBuffer(outData);
-        return result;
-      });
-  EXPECT_EQ(r, kTpmInvalidKeyUsage) << std::hex << r;
+  // Through a migration authority: the blob made for its key, which re-encrypts it for the new
+  // parent; a storage key is no such authority.
+  const Bytes authorityBlob = CreateKey(h_, kSrk, KeyInfo(kMigrateUsage, 2048, 3, 1));
+  const TCS_KEY_HANDLE authority = Load(h_, kSrk, authorityBlob);
+  ASSERT_EQ(AuthorizeMigrationKey(kMigrate, PubKeyOf(authorityBlob), &keyAuth), TSS_SUCCESS);
+  Bytes forAuthority;
+  ASSERT_EQ(CreateMigrationBlob(kMigrate, keyAuth, EncDataOf(keyBlob), &random, &forAuthority),
+            TSS_SUCCESS);
+  Bytes reencrypted;
+  EXPECT_EQ(MigrateKey(parent, destination, forAuthority, &reencrypted), kTpmInvalidKeyUsage);
+  ASSERT_EQ(MigrateKey(authority, destination, forAuthority, &reencrypted), TSS_SUCCESS);
+  ASSERT_EQ(Convert(parent, reencrypted, random, &converted), TSS_SUCCESS);
+  EXPECT_EQ(PubKey(Load(h_, parent, WithEncData(keyBlob, converted))), PubKeyOf(keyBlob));
 }
 
 // A migration authority's RSA key, held by OpenSSL.
