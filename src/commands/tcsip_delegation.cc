@@ -1,5 +1,7 @@
 #include "commands/tcsip_delegation.h"
 
+#include <span>
+
 #include <kesttcs/tcs_results.h>
 
 #include "commands/command_exchange.h"
@@ -29,6 +31,21 @@ constexpr UINT32 kUpdateVerificationFixedBytes =
 // Header, delegateSize.
 constexpr UINT32 kVerifyDelegationFixedBytes = kTpmHeaderSize + kUint32Bytes;
 
+// The checks both kinds of delegation share: the outputs, the context, the size bound, the
+// required session and exactly one TPM_DELEGATE_PUBLIC, which *pub is set to.
+TSS_RESULT CheckDelegationRequest(const TpmCommand& command, UINT32 publicInfoSize,
+                                  const BYTE* publicInfo, const TPM_AUTH* auth,
+                                  const UINT32* blobSize, BYTE* const* blob,
+                                  std::span<const BYTE>* pub) {
+  if (blobSize == nullptr || blob == nullptr) return TCS_E_BAD_PARAMETER;
+  if (TSS_RESULT rc = command.Check(kCreateDelegationFixedBytes, publicInfoSize, publicInfo)) {
+    return rc;
+  }
+  *pub = Bytes(publicInfoSize, publicInfo);
+  if (auth == nullptr || !HoldsExactlyOne<TPM_DELEGATE_PUBLIC>(*pub)) return TCS_E_BAD_PARAMETER;
+  return TSS_SUCCESS;
+}
+
 }  // namespace
 
 TSS_RESULT Tcsip_Delegate_Manage_Internal(TCS_CONTEXT_HANDLE hContext, TPM_FAMILY_ID familyID,
@@ -49,13 +66,12 @@ TSS_RESULT Tcsip_Delegate_Manage_Internal(TCS_CONTEXT_HANDLE hContext, TPM_FAMIL
 TSS_RESULT Tcsip_Delegate_CreateKeyDelegation_Internal(
     TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE hKey, UINT32 publicInfoSize, const BYTE* publicInfo,
     const TPM_ENCAUTH& encDelAuth, TPM_AUTH* keyAuth, UINT32* blobSize, BYTE** blob) {
-  if (blobSize == nullptr || blob == nullptr) return TCS_E_BAD_PARAMETER;
   TpmCommand command(hContext, TPM_ORD_Delegate_CreateKeyDelegat);
-  if (TSS_RESULT rc = command.Check(kCreateDelegationFixedBytes, publicInfoSize, publicInfo)) {
+  std::span<const BYTE> pub;
+  if (TSS_RESULT rc = CheckDelegationRequest(command, publicInfoSize, publicInfo, keyAuth, blobSize,
+                                             blob, &pub)) {
     return rc;
   }
-  const std::span<const BYTE> pub = Bytes(publicInfoSize, publicInfo);
-  if (keyAuth == nullptr || !HoldsExactlyOne<TPM_DELEGATE_PUBLIC>(pub)) return TCS_E_BAD_PARAMETER;
   TPM_KEY_HANDLE slot = kNoTpmHandle;
   if (TSS_RESULT rc = command.UseKey(hKey, &slot)) return rc;
   if (TSS_RESULT rc = command.UseSessions(keyAuth)) return rc;
@@ -66,14 +82,11 @@ TSS_RESULT Tcsip_Delegate_CreateKeyDelegation_Internal(
 TSS_RESULT Tcsip_Delegate_CreateOwnerDelegation_Internal(
     TCS_CONTEXT_HANDLE hContext, TSS_BOOL increment, UINT32 publicInfoSize, const BYTE* publicInfo,
     const TPM_ENCAUTH& encDelAuth, TPM_AUTH* ownerAuth, UINT32* blobSize, BYTE** blob) {
-  if (blobSize == nullptr || blob == nullptr) return TCS_E_BAD_PARAMETER;
   TpmCommand command(hContext, TPM_ORD_Delegate_CreateOwnerDele);
-  if (TSS_RESULT rc = command.Check(kCreateDelegationFixedBytes, publicInfoSize, publicInfo)) {
+  std::span<const BYTE> pub;
+  if (TSS_RESULT rc = CheckDelegationRequest(command, publicInfoSize, publicInfo, ownerAuth,
+                                             blobSize, blob, &pub)) {
     return rc;
-  }
-  const std::span<const BYTE> pub = Bytes(publicInfoSize, publicInfo);
-  if (ownerAuth == nullptr || !HoldsExactlyOne<TPM_DELEGATE_PUBLIC>(pub)) {
-    return TCS_E_BAD_PARAMETER;
   }
   if (TSS_RESULT rc = command.UseSessions(ownerAuth)) return rc;
   if (TSS_RESULT rc = command.RunAuthorised(BYTE{increment}, pub, encDelAuth)) return rc;
