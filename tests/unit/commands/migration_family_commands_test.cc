@@ -1,8 +1,7 @@
-// The delegation, DAA, migration and certified-migration commands against a scripted TPM: each
-// sends its own ordinal with its parameters in the TPM's order (structures as the caller's bytes,
-// the SRK's slot for a key, the tag by its sessions) and hands the TPM's outputs back; a structure
-// sent without a size must be exactly one, inputs must fit the buffer, and nothing is sent
-// otherwise; of two outputs, both come back or neither.
+// The delegation, DAA, migration and certified-migration commands against a scripted TPM, for what
+// the emulator cannot show: the layouts of the two commands it refuses, the tag an optional
+// session sets, inputs refused before sending (a structure sent without a size must be exactly
+// one, inputs must fit the buffer) and two outputs handed back both or neither.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -39,12 +38,6 @@ const Bytes kMigrationKeyAuth = Cat({kPubKey, U16(1), Fill(20, 0x3C)});
 const Bytes kDelegatePublic = Fill(48, 0);
 const Bytes kKey = testing::KeyBlob({});
 
-TPM_ENCAUTH EncAuth(BYTE fill) {
-  TPM_ENCAUTH a;
-  std::memset(a.authdata, fill, sizeof a.authdata);
-  return a;
-}
-
 class MigrationFamilyCommandsTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -74,14 +67,12 @@ class MigrationFamilyCommandsTest : public ::testing::Test {
                 {a.fContinueAuthSession},
                 ToBytes(a.HMAC.authdata, 20)});
   }
-  // The TPM's answer: `outputs`, then one response trailer a session. The sessions' records are
-  // kept as they will be sent: the answer overwrites them.
-  void Answer(const Bytes& outputs, int sessions = 1) {
+  // The TPM's answer to a command with one session: `outputs`, then the response trailer. The
+  // sessions' records are kept as they will be sent: the answer overwrites them.
+  void Answer(const Bytes& outputs) {
     firstSent_ = first_;
     secondSent_ = second_;
-    Bytes body = outputs;
-    for (int i = 0; i < sessions; ++i) body = Cat({body, Fill(20, 0xE7), {1}, Fill(20, 0x4E)});
-    core_.fake().Respond(TPM_SUCCESS, body);
+    core_.fake().Respond(TPM_SUCCESS, Cat({outputs, Fill(20, 0xE7), {1}, Fill(20, 0x4E)}));
   }
   Bytes LastSent() { return core_.SentAfterStart().back(); }
   size_t SentCount() { return core_.SentAfterStart().size(); }
@@ -107,163 +98,20 @@ class MigrationFamilyCommandsTest : public ::testing::Test {
   BYTE* out2_ = nullptr;
 };
 
-TEST_F(MigrationFamilyCommandsTest, DelegationCommandsSendTheirLayouts) {
-  const Bytes opData = {1, 2, 3};
-  Answer(Cat({U32(2), {0xAA, 0xBB}}));
-  ASSERT_EQ(Tcsip_Delegate_Manage_Internal(ctx_, 7, 1, 3, opData.data(), &first_, &size_, &out_),
-            TSS_SUCCESS);
-  ExpectSent(TPM_ORD_Delegate_Manage, One(Cat({U32(7), U32(1), U32(3), opData})));
-  EXPECT_EQ(ToBytes(out_, size_), (Bytes{0xAA, 0xBB}));
-
-  // Without an owner the session is left out, and so is the trailer.
-  core_.fake().Respond(TPM_SUCCESS, U32(0));
-  ASSERT_EQ(Tcsip_Delegate_Manage_Internal(ctx_, 7, 1, 0, nullptr, nullptr, &size_, &out_),
-            TSS_SUCCESS);
-  ExpectSent(TPM_ORD_Delegate_Manage, Plain(0, Cat({U32(7), U32(1), U32(0)})));
-
-  const Bytes blob = Fill(60, 0xB1);
-  Answer(Cat({U32(60), blob}));
-  ASSERT_EQ(Tcsip_Delegate_CreateKeyDelegation_Internal(ctx_, kSrk, 48, kDelegatePublic.data(),
-                                                        EncAuth(0xEA), &first_, &size_, &out_),
-            TSS_SUCCESS);
-  ExpectSent(TPM_ORD_Delegate_CreateKeyDelegat,
-             One(Cat({U32(kSrk), kDelegatePublic, Fill(20, 0xEA)})));
-  EXPECT_EQ(ToBytes(out_, size_), blob);
-
-  Answer(Cat({U32(60), blob}));
-  ASSERT_EQ(Tcsip_Delegate_CreateOwnerDelegation_Internal(ctx_, 1, 48, kDelegatePublic.data(),
-                                                          EncAuth(0xEB), &first_, &size_, &out_),
-            TSS_SUCCESS);
-  ExpectSent(TPM_ORD_Delegate_CreateOwnerDele, One(Cat({{1}, kDelegatePublic, Fill(20, 0xEB)})));
-
-  Answer({});
-  ASSERT_EQ(Tcsip_Delegate_LoadOwnerDelegation_Internal(ctx_, 3, 60, blob.data(), &first_),
-            TSS_SUCCESS);
-  ExpectSent(TPM_ORD_Delegate_LoadOwnerDelega, One(Cat({U32(3), U32(60), blob})));
-
-  const Bytes row = U32(3);
-  Answer(U32(0));
-  ASSERT_EQ(
-      Tcsip_Delegate_UpdateVerificationCount_Internal(ctx_, 4, row.data(), &first_, &size_, &out_),
-      TSS_SUCCESS);
-  ExpectSent(TPM_ORD_Delegate_UpdateVerification, One(Cat({U32(4), row})));
-  EXPECT_EQ(size_, 0u);
-
-  core_.fake().Respond(TPM_SUCCESS);
-  ASSERT_EQ(Tcsip_Delegate_VerifyDelegation_Internal(ctx_, 60, blob.data()), TSS_SUCCESS);
-  ExpectSent(TPM_ORD_Delegate_VerifyDelegation, Plain(0, Cat({U32(60), blob})));
-
-  core_.fake().Respond(TPM_SUCCESS, Cat({U32(1), {0xF1}, U32(2), {0xD1, 0xD2}}));
-  ASSERT_EQ(Tcsip_Delegate_ReadTable_Internal(ctx_, &size_, &out_, &size2_, &out2_), TSS_SUCCESS);
-  ExpectSent(TPM_ORD_Delegate_ReadTable, Plain(0));
-  EXPECT_EQ(ToBytes(out_, size_), (Bytes{0xF1}));
-  EXPECT_EQ(ToBytes(out2_, size2_), (Bytes{0xD1, 0xD2}));
-}
-
-TEST_F(MigrationFamilyCommandsTest, DaaStagesSendTheirLayouts) {
+// The emulator refuses what the integration tests can give these two, so their layouts are
+// checked here: the DAA stage's handle (not covered by the HMAC) before its stage, and the
+// certified key's tickets before the key, the authorities' list and the pad.
+TEST_F(MigrationFamilyCommandsTest, DaaSignAndCmkConvertMigrationSendTheTpmsLayout) {
   const Bytes in0 = {1, 2};
   const Bytes in1 = {3};
-  Answer(Cat({U32(4), U32(0x02000099)}));
-  ASSERT_EQ(
-      Tcsip_TPM_DAA_Join_Internal(ctx_, 0, 0, 2, in0.data(), 1, in1.data(), &first_, &size_, &out_),
-      TSS_SUCCESS);
-  ExpectSent(TPM_ORD_DAA_Join, One(Cat({U32(0), {0}, U32(2), in0, U32(1), in1})));
-  EXPECT_EQ(ToBytes(out_, size_), U32(0x02000099));
-
-  Answer(U32(0));
-  ASSERT_EQ(Tcsip_TPM_DAA_Sign_Internal(ctx_, 0x02000099, 5, 0, nullptr, 0, nullptr, &first_,
+  Answer(Cat({U32(1), {0x5A}}));
+  ASSERT_EQ(Tcsip_TPM_DAA_Sign_Internal(ctx_, 0x02000099, 5, 2, in0.data(), 1, in1.data(), &first_,
                                         &size_, &out_),
             TSS_SUCCESS);
-  ExpectSent(TPM_ORD_DAA_Sign, One(Cat({U32(0x02000099), {5}, U32(0), U32(0)})));
-}
+  ExpectSent(TPM_ORD_DAA_Sign, One(Cat({U32(0x02000099), {5}, U32(2), in0, U32(1), in1})));
+  EXPECT_EQ(ToBytes(out_, size_), (Bytes{0x5A}));
 
-TEST_F(MigrationFamilyCommandsTest, MigrationCommandsSendTheirLayouts) {
-  const Bytes encData = Fill(8, 0x5E);
-  Answer(Cat({U32(2), {0x4A, 0x4B}, U32(3), {7, 8, 9}}), 2);
-  ASSERT_EQ(Tcsip_CreateMigrationBlob_Internal(ctx_, kSrk, 1, UINT32(kMigrationKeyAuth.size()),
-                                               kMigrationKeyAuth.data(), 8, encData.data(), &first_,
-                                               &second_, &size_, &out_, &size2_, &out2_),
-            TSS_SUCCESS);
-  ExpectSent(TPM_ORD_CreateMigrationBlob,
-             Request(TPM_TAG_RQU_AUTH2_COMMAND, 0,
-                     Cat({U32(kSrk), U16(1), kMigrationKeyAuth, U32(8), encData,
-                          Trailer(firstSent_), Trailer(secondSent_)})));
-  EXPECT_EQ(ToBytes(out_, size_), (Bytes{0x4A, 0x4B}));
-  EXPECT_EQ(ToBytes(out2_, size2_), (Bytes{7, 8, 9}));
-
-  // A parent that needs no authorisation: only the migration session.
-  Answer(Cat({U32(0), U32(0)}));
-  ASSERT_EQ(Tcsip_CreateMigrationBlob_Internal(ctx_, kSrk, 1, UINT32(kMigrationKeyAuth.size()),
-                                               kMigrationKeyAuth.data(), 8, encData.data(), nullptr,
-                                               &second_, &size_, &out_, &size2_, &out2_),
-            TSS_SUCCESS);
-  EXPECT_EQ(LastSent()[1], TPM_TAG_RQU_AUTH1_COMMAND);
-
-  const Bytes random = {0x77};
-  Answer(Cat({U32(1), {0x99}}));
-  ASSERT_EQ(Tcsip_ConvertMigrationBlob_Internal(ctx_, kSrk, 8, encData.data(), 1, random.data(),
-                                                &first_, &size_, &out_),
-            TSS_SUCCESS);
-  ExpectSent(TPM_ORD_ConvertMigrationBlob, One(Cat({U32(kSrk), U32(8), encData, U32(1), random})));
-
-  Answer(kMigrationKeyAuth);
-  ASSERT_EQ(
-      Tcsip_AuthorizeMigrationKey_Internal(ctx_, 1, 16, kPubKey.data(), &first_, &size_, &out_),
-      TSS_SUCCESS);
-  ExpectSent(TPM_ORD_AuthorizeMigrationKey, One(Cat({U16(1), kPubKey})));
-  EXPECT_EQ(ToBytes(out_, size_), kMigrationKeyAuth);
-
-  Answer(Cat({U32(1), {0x42}}));
-  ASSERT_EQ(Tcsip_MigrateKey_Internal(ctx_, kSrk, 16, kPubKey.data(), 8, encData.data(), &first_,
-                                      &size_, &out_),
-            TSS_SUCCESS);
-  ExpectSent(TPM_ORD_MigrateKey, One(Cat({U32(kSrk), kPubKey, U32(8), encData})));
-}
-
-TEST_F(MigrationFamilyCommandsTest, CertifiedMigrationCommandsSendTheirLayouts) {
-  Answer({});
-  ASSERT_EQ(Tcsip_CMK_SetRestrictions_Internal(ctx_, 0x80000000, &first_), TSS_SUCCESS);
-  ExpectSent(TPM_ORD_CMK_SetRestrictions, One(U32(0x80000000)));
-
-  TPM_HMAC ticket{};
-  Answer(Fill(20, 0x71));
-  ASSERT_EQ(Tcsip_CMK_ApproveMA_Internal(ctx_, Digest(0x4D), &first_, &ticket), TSS_SUCCESS);
-  ExpectSent(TPM_ORD_CMK_ApproveMA, One(Fill(20, 0x4D)));
-  EXPECT_EQ(ToBytes(ticket.digest, 20), Fill(20, 0x71));
-
-  // The template goes in, in the TPM's order (the key before the ticket), the wrapped key out.
-  const Bytes wrapped = testing::KeyBlob({.modulusSize = 16, .fill = 0x66});
-  Bytes keyTemplate = kKey;
-  BYTE* keyData = keyTemplate.data();
-  UINT32 keySize = UINT32(keyTemplate.size());
-  Answer(wrapped);
-  ASSERT_EQ(Tcsip_CMK_CreateKey_Internal(ctx_, kSrk, EncAuth(0xEA), Digest(0x71), Digest(0x4D),
-                                         &keySize, &keyData, &first_),
-            TSS_SUCCESS);
-  ExpectSent(TPM_ORD_CMK_CreateKey,
-             One(Cat({U32(kSrk), Fill(20, 0xEA), kKey, Fill(20, 0x71), Fill(20, 0x4D)})));
-  EXPECT_EQ(ToBytes(keyData, keySize), wrapped);
-
-  const Bytes signature = Fill(4, 0x51);
-  Answer(Fill(20, 0x72));
-  ASSERT_EQ(Tcsip_CMK_CreateTicket_Internal(ctx_, 16, kPubKey.data(), Digest(0x5D), 4,
-                                            signature.data(), &first_, &ticket),
-            TSS_SUCCESS);
-  ExpectSent(TPM_ORD_CMK_CreateTicket, One(Cat({kPubKey, Fill(20, 0x5D), U32(4), signature})));
-  EXPECT_EQ(ToBytes(ticket.digest, 20), Fill(20, 0x72));
-
-  // Empty tickets are sent as sizes of 0.
   const Bytes msaList = Cat({U32(1), Fill(20, 0x4D)});
-  const Bytes encData = Fill(8, 0x5E);
-  Answer(Cat({U32(1), {0x61}, U32(1), {0x62}}));
-  ASSERT_EQ(Tcsip_CMK_CreateBlob_Internal(ctx_, kSrk, 4, UINT32(kMigrationKeyAuth.size()),
-                                          kMigrationKeyAuth.data(), Digest(0x5C), 24,
-                                          msaList.data(), 0, nullptr, 0, nullptr, 8, encData.data(),
-                                          &first_, &size_, &out_, &size2_, &out2_),
-            TSS_SUCCESS);
-  ExpectSent(TPM_ORD_CMK_CreateBlob, One(Cat({U32(kSrk), U16(4), kMigrationKeyAuth, Fill(20, 0x5C),
-                                              U32(24), msaList, U32(0), U32(0), U32(8), encData})));
-
   const TPM_CMK_AUTH restrict {Digest(0xA1), Digest(0xA2), Digest(0xA3)};
   const Bytes random = {0x77};
   Answer(Cat({U32(1), {0x63}}));
@@ -277,15 +125,34 @@ TEST_F(MigrationFamilyCommandsTest, CertifiedMigrationCommandsSendTheirLayouts) 
   EXPECT_EQ(ToBytes(out_, size_), (Bytes{0x63}));
 }
 
+// An optional session left out drops its trailer and lowers the tag; the required one stays.
+TEST_F(MigrationFamilyCommandsTest, OptionalSessionsSetTheTag) {
+  core_.fake().Respond(TPM_SUCCESS, U32(0));
+  ASSERT_EQ(Tcsip_Delegate_Manage_Internal(ctx_, 7, 1, 0, nullptr, nullptr, &size_, &out_),
+            TSS_SUCCESS);
+  ExpectSent(TPM_ORD_Delegate_Manage, Plain(0, Cat({U32(7), U32(1), U32(0)})));
+
+  const Bytes encData = Fill(8, 0x5E);
+  Answer(Cat({U32(0), U32(0)}));
+  ASSERT_EQ(Tcsip_CreateMigrationBlob_Internal(ctx_, kSrk, 1, UINT32(kMigrationKeyAuth.size()),
+                                               kMigrationKeyAuth.data(), 8, encData.data(), nullptr,
+                                               &second_, &size_, &out_, &size2_, &out2_),
+            TSS_SUCCESS);
+  ExpectSent(
+      TPM_ORD_CreateMigrationBlob,
+      Request(TPM_TAG_RQU_AUTH1_COMMAND, 0,
+              Cat({U32(kSrk), U16(1), kMigrationKeyAuth, U32(8), encData, Trailer(secondSent_)})));
+}
+
 TEST_F(MigrationFamilyCommandsTest, BadInputsAreRefusedBeforeAnythingIsSent) {
   const size_t before = SentCount();
   const Bytes longer = Cat({kDelegatePublic, {0}});
   const Bytes big(4096, 0);
-  EXPECT_EQ(Tcsip_Delegate_CreateOwnerDelegation_Internal(ctx_, 0, 49, longer.data(), EncAuth(0),
+  EXPECT_EQ(Tcsip_Delegate_CreateOwnerDelegation_Internal(ctx_, 0, 49, longer.data(), TPM_ENCAUTH{},
                                                           &first_, &size_, &out_),
             TCS_E_BAD_PARAMETER);
   EXPECT_EQ(Tcsip_Delegate_CreateKeyDelegation_Internal(ctx_, kSrk, 47, kDelegatePublic.data(),
-                                                        EncAuth(0), &first_, &size_, &out_),
+                                                        TPM_ENCAUTH{}, &first_, &size_, &out_),
             TCS_E_BAD_PARAMETER);
   EXPECT_EQ(
       Tcsip_AuthorizeMigrationKey_Internal(ctx_, 1, 15, kPubKey.data(), &first_, &size_, &out_),
@@ -306,7 +173,7 @@ TEST_F(MigrationFamilyCommandsTest, BadInputsAreRefusedBeforeAnythingIsSent) {
   Bytes keyTemplate = Cat({kKey, {0}});
   BYTE* keyData = keyTemplate.data();
   UINT32 keySize = UINT32(keyTemplate.size());
-  EXPECT_EQ(Tcsip_CMK_CreateKey_Internal(ctx_, kSrk, EncAuth(0), Digest(0), Digest(0), &keySize,
+  EXPECT_EQ(Tcsip_CMK_CreateKey_Internal(ctx_, kSrk, TPM_ENCAUTH{}, Digest(0), Digest(0), &keySize,
                                          &keyData, &first_),
             TCS_E_BAD_PARAMETER);
   EXPECT_EQ(keyData, keyTemplate.data());
