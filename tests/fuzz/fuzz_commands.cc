@@ -125,14 +125,15 @@ void RunMigrationFamilyCommands(TCS_CONTEXT_HANDLE h) {
   UINT32 size2 = 0;
   BYTE* out2 = nullptr;
   TPM_DIGEST digest{};
+  const TPM_ENCAUTH encAuth{};
   const TPM_CMK_AUTH ticket{};
   TPM_AUTH auth = OpenSession(h);
   TPM_AUTH second = OpenSession(h);
   static_cast<void>(Tcsip_Delegate_Manage_Internal(h, 1, 1, 4, in, &auth, &size, &out));
   static_cast<void>(
-      Tcsip_Delegate_CreateKeyDelegation_Internal(h, kSrk, 48, in, digest, &auth, &size, &out));
+      Tcsip_Delegate_CreateKeyDelegation_Internal(h, kSrk, 48, in, encAuth, &auth, &size, &out));
   static_cast<void>(
-      Tcsip_Delegate_CreateOwnerDelegation_Internal(h, 1, 48, in, digest, &auth, &size, &out));
+      Tcsip_Delegate_CreateOwnerDelegation_Internal(h, 1, 48, in, encAuth, &auth, &size, &out));
   static_cast<void>(Tcsip_Delegate_LoadOwnerDelegation_Internal(h, 0, 8, in, &auth));
   static_cast<void>(Tcsip_Delegate_UpdateVerificationCount_Internal(h, 4, in, &auth, &size, &out));
   static_cast<void>(Tcsip_Delegate_VerifyDelegation_Internal(h, 8, in));
@@ -150,7 +151,7 @@ void RunMigrationFamilyCommands(TCS_CONTEXT_HANDLE h) {
   BYTE* keyData = keyTemplate.data();
   UINT32 keySize = keyTemplate.size();
   static_cast<void>(
-      Tcsip_CMK_CreateKey_Internal(h, kSrk, digest, digest, digest, &keySize, &keyData, &auth));
+      Tcsip_CMK_CreateKey_Internal(h, kSrk, encAuth, digest, digest, &keySize, &keyData, &auth));
   static_cast<void>(Tcsip_CMK_CreateTicket_Internal(h, 16, in, digest, 8, in, &auth, &digest));
   static_cast<void>(Tcsip_CMK_CreateBlob_Internal(h, kSrk, 4, 38, in, digest, 24, in, 0, nullptr, 0,
                                                   nullptr, 8, in, &auth, &size, &out, &size2,
