@@ -14,22 +14,25 @@
 #include "commands/capability.h"
 #include "commands/tcsip_attest.h"
 #include "commands/tcsip_audit.h"
+#include "commands/tcsip_change_auth.h"
+#include "commands/tcsip_cmk.h"
 #include "commands/tcsip_counters.h"
+#include "commands/tcsip_daa.h"
+#include "commands/tcsip_delegation.h"
 #include "commands/tcsip_endorsement.h"
+#include "commands/tcsip_identity.h"
 #include "commands/tcsip_key_control.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tcsip_keys.h"
 #include "commands/tcsip_maintenance.h"
+#include "commands/tcsip_migration.h"
 #include "commands/tcsip_nv.h"
 #include "commands/tcsip_owner.h"
 #include "commands/tcsip_seal.h"
 #include "commands/tcsip_sessions.h"
+#include "commands/tcsip_transport.h"
 #include "commands/tcsip_vendor_features.h"
 #include "commands/vendor_commands.h"
-// Transport sessions, secret changes and identities.
-#include "commands/tcsip_change_auth.h"
-#include "commands/tcsip_identity.h"
-#include "commands/tcsip_transport.h"
 #include "contexts/context_memory.h"
 #include "contexts/contexts.h"
 #include "keys/key_eviction.h"
@@ -330,6 +333,26 @@ constexpr Binding kBindings[] = {
     Bind<&Tcsip_EstablishTransport_Internal>(),
     Bind<&Tcsip_ExecuteTransport_Internal>(),
     Bind<&Tcsip_ReleaseTransportSigned_Internal>(),
+    // Delegation, DAA, migration and certified migration.
+    Bind<&Tcsip_CreateMigrationBlob_Internal>(),
+    Bind<&Tcsip_ConvertMigrationBlob_Internal>(),
+    Bind<&Tcsip_AuthorizeMigrationKey_Internal>(),
+    Bind<&Tcsip_Delegate_Manage_Internal>(),
+    Bind<&Tcsip_Delegate_CreateKeyDelegation_Internal>(),
+    Bind<&Tcsip_Delegate_CreateOwnerDelegation_Internal>(),
+    Bind<&Tcsip_Delegate_LoadOwnerDelegation_Internal>(),
+    Bind<&Tcsip_Delegate_UpdateVerificationCount_Internal>(),
+    Bind<&Tcsip_Delegate_VerifyDelegation_Internal>(),
+    Bind<&Tcsip_Delegate_ReadTable_Internal>(),
+    Bind<&Tcsip_TPM_DAA_Join_Internal>(),
+    Bind<&Tcsip_TPM_DAA_Sign_Internal>(),
+    Bind<&Tcsip_MigrateKey_Internal>(),
+    Bind<&Tcsip_CMK_SetRestrictions_Internal>(),
+    Bind<&Tcsip_CMK_ApproveMA_Internal>(),
+    Bind<&Tcsip_CMK_CreateKey_Internal>(),
+    Bind<&Tcsip_CMK_CreateTicket_Internal>(),
+    Bind<&Tcsip_CMK_CreateBlob_Internal>(),
+    Bind<&Tcsip_CMK_ConvertMigration_Internal>(),
 };
 
 constexpr std::array<InternalCall, rpc::kOperationCount> MakeTable() {

@@ -1420,9 +1420,13 @@ inline constexpr std::array<Operation, kOperationCount> kOperations = {{
     {108, "Tcsip_TickStampBlob", kResultTracedLocked, Sends<&TPM_ORD_TickStampBlob>(),
      detail::kTcsip_TickStampBlob, "Outputs come in this order, not in the TPM's."},
     {109, "Tcsip_TPM_DAA_Join", kResultTraced, Sends<&TPM_ORD_DAA_Join>(),
-     detail::kTcsip_TPM_DAA_Join, "handle is the join session, 0 at stage 0."},
+     detail::kTcsip_TPM_DAA_Join,
+     "handle is the join session, 0 at stage 0. Tested on libtpms at stage 0 (the join session "
+     "opened); the later stages need an issuer."},
     {110, "Tcsip_TPM_DAA_Sign", kResultTraced, Sends<&TPM_ORD_DAA_Sign>(),
-     detail::kTcsip_TPM_DAA_Sign},
+     detail::kTcsip_TPM_DAA_Sign,
+     "Tested on libtpms with the TPM's own answer passed back (no issuer settings: "
+     "TPM_DAA_INPUT_DATA0)."},
     {111, "Tcsip_MigrateKey", kResultTracedLocked, Sends<&TPM_ORD_MigrateKey>(),
      detail::kTcsip_MigrateKey, "ownerAuth authorises the migration-authority key hMaKey."},
     {112, "Tcsip_CMK_SetRestrictions", kResultTraced, Sends<&TPM_ORD_CMK_SetRestrictions>(),
@@ -1437,7 +1441,9 @@ inline constexpr std::array<Operation, kOperationCount> kOperations = {{
     {116, "Tcsip_CMK_CreateBlob", kResultTracedLocked, Sends<&TPM_ORD_CMK_CreateBlob>(),
      detail::kTcsip_CMK_CreateBlob, "restrictTicket and sigTicket may be empty."},
     {117, "Tcsip_CMK_ConvertMigration", kResultTracedLocked, Sends<&TPM_ORD_CMK_ConvertMigration>(),
-     detail::kTcsip_CMK_ConvertMigration},
+     detail::kTcsip_CMK_ConvertMigration,
+     "Tested on libtpms with the TPM's own answer passed back (a blob made for the migration "
+     "authority, which the new parent cannot decrypt: TPM_DECRYPT_ERROR)."},
     {118, "Tcsip_SetCapability", kResultTraced, Sends<&TPM_ORD_SetCapability>(),
      detail::kTcsip_SetCapability,
      "Some capabilities are gated by physical presence instead of the owner."},

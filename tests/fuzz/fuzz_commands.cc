@@ -4,9 +4,9 @@
 // and the session table's bookkeeping), the audit digest and its report, the vendor commands and
 // sequence, NV storage, counters, maintenance, the revocable endorsement key, field upgrade
 // and redirection, the data-protection and signing commands (with zero, one and two sessions),
-// the transport sessions, the secret changes and the identities, the metrics (every path the
-// answers lead to), the vendor classifier and key eviction parse whatever comes back without
-// crashing or reading past the response.
+// the transport sessions, the secret changes and the identities, delegation, DAA, migration and
+// certified migration, the metrics (every path the answers lead to), the vendor classifier and key
+// eviction parse whatever comes back without crashing or reading past the response.
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -16,12 +16,16 @@
 #include "commands/tcsip_attest.h"
 #include "commands/tcsip_audit.h"
 #include "commands/tcsip_change_auth.h"
+#include "commands/tcsip_cmk.h"
 #include "commands/tcsip_counters.h"
+#include "commands/tcsip_daa.h"
+#include "commands/tcsip_delegation.h"
 #include "commands/tcsip_endorsement.h"
 #include "commands/tcsip_identity.h"
 #include "commands/tcsip_key_control.h"
 #include "commands/tcsip_keyless.h"
 #include "commands/tcsip_maintenance.h"
+#include "commands/tcsip_migration.h"
 #include "commands/tcsip_nv.h"
 #include "commands/tcsip_owner.h"
 #include "commands/tcsip_seal.h"
@@ -276,6 +280,53 @@ void RunTransportAndIdentityCommands(TCS_CONTEXT_HANDLE h) {
                                                        &owner, &size, &out));
 }
 
+// Delegation, DAA, migration and certified migration, naming the SRK where a key is needed; the
+// structures are the smallest well-formed ones (zeros: a TPM_PUBKEY is 16 bytes, a
+// TPM_MIGRATIONKEYAUTH 38, a TPM_DELEGATE_PUBLIC 48, a TPM_KEY 35).
+void RunMigrationFamilyCommands(TCS_CONTEXT_HANDLE h) {
+  constexpr TCS_KEY_HANDLE kSrk = 0x40000000;
+  std::array<BYTE, 300> input{};
+  BYTE* in = input.data();
+  UINT32 size = 0;
+  BYTE* out = nullptr;
+  UINT32 size2 = 0;
+  BYTE* out2 = nullptr;
+  TPM_DIGEST digest{};
+  const TPM_ENCAUTH encAuth{};
+  const TPM_CMK_AUTH ticket{};
+  TPM_AUTH auth = OpenSession(h);
+  TPM_AUTH second = OpenSession(h);
+  static_cast<void>(Tcsip_Delegate_Manage_Internal(h, 1, 1, 4, in, &auth, &size, &out));
+  static_cast<void>(
+      Tcsip_Delegate_CreateKeyDelegation_Internal(h, kSrk, 48, in, encAuth, &auth, &size, &out));
+  static_cast<void>(
+      Tcsip_Delegate_CreateOwnerDelegation_Internal(h, 1, 48, in, encAuth, &auth, &size, &out));
+  static_cast<void>(Tcsip_Delegate_LoadOwnerDelegation_Internal(h, 0, 8, in, &auth));
+  static_cast<void>(Tcsip_Delegate_UpdateVerificationCount_Internal(h, 4, in, &auth, &size, &out));
+  static_cast<void>(Tcsip_Delegate_VerifyDelegation_Internal(h, 8, in));
+  static_cast<void>(Tcsip_Delegate_ReadTable_Internal(h, &size, &out, &size2, &out2));
+  static_cast<void>(Tcsip_TPM_DAA_Join_Internal(h, 0, 0, 4, in, 4, in, &auth, &size, &out));
+  static_cast<void>(Tcsip_TPM_DAA_Sign_Internal(h, 0, 0, 4, in, 4, in, &auth, &size, &out));
+  static_cast<void>(Tcsip_CreateMigrationBlob_Internal(h, kSrk, 1, 38, in, 8, in, &auth, &second,
+                                                       &size, &out, &size2, &out2));
+  static_cast<void>(Tcsip_ConvertMigrationBlob_Internal(h, kSrk, 8, in, 8, in, &auth, &size, &out));
+  static_cast<void>(Tcsip_AuthorizeMigrationKey_Internal(h, 1, 16, in, &auth, &size, &out));
+  static_cast<void>(Tcsip_MigrateKey_Internal(h, kSrk, 16, in, 8, in, &auth, &size, &out));
+  static_cast<void>(Tcsip_CMK_SetRestrictions_Internal(h, 1, &auth));
+  static_cast<void>(Tcsip_CMK_ApproveMA_Internal(h, digest, &auth, &digest));
+  std::array<BYTE, 35> keyTemplate{};
+  BYTE* keyData = keyTemplate.data();
+  UINT32 keySize = keyTemplate.size();
+  static_cast<void>(
+      Tcsip_CMK_CreateKey_Internal(h, kSrk, encAuth, digest, digest, &keySize, &keyData, &auth));
+  static_cast<void>(Tcsip_CMK_CreateTicket_Internal(h, 16, in, digest, 8, in, &auth, &digest));
+  static_cast<void>(Tcsip_CMK_CreateBlob_Internal(h, kSrk, 4, 38, in, digest, 24, in, 0, nullptr, 0,
+                                                  nullptr, 8, in, &auth, &size, &out, &size2,
+                                                  &out2));
+  static_cast<void>(Tcsip_CMK_ConvertMigration_Internal(h, kSrk, ticket, digest, 35, in, 24, in, 8,
+                                                        in, &auth, &size, &out));
+}
+
 }  // namespace
 }  // namespace kesttcs
 
@@ -289,6 +340,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     RunSessionCommands(hContext);
     RunKeyedCommands(hContext);
     RunTransportAndIdentityCommands(hContext);
+    RunMigrationFamilyCommands(hContext);
   }
   return 0;
 }

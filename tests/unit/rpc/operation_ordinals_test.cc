@@ -59,8 +59,10 @@ void CloseIfOpen(testing::TestCore& core, TCS_CONTEXT_HANDLE hContext) {
 }
 
 // Operations that zero arguments refuse before they send anything: entity type 0 is no delegation
-// entity, an empty srkInfo, keyInfo or public key is no key, key handle 0 names no cached key, and
-// a counter's label is 4 bytes.
+// entity; an empty srkInfo, keyInfo, template, transport public, public key, delegation public or
+// migration key authorisation is no structure; key handle 0 names no cached key; transport session
+// 0 was established by no context; a counter's label is 4 bytes. What these send is checked with
+// well-formed arguments in the commands' own tests.
 constexpr std::string_view kRefusedBeforeSending[] = {
     "Tcsip_DSAP",
     "Tcsip_TakeOwnership",
