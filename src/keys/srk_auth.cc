@@ -130,7 +130,7 @@ TSS_RESULT ReadSrkKey(TPM_KEY* srk) {
   TSS_RESULT result = command.Run(TPM_TAG_RQU_AUTH1_COMMAND, kSrkHandle, auth);
   if (result == TSS_SUCCESS) result = command.Unload(&pub);
   session.Finish(result);
-  if (result == TPM_E_INVALID_KEYHANDLE) {
+  if (result == TpmResult(TPM_INVALID_KEYHANDLE)) {
     // The owner keeps the SRK's public part unreadable. Every SRK has the same parameters (a
     // 2048-bit RSA storage key with OAEP encryption and no signing), and its children are loaded
     // under its fixed handle, so the key is known but for its modulus.
