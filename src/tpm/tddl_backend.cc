@@ -10,12 +10,11 @@
 //      tried again by the next operation. Open, close and cancel answer 1 while unbound,
 //      transmit TCS_E_DRIVER_NOT_AVAILABLE.
 
-#include <dlfcn.h>
-
 #include <atomic>
 
 #include "base/mutex.h"
 #include "tpm/backends.h"
+#include "tpm/shared_library.h"
 
 namespace kesttcs {
 
@@ -42,30 +41,27 @@ constexpr EntryNames kMixedCaseNames = {"Tddli_Open", "Tddli_Close", "Tddli_Tran
 class TddlBackend final : public TpmBackend {
  public:
   explicit TddlBackend(std::string path) : path_(std::move(path)) {}
-  ~TddlBackend() override {
-    if (library_ != nullptr) ::dlclose(library_);
-  }
 
   int Bind() override {
     if (bound_.load(std::memory_order_acquire)) return 0;
     MutexLock lock(bind_mu_);
     if (bound_.load(std::memory_order_relaxed)) return 0;
-    void* library = ::dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL);
+    std::string why;
+    std::unique_ptr<SharedLibrary> library = SharedLibrary::Load(path_, &why);
     if (library == nullptr) {
-      const char* why = ::dlerror();
-      SetLastError("cannot load TDDL library " + path_ + ": " + (why ? why : "unknown error"));
+      SetLastError("cannot load TDDL library " + path_ + ": " + why);
       return kBindFailed;
     }
     const EntryNames* names = &kUpperCaseNames;
-    open_ = reinterpret_cast<TddlOpenFn>(::dlsym(library, names->open));
+    open_ = library->Find<TddlOpenFn>(names->open);
     if (open_ == nullptr) {
       names = &kMixedCaseNames;
-      open_ = reinterpret_cast<TddlOpenFn>(::dlsym(library, names->open));
+      open_ = library->Find<TddlOpenFn>(names->open);
     }
     if (open_ != nullptr) {
-      close_ = reinterpret_cast<TddlCloseFn>(::dlsym(library, names->close));
-      transmit_ = reinterpret_cast<TddlTransmitFn>(::dlsym(library, names->transmit));
-      cancel_ = reinterpret_cast<TddlCancelFn>(::dlsym(library, names->cancel));
+      close_ = library->Find<TddlCloseFn>(names->close);
+      transmit_ = library->Find<TddlTransmitFn>(names->transmit);
+      cancel_ = library->Find<TddlCancelFn>(names->cancel);
     }
     // The transmit entry is deliberately not required (rule 2 above).
     if (open_ == nullptr || close_ == nullptr || cancel_ == nullptr) {
@@ -75,10 +71,9 @@ class TddlBackend final : public TpmBackend {
       close_ = nullptr;
       transmit_ = nullptr;
       cancel_ = nullptr;
-      ::dlclose(library);
       return kBindFailed;
     }
-    library_ = library;
+    library_ = std::move(library);
     bound_.store(true, std::memory_order_release);
     return 0;
   }
@@ -128,7 +123,7 @@ class TddlBackend final : public TpmBackend {
   Mutex bind_mu_;
   // Set once binding succeeded; the pointers below never change afterwards.
   std::atomic<bool> bound_{false};
-  void* library_ = nullptr;
+  std::unique_ptr<SharedLibrary> library_;
   TddlOpenFn open_ = nullptr;
   TddlCloseFn close_ = nullptr;
   TddlTransmitFn transmit_ = nullptr;
