@@ -3,8 +3,12 @@
 // addresses it hands out are valid only that long.
 #pragma once
 
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
+
+#include "base/mutex.h"
 
 namespace kesttcs {
 
@@ -29,6 +33,29 @@ class SharedLibrary {
   void* Symbol(const char* name) const;
 
   void* handle_;
+};
+
+// A driver library bound once, lazily: Bind loads the library and lets `resolve` take the entry
+// points it needs. A failed binding unloads the library and is tried again by the next Bind; a
+// successful one keeps the library, and whatever `resolve` stored, for the object's life.
+class LibraryBinding {
+ public:
+  // Stores the entry points it finds; false, with *why set, when one it needs is missing.
+  using Resolver = std::function<bool(const SharedLibrary& library, std::string* why)>;
+
+  explicit LibraryBinding(std::string path) : path_(std::move(path)) {}
+
+  // 0 bound (at once when already bound, without a lock); 1 when the library did not load or
+  // `resolve` failed, with *why saying why. Takes the binding mutex (a leaf) otherwise.
+  [[nodiscard]] int Bind(const Resolver& resolve, std::string* why);
+  const std::string& path() const { return path_; }
+
+ private:
+  const std::string path_;
+  Mutex mu_;
+  // Set once binding succeeded; what `resolve` stored never changes afterwards.
+  std::atomic<bool> bound_{false};
+  std::unique_ptr<SharedLibrary> library_ GUARDED_BY(mu_);
 };
 
 }  // namespace kesttcs

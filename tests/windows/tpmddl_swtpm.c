@@ -3,15 +3,7 @@
 #include <windows.h>
 
 #include "swtpm_tcp.h"
-
-enum {
-  kSuccess = 0,
-  kFail = 0x1002,
-  kAlreadyOpened = 0x1081,
-  kAlreadyClosed = 0x1082,
-  kInsufficientBuffer = 0x1083,
-  kIoError = 0x1087
-};
+#include "tddl/tddl_results.h"
 
 __declspec(dllexport) UINT32 TDDL_Open(void) {
   if (SwtpmConnected()) return kAlreadyOpened;

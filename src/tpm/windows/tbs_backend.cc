@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstdio>
 
-#include "base/mutex.h"
 #include "tpm/backends.h"
 #include "tpm/shared_library.h"
 
@@ -51,31 +50,17 @@ std::string Hex(TBS_RESULT result) {
 
 class TbsBackend final : public TpmBackend {
  public:
-  explicit TbsBackend(std::string path) : path_(std::move(path)) {}
+  explicit TbsBackend(std::string path) : binding_(std::move(path)) {}
   ~TbsBackend() override { static_cast<void>(Close()); }
 
   int Bind() override {
-    if (bound_.load(std::memory_order_acquire)) return 0;
-    MutexLock lock(bind_mu_);
-    if (bound_.load(std::memory_order_relaxed)) return 0;
     std::string why;
-    std::unique_ptr<SharedLibrary> library = SharedLibrary::Load(path_, &why);
-    if (library == nullptr) {
-      SetLastError("cannot load TBS library " + path_ + ": " + why);
+    if (binding_.Bind([this](const SharedLibrary& library,
+                             std::string* missing) { return Resolve(library, missing); },
+                      &why) != 0) {
+      SetLastError("TBS library: " + why);
       return kBindFailed;
     }
-    create_ = library->Find<TbsContextCreateFn>("Tbsi_Context_Create");
-    submit_ = library->Find<TbsSubmitCommandFn>("Tbsip_Submit_Command");
-    cancel_ = library->Find<TbsCancelCommandsFn>("Tbsip_Cancel_Commands");
-    close_ = library->Find<TbsContextCloseFn>("Tbsip_Context_Close");
-    if (create_ == nullptr || submit_ == nullptr || cancel_ == nullptr || close_ == nullptr) {
-      SetLastError("TBS library " + path_ +
-                   " lacks one of Tbsi_Context_Create, Tbsip_Submit_Command, "
-                   "Tbsip_Cancel_Commands, Tbsip_Context_Close");
-      return kBindFailed;
-    }
-    library_ = std::move(library);
-    bound_.store(true, std::memory_order_release);
     return 0;
   }
 
@@ -128,15 +113,27 @@ class TbsBackend final : public TpmBackend {
     return DriverResultOf(cancel_(context));
   }
 
-  std::string Describe() const override { return "tbs:" + path_; }
+  std::string Describe() const override { return "tbs:" + binding_.path(); }
   bool IsTbs() const override { return true; }
 
  private:
-  const std::string path_;
-  Mutex bind_mu_;
-  // Set once binding succeeded; the library and the entry points never change afterwards.
-  std::atomic<bool> bound_{false};
-  std::unique_ptr<SharedLibrary> library_;
+  // Takes the four entry points, all of them required.
+  bool Resolve(const SharedLibrary& library, std::string* why) {
+    create_ = library.Find<TbsContextCreateFn>("Tbsi_Context_Create");
+    submit_ = library.Find<TbsSubmitCommandFn>("Tbsip_Submit_Command");
+    cancel_ = library.Find<TbsCancelCommandsFn>("Tbsip_Cancel_Commands");
+    close_ = library.Find<TbsContextCloseFn>("Tbsip_Context_Close");
+    if (create_ != nullptr && submit_ != nullptr && cancel_ != nullptr && close_ != nullptr) {
+      return true;
+    }
+    *why = binding_.path() +
+           " lacks one of Tbsi_Context_Create, Tbsip_Submit_Command, Tbsip_Cancel_Commands, "
+           "Tbsip_Context_Close";
+    return false;
+  }
+
+  LibraryBinding binding_;
+  // Stored by a successful binding, never changed afterwards.
   TbsContextCreateFn create_ = nullptr;
   TbsSubmitCommandFn submit_ = nullptr;
   TbsCancelCommandsFn cancel_ = nullptr;
