@@ -9,7 +9,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libtpms-dev swtpm swtpm-tools
   libinih-dev libsystemd-dev libcli11-dev nlohmann-json3-dev libasio-dev libssl-dev
-  python3 python3-impacket python3-dbusmock dbus-daemon mingw-w64-tools
+  python3 python3-impacket python3-dbusmock dbus-daemon
+  g++-mingw-w64-x86-64 mingw-w64-tools wine64
 )
 
 missing=()

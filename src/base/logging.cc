@@ -11,6 +11,7 @@
 
 #include <kesttcs/tcs_results.h>
 
+#include "base/local_time.h"
 #include "base/mutex.h"
 
 namespace kesttcs {
@@ -65,10 +66,7 @@ std::tm LocalNow() {
     source = g_time_source;
   }
   if (source) return (*source)();
-  std::tm now{};
-  const std::time_t seconds = std::time(nullptr);
-  localtime_r(&seconds, &now);
-  return now;
+  return LocalTimeOf(std::time(nullptr));
 }
 
 // Writes `bytes` as "%.2X " each, in groups of 16 flushed to the file as they fill. No line end

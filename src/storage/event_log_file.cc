@@ -1,17 +1,16 @@
 #include "storage/event_log_file.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <memory>
+#include <system_error>
 
 #include <kesttcs/tcs_results.h>
 
 #include "base/logging.h"
+#include "storage/file_system.h"
 #include "tpm12/sha1.h"
 
 namespace kesttcs {
@@ -69,43 +68,37 @@ bool ParseRecord(std::span<const BYTE> body, LoggedEvent& e) {
 }
 
 std::optional<std::vector<BYTE>> ReadWholeFile(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
-  std::vector<BYTE> bytes;
-  BYTE buffer[65536];
-  ssize_t n = 0;
-  while ((n = ::read(fd, buffer, sizeof(buffer))) > 0)
-    bytes.insert(bytes.end(), buffer, buffer + n);
-  ::close(fd);
-  if (n < 0) return std::nullopt;
+  const std::unique_ptr<StorageFile> file = HostFileSystem().OpenForReading(path);
+  if (file == nullptr) return std::nullopt;
+  const std::optional<std::uint64_t> size = file->Size();
+  if (!size) return std::nullopt;
+  std::vector<BYTE> bytes(*size);
+  const std::optional<std::size_t> read = file->Read(0, bytes);
+  if (!read) return std::nullopt;
+  bytes.resize(*read);
   return bytes;
-}
-
-bool WriteAll(int fd, std::span<const BYTE> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    bytes = bytes.subspan(static_cast<size_t>(n));
-  }
-  return true;
 }
 
 // The open events file; closed when the log drops its append hook.
 class EventsFile {
  public:
-  explicit EventsFile(int fd) : fd_(fd) {}
-  ~EventsFile() { ::close(fd_); }
-  EventsFile(const EventsFile&) = delete;
-  EventsFile& operator=(const EventsFile&) = delete;
+  EventsFile(std::unique_ptr<StorageFile> file, std::uint64_t end)
+      : file_(std::move(file)), end_(end) {}
 
+  // Called by the event log under its own lock, so appends never overlap.
   void Append(const LoggedEvent& e) {
+    const std::vector<BYTE> record = EncodeEventRecord(e);
     // A failed write loses this event from the file only; the log in memory keeps it.
-    if (!WriteAll(fd_, EncodeEventRecord(e))) TcsTrace("event_log:events file write fail", nullptr);
+    if (!file_->Write(end_, record)) {
+      TcsTrace("event_log:events file write fail", nullptr);
+      return;
+    }
+    end_ += record.size();
   }
 
  private:
-  int fd_;
+  const std::unique_ptr<StorageFile> file_;
+  std::uint64_t end_;
 };
 
 // Moves the file aside and says why, in the trace and the event log.
@@ -210,14 +203,23 @@ std::optional<UINT32> FirstMismatchingPcr(std::span<const LoggedEvent> events,
 TSS_RESULT event_log_attach_file(const std::string& dataDir, const PcrReader& read) {
   const size_t kept = Replay(dataDir, read);
   const std::string path = dataDir + kEventsFileName;
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0) return TCS_E_FAIL;
-  auto file = std::make_shared<EventsFile>(fd);
   // A record cut short by a crash is dropped; a new file starts with its header.
-  const bool ready = kept == 0 ? ::ftruncate(fd, 0) == 0 && WriteAll(fd, EventsFileHeader())
-                               : ::ftruncate(fd, static_cast<off_t>(kept)) == 0;
-  if (!ready || ::lseek(fd, 0, SEEK_END) < 0) return TCS_E_FAIL;
-  event_log_set_append_hook([file](const LoggedEvent& e) { file->Append(e); });
+  std::unique_ptr<StorageFile> file;
+  std::uint64_t end = kept;
+  if (kept == 0) {
+    const std::vector<BYTE> header = EventsFileHeader();
+    file = HostFileSystem().Create(path);
+    if (file == nullptr || !file->Write(0, header)) return TCS_E_FAIL;
+    end = header.size();
+  } else {
+    std::error_code error;
+    std::filesystem::resize_file(path, kept, error);
+    if (error) return TCS_E_FAIL;
+    file = HostFileSystem().OpenForUpdate(path);
+    if (file == nullptr) return TCS_E_FAIL;
+  }
+  auto events = std::make_shared<EventsFile>(std::move(file), end);
+  event_log_set_append_hook([events](const LoggedEvent& e) { events->Append(e); });
   return TSS_SUCCESS;
 }
 

@@ -36,7 +36,7 @@ class FaultInjectionFileSystem : public FileSystem {
   };
 
   // `real` must outlive the fake.
-  explicit FaultInjectionFileSystem(FileSystem& real = PosixFileSystem()) : real_(real) {}
+  explicit FaultInjectionFileSystem(FileSystem& real = HostFileSystem()) : real_(real) {}
 
   // Arms a fault: `at` counts writes (kFailWrite, kShortWrite), flushes (kFailSync), renames
   // (kFailRename) or bytes (kCrashAtByte), from 0 and since this fake was made.

@@ -1,6 +1,7 @@
 // The file seam of persistent storage: every byte the storage files see is read or written through
 // these two interfaces, so that tests can put a fault-injecting file system (fake_file_system.h)
-// between the storage code and the disk. PosixFileSystem() is the real one.
+// between the storage code and the disk. HostFileSystem() is the real one: POSIX calls on Linux
+// (linux/posix_file_system.cc), Win32 calls on Windows (windows/windows_file_system.cc).
 //
 // Neither interface takes a lock; the storage module serialises its use under its file mutex.
 #pragma once
@@ -56,7 +57,7 @@ class FileSystem {
 };
 
 // The real file system. Lives for the whole process.
-FileSystem& PosixFileSystem();
+FileSystem& HostFileSystem();
 
 // The directory part of `path` ("." when it has none).
 std::string DirectoryOf(const std::string& path);

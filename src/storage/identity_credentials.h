@@ -37,6 +37,6 @@ void identity_credentials_SetDirectory(const std::string& directory);
 // the credentials were always read, the check after holding the platform or the conformance
 // credential looks at whether the endorsement credential is held, not at the one just read.
 [[nodiscard]] TSS_RESULT ReadIdentityCredentials(IdentityCredentials* credentials,
-                                                 FileSystem& fileSystem = PosixFileSystem());
+                                                 FileSystem& fileSystem = HostFileSystem());
 
 }  // namespace kesttcs

@@ -62,7 +62,7 @@ OwnerHeldFileContents DecodeOwnerHeldFile(std::span<const BYTE> bytes);
 // findOwnerHeldKey storage hook. Returns 0, or TCS_E_INTERNAL_ERROR when the file cannot be read or
 // created.
 [[nodiscard]] TSS_RESULT owner_keys_open(const std::string& file,
-                                         FileSystem& fs = PosixFileSystem());
+                                         FileSystem& fs = HostFileSystem());
 
 // Frees the list; later changes fail until the next owner_keys_open.
 void ReleaseOwnCtrl();

@@ -35,7 +35,7 @@ void ps_RegisterHooks(StorageHooks hooks) {
 void ps_SetFileSystem(FileSystem* fileSystem) {
   PsStore& s = Store();
   MutexLock lock(s.fileMutex);
-  s.fs = fileSystem != nullptr ? fileSystem : &PosixFileSystem();
+  s.fs = fileSystem != nullptr ? fileSystem : &HostFileSystem();
 }
 
 StorageHooks ps_CurrentHooks() {
@@ -100,7 +100,7 @@ void ps_close() {
   s.file.reset();
   s.path.clear();
   s.restorePending = false;
-  s.fs = &PosixFileSystem();
+  s.fs = &HostFileSystem();
 }
 
 TSS_RESULT ps_delete() {

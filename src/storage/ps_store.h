@@ -48,7 +48,7 @@ struct PsStore {
   // The file mutex: storage's first lock, before the index mutex. Serialises the descriptor, the
   // data file and its companions.
   Mutex fileMutex;
-  FileSystem* fs GUARDED_BY(fileMutex) = &PosixFileSystem();
+  FileSystem* fs GUARDED_BY(fileMutex) = &HostFileSystem();
   std::string path GUARDED_BY(fileMutex);                   // the data file; empty while closed
   std::unique_ptr<StorageFile> file GUARDED_BY(fileMutex);  // opened on first use
   // A change failed part-way and the file could not be put back yet: the next change restores it

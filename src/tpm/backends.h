@@ -29,4 +29,10 @@ std::unique_ptr<TpmBackend> MakeDeviceBackend(std::string devicePath);
 // without it fails with TCS_E_DRIVER_NOT_AVAILABLE).
 std::unique_ptr<TpmBackend> MakeTddlBackend(std::string libraryPath);
 
+// TPM Base Services ("tbs.dll" on Windows) loaded at run time: binding resolves
+// Tbsi_Context_Create, Tbsip_Submit_Command, Tbsip_Cancel_Commands and Tbsip_Context_Close (all
+// four are required); open creates a TBS context, close closes it. Commands go in at locality 0
+// with their TBS priority. Windows only.
+std::unique_ptr<TpmBackend> MakeTbsBackend(std::string libraryPath);
+
 }  // namespace kesttcs

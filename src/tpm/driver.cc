@@ -80,6 +80,7 @@ int bind_driver() {
     s.owned.reset();
     return kBindFailed;
   }
+  if (s.owned->IsTbs()) s.tbs.store(true);
   SetResponseCodeMapping(s.tbs ? ResponseCodeMapping::kTbs : ResponseCodeMapping::kTddl);
   s.bound.store(s.owned.get(), std::memory_order_release);
   return 0;

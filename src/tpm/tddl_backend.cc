@@ -10,12 +10,8 @@
 //      tried again by the next operation. Open, close and cancel answer 1 while unbound,
 //      transmit TCS_E_DRIVER_NOT_AVAILABLE.
 
-#include <dlfcn.h>
-
-#include <atomic>
-
-#include "base/mutex.h"
 #include "tpm/backends.h"
+#include "tpm/shared_library.h"
 
 namespace kesttcs {
 
@@ -41,45 +37,16 @@ constexpr EntryNames kMixedCaseNames = {"Tddli_Open", "Tddli_Close", "Tddli_Tran
 
 class TddlBackend final : public TpmBackend {
  public:
-  explicit TddlBackend(std::string path) : path_(std::move(path)) {}
-  ~TddlBackend() override {
-    if (library_ != nullptr) ::dlclose(library_);
-  }
+  explicit TddlBackend(std::string path) : binding_(std::move(path)) {}
 
   int Bind() override {
-    if (bound_.load(std::memory_order_acquire)) return 0;
-    MutexLock lock(bind_mu_);
-    if (bound_.load(std::memory_order_relaxed)) return 0;
-    void* library = ::dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-      const char* why = ::dlerror();
-      SetLastError("cannot load TDDL library " + path_ + ": " + (why ? why : "unknown error"));
+    std::string why;
+    if (binding_.Bind([this](const SharedLibrary& library,
+                             std::string* missing) { return Resolve(library, missing); },
+                      &why) != 0) {
+      SetLastError("TDDL library: " + why);
       return kBindFailed;
     }
-    const EntryNames* names = &kUpperCaseNames;
-    open_ = reinterpret_cast<TddlOpenFn>(::dlsym(library, names->open));
-    if (open_ == nullptr) {
-      names = &kMixedCaseNames;
-      open_ = reinterpret_cast<TddlOpenFn>(::dlsym(library, names->open));
-    }
-    if (open_ != nullptr) {
-      close_ = reinterpret_cast<TddlCloseFn>(::dlsym(library, names->close));
-      transmit_ = reinterpret_cast<TddlTransmitFn>(::dlsym(library, names->transmit));
-      cancel_ = reinterpret_cast<TddlCancelFn>(::dlsym(library, names->cancel));
-    }
-    // The transmit entry is deliberately not required (rule 2 above).
-    if (open_ == nullptr || close_ == nullptr || cancel_ == nullptr) {
-      SetLastError("TDDL library " + path_ +
-                   " exports neither TDDL_Open/Close/Cancel nor Tddli_Open/Close/Cancel");
-      open_ = nullptr;
-      close_ = nullptr;
-      transmit_ = nullptr;
-      cancel_ = nullptr;
-      ::dlclose(library);
-      return kBindFailed;
-    }
-    library_ = library;
-    bound_.store(true, std::memory_order_release);
     return 0;
   }
 
@@ -95,7 +62,7 @@ class TddlBackend final : public TpmBackend {
     result = CheckAnswersAsTpm12(*this, &error);
     if (result != TSS_SUCCESS) {
       static_cast<void>(close_());
-      SetLastError("TDDL library " + path_ + ": " + error);
+      SetLastError("TDDL library " + binding_.path() + ": " + error);
       return result;
     }
     SetLastError("");
@@ -121,14 +88,38 @@ class TddlBackend final : public TpmBackend {
 
   TSS_RESULT Cancel() override { return Bind() != 0 ? kBindFailed : cancel_(); }
 
-  std::string Describe() const override { return "tddl:" + path_; }
+  std::string Describe() const override { return "tddl:" + binding_.path(); }
 
  private:
-  const std::string path_;
-  Mutex bind_mu_;
-  // Set once binding succeeded; the pointers below never change afterwards.
-  std::atomic<bool> bound_{false};
-  void* library_ = nullptr;
+  // Takes the entry points by the binding rules above; on failure stores none of them.
+  bool Resolve(const SharedLibrary& library, std::string* why) {
+    const EntryNames* names = &kUpperCaseNames;
+    TddlOpenFn open = library.Find<TddlOpenFn>(names->open);
+    if (open == nullptr) {
+      names = &kMixedCaseNames;
+      open = library.Find<TddlOpenFn>(names->open);
+    }
+    if (open == nullptr) {
+      *why = binding_.path() + " exports neither TDDL_Open nor Tddli_Open";
+      return false;
+    }
+    TddlCloseFn close = library.Find<TddlCloseFn>(names->close);
+    TddlCancelFn cancel = library.Find<TddlCancelFn>(names->cancel);
+    // The transmit entry is deliberately not required (rule 2 above).
+    if (close == nullptr || cancel == nullptr) {
+      *why = binding_.path() + " exports " + names->open + " without " + names->close + " and " +
+             names->cancel;
+      return false;
+    }
+    open_ = open;
+    close_ = close;
+    transmit_ = library.Find<TddlTransmitFn>(names->transmit);
+    cancel_ = cancel;
+    return true;
+  }
+
+  LibraryBinding binding_;
+  // Stored by a successful binding, never changed afterwards.
   TddlOpenFn open_ = nullptr;
   TddlCloseFn close_ = nullptr;
   TddlTransmitFn transmit_ = nullptr;

@@ -1,14 +1,11 @@
-// Choosing a backend from its configuration string, and the TPM 1.2 check made at open.
+// The TPM 1.2 check made at open. Choosing a backend from its configuration string is the
+// host's (linux/backend_choice.cc, windows/backend_choice.cc).
 
 #include "tpm/tpm_backend.h"
-
-#include <unistd.h>
 
 #include <array>
 #include <cstdio>
 
-#include "tpm/backend_config.h"
-#include "tpm/backends.h"
 #include "tpm/tpm_bytes.h"
 #include "tpm12/marshal.h"
 
@@ -16,7 +13,6 @@ namespace kesttcs {
 
 namespace {
 
-constexpr const char* kDefaultDevice = "/dev/tpm0";
 // TPM_GetCapability(TPM_CAP_VERSION_VAL): read-only, answered by every TPM 1.2 (a TPM that has not
 // been started answers TPM_INVALID_POSTINIT, which is still a TPM 1.2 answer).
 constexpr std::array<BYTE, 18> kVersionProbe = {0x00, 0xC1, 0, 0, 0,    18, 0, 0, 0,
@@ -29,29 +25,6 @@ constexpr UINT32 kTpm2FormatBits = 0x180;
 constexpr UINT32 kTpm12RangeBits = 0xC00;
 
 }  // namespace
-
-std::unique_ptr<TpmBackend> CreateTpmBackend(std::string_view config, const std::string& home,
-                                             std::string* error) {
-  const std::optional<TpmBackendSpec> spec = ParseTpmBackendConfig(config, error);
-  if (!spec) return nullptr;
-  using Kind = TpmBackendSpec::Kind;
-  switch (spec->kind) {
-    case Kind::kAuto:
-      if (::access(kDefaultDevice, F_OK) == 0) return MakeDeviceBackend(kDefaultDevice);
-      return MakeLibtpmsBackend(home + "/tpm");
-    case Kind::kLibtpms:
-      return MakeLibtpmsBackend(spec->path.empty() ? home + "/tpm" : spec->path);
-    case Kind::kSwtpmUnix:
-      return MakeSwtpmUnixBackend(spec->path, spec->ctrlPath);
-    case Kind::kSwtpmTcp:
-      return MakeSwtpmTcpBackend(spec->path, spec->port, spec->ctrlPort);
-    case Kind::kDevice:
-      return MakeDeviceBackend(spec->path);
-    case Kind::kTddl:
-      return MakeTddlBackend(spec->path);
-  }
-  return nullptr;
-}
 
 TSS_RESULT CheckAnswersAsTpm12(TpmBackend& backend, std::string* error) {
   std::array<BYTE, kTpmBlobSize> response;

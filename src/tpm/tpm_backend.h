@@ -67,6 +67,9 @@ class TpmBackend {
   virtual TSS_RESULT Cancel() = 0;
   // The configuration string this backend was made from ("swtpm:unix:/run/tpm.sock").
   virtual std::string Describe() const = 0;
+  // True when the TPM is reached through TPM Base Services; binding such a backend puts the driver
+  // on the TBS path (driver_is_tbs()).
+  virtual bool IsTbs() const { return false; }
 
   // Why the last Open() failed (empty when it did not).
   const std::string& LastError() const { return last_error_; }
@@ -80,8 +83,9 @@ class TpmBackend {
 };
 
 // Builds the backend a configuration string names (the forms are listed in backend_config.h),
-// closed. `home` is the service's home directory. On success returns the backend; on a bad string
-// returns null and sets *error to a message that quotes the string and lists the accepted forms.
+// closed; each host has its own choice (linux/backend_choice.cc, windows/backend_choice.cc). `home`
+// is the service's home directory. On success returns the backend; on a bad string returns null and
+// sets *error to a message that quotes the string and lists the accepted forms.
 [[nodiscard]] std::unique_ptr<TpmBackend> CreateTpmBackend(std::string_view config,
                                                            const std::string& home,
                                                            std::string* error);

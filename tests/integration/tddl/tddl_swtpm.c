@@ -9,16 +9,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#define EXPORT __attribute__((visibility("default")))
+#include "tddl_results.h"
 
-enum {
-  kSuccess = 0,
-  kFail = 0x1002,
-  kAlreadyOpened = 0x1081,
-  kAlreadyClosed = 0x1082,
-  kInsufficientBuffer = 0x1083,
-  kIoError = 0x1087
-};
+#define EXPORT __attribute__((visibility("default")))
 
 static int g_fd = -1;
 
