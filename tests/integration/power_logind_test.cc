@@ -38,6 +38,7 @@ using wrapped_keys::CreateKey;
 using wrapped_keys::KeyInfo;
 using wrapped_keys::kSrk;
 using wrapped_keys::Load;
+using wrapped_keys::PubKey;
 using wrapped_keys::PubKeyOf;
 
 const Bytes kStorageKey = KeyInfo(wrapped_keys::kStorageUsage, 2048, /*OAEP*/ 3, /*none*/ 1);
@@ -73,15 +74,6 @@ long DaemonRssKb(pid_t pid) {
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path);
   return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-TSS_RESULT PubKey(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, Bytes* pub) {
-  UINT32 size = 0;
-  BYTE* data = nullptr;
-  const TSS_RESULT r = Tcsip_GetPubKey(h, key, nullptr, &size, &data);
-  if (r == TSS_SUCCESS) pub->assign(data, data + size);
-  Tcs_FreeBuffer(data);
-  return r;
 }
 
 class PowerLogindTest : public ::testing::Test {
