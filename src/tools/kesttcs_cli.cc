@@ -1,7 +1,7 @@
 // kesttcs-cli: status and facts of the TPM behind KestTCS, capabilities, random bytes, PCR read and
-// extend, the PCR event log, registered keys, ownership, the TPM's ordinal audit and the service's
-// sessions, over the client library. Human output by default, one JSON object with --json. Exit
-// status in tools/cli_output.h.
+// extend, the PCR event log, registered keys, ownership, the TPM's ordinal audit, the service's
+// sessions and key cache, making keys, over the client library. Human output by default, one JSON
+// object with --json. Exit status in tools/cli_output.h.
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -20,6 +20,7 @@
 #include "tools/cli_format.h"
 #include "tools/cli_output.h"
 #include "tools/events_command.h"
+#include "tools/key_create_command.h"
 #include "tools/keys_commands.h"
 #include "tools/owner_commands.h"
 #include "tools/tcs_connection.h"
@@ -231,6 +232,7 @@ int Main(int argc, char** argv) {
   KeysCommand keys(app);
   OwnerCommands owner(app);
   AuditCommand audit(app);
+  KeyCreateCommand keyCreate(app);
 
   try {
     app.parse(argc, argv);
@@ -265,6 +267,7 @@ int Main(int argc, char** argv) {
   }
   if (std::optional<int> status = owner.CheckArguments(out)) return *status;
   if (std::optional<int> status = audit.CheckArguments(out)) return *status;
+  if (std::optional<int> status = keyCreate.CheckArguments(out)) return *status;
 
   std::string reason;
   TSS_RESULT openResult = 0;
@@ -284,6 +287,7 @@ int Main(int argc, char** argv) {
   if (keys.parsed()) failure = keys.Run(*tcs, out);
   if (owner.parsed()) failure = owner.Run(*tcs, out);
   if (audit.parsed()) failure = audit.Run(*tcs, out);
+  if (keyCreate.parsed()) failure = keyCreate.Run(*tcs, out);
   if (failure) return out.TcsError(*failure);
   return out.Finish();
 }
