@@ -6,7 +6,9 @@
 // references and 100 signing keys; then in each of 10 rounds every client uses each of its keys
 // once: every answer is the key's own public part, the TPM never holds more keys than its slots
 // (asked between rounds), and the service's swap counters show the swaps, which the test prints.
-// When the clients close their contexts, all their keys leave the cache and the TPM.
+// When the clients close their contexts, all their keys leave the cache and the TPM. A round uses
+// a key as the client's named use says (kKeyUses in key_thrash_client.cc: "pubkey" for now); a
+// variant with another use, such as signing, runs Thrash with that use's name.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -132,7 +134,7 @@ CacheView ReadCache() {
   return view;
 }
 
-void Thrash(FixtureTpm tpm) {
+void Thrash(FixtureTpm tpm, const std::string& use) {
   signal(SIGPIPE, SIG_IGN);  // a client that died shows as a missing answer, not a dead test
   ASSERT_TRUE(signing_keys::Fixture(tpm, kKeys).has_value());
   const TempDir dir;
@@ -145,10 +147,9 @@ void Thrash(FixtureTpm tpm) {
   std::vector<std::unique_ptr<ThrashClient>> clients;
   for (size_t c = 0; c < kClients; ++c) {
     clients.push_back(std::make_unique<ThrashClient>(
-        std::vector<std::string>{kThrashClient, "pubkey", service.daemon().socket(),
-                                 signing_keys::FixtureDir(tpm).string(),
-                                 std::to_string(c * kKeysPerClient),
-                                 std::to_string(kKeysPerClient)},
+        std::vector<std::string>{
+            kThrashClient, use, service.daemon().socket(), signing_keys::FixtureDir(tpm).string(),
+            std::to_string(c * kKeysPerClient), std::to_string(kKeysPerClient)},
         fs::path(dir.path()) / ("client" + std::to_string(c) + ".log")));
   }
   for (auto& client : clients) ASSERT_EQ(client->Answer(), "loaded");
@@ -172,9 +173,9 @@ void Thrash(FixtureTpm tpm) {
   const CacheView used = ReadCache();
   const UINT64 swapOuts = used.swapOuts - loaded.swapOuts;
   const UINT64 swapIns = used.swapIns - loaded.swapIns;
-  std::printf("%s: %zu keys used %d times each: %llu swapped out, %llu swapped in\n",
-              signing_keys::TpmName(tpm), kKeys, kRounds, static_cast<unsigned long long>(swapOuts),
-              static_cast<unsigned long long>(swapIns));
+  std::printf("%s, %s: %zu keys used %d times each: %llu swapped out, %llu swapped in\n",
+              signing_keys::TpmName(tpm), use.c_str(), kKeys, kRounds,
+              static_cast<unsigned long long>(swapOuts), static_cast<unsigned long long>(swapIns));
   // At the start of a round at most a slot's worth of keys is resident, so every other key of the
   // round has to be swapped in, and as many swapped out to make room.
   EXPECT_GE(swapIns, UINT64(kRounds) * (kKeys - kTpmKeySlots));
@@ -188,11 +189,13 @@ void Thrash(FixtureTpm tpm) {
   EXPECT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);
 }
 
-TEST(KeyThrashTest, HundredKeysFromFourClientsOnTheEmbeddedTpm) { Thrash(FixtureTpm::kLibtpms); }
+TEST(KeyThrashTest, HundredKeysFromFourClientsOnTheEmbeddedTpm) {
+  Thrash(FixtureTpm::kLibtpms, "pubkey");
+}
 
 TEST(KeyThrashTest, HundredKeysFromFourClientsOnASwtpmProcess) {
   if (!SwtpmInstalled()) GTEST_SKIP() << "swtpm is not installed";
-  Thrash(FixtureTpm::kSwtpm);
+  Thrash(FixtureTpm::kSwtpm, "pubkey");
 }
 
 }  // namespace

@@ -59,7 +59,7 @@ inline fs::path FixtureDir(FixtureTpm tpm) {
 }
 
 inline std::string SigningBlobName(size_t i) {
-  char name[32];
+  char name[48];  // room for any size_t
   std::snprintf(name, sizeof(name), "signing-%03zu.blob", i);
   return name;
 }
