@@ -1,7 +1,8 @@
 /* What the service holds, for administrators' tools: read through a second RPC interface on the
  * service's endpoint ("service state", opened and closed per call; it opens no context and sends
  * nothing to the TPM). Whoever may reach the endpoint may read it; it shows context and session
- * handles, which are of no use to anyone but their owner, and the power state, never secrets.
+ * handles, which are of no use to anyone but their owner, the power state, and the key cache's
+ * handles, slots and registered UUIDs, never secrets or key material.
  *
  * Results: 0; TCS_E_BAD_PARAMETER (0xE0282003) for a null argument; TCS_E_COMM_FAILURE
  * (0xE0282011) when the service cannot be reached or does not offer the interface
@@ -51,6 +52,38 @@ typedef struct tdKESTTCS_POWER_STATE {
 
 /* Reads the power state from the service at the client library's endpoint (as above). */
 KESTTCS_CLIENT_API TSS_RESULT KestTcs_GetPowerState(KESTTCS_POWER_STATE* state);
+
+/* Where a cached key is. */
+#define KESTTCS_KEY_RESIDENT 0u /* in the TPM, in slot tpmHandle */
+#define KESTTCS_KEY_SWAPPED 1u  /* swapped out: the service holds its saved context */
+#define KESTTCS_KEY_UNLOADED 2u /* not in the TPM, no saved context: loaded again from its blob */
+
+/* tpmHandle of a key that is not resident. */
+#define KESTTCS_NO_SLOT 0xFFFFFFFFu
+
+/* One key of the service's key cache. */
+typedef struct tdKESTTCS_KEY_CACHE_ENTRY {
+  TCS_KEY_HANDLE tcsKeyHandle;    /* the handle clients hold */
+  UINT32 state;                   /* KESTTCS_KEY_... */
+  TPM_KEY_HANDLE tpmHandle;       /* the TPM slot while resident, else KESTTCS_NO_SLOT */
+  TCS_KEY_HANDLE parentTcsHandle; /* 0xFFFFFFFF when the cache knows no parent */
+  UINT32 refCount;                /* client contexts that hold the key */
+  TSS_BOOL registered;            /* whether `uuid` names the key in persistent storage */
+  TSS_UUID uuid;                  /* all zero when not registered */
+} KESTTCS_KEY_CACHE_ENTRY;
+
+typedef struct tdKESTTCS_KEY_CACHE {
+  UINT64 swapOuts;                  /* keys swapped out of the TPM since the service started */
+  UINT64 swapIns;                   /* keys swapped back in from their saved contexts since then */
+  UINT32 count;                     /* entries of `entries`, newest first */
+  KESTTCS_KEY_CACHE_ENTRY* entries; /* owned by the caller: free with KestTcs_FreeKeyCache */
+} KESTTCS_KEY_CACHE;
+
+/* Reads the key cache from the service at the client library's endpoint (as above). On success
+ * *cache holds the entries; on failure it is left empty. */
+KESTTCS_CLIENT_API TSS_RESULT KestTcs_GetKeyCache(KESTTCS_KEY_CACHE* cache);
+/* Frees cache->entries and empties *cache; a null or empty cache is left alone. */
+KESTTCS_CLIENT_API void KestTcs_FreeKeyCache(KESTTCS_KEY_CACHE* cache);
 
 #ifdef __cplusplus
 }

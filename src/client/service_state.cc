@@ -1,7 +1,8 @@
-// KestTcs_GetSessionTable and KestTcs_GetPowerState: each one call of the service-state interface
-// on a connection of its own.
+// KestTcs_GetSessionTable, KestTcs_GetPowerState and KestTcs_GetKeyCache: each one call of the
+// service-state interface on a connection of its own.
 #include <kesttcs/tcs_service_state.h>
 
+#include <cstdlib>
 #include <vector>
 
 #include <kesttcs/tcs_results.h>
@@ -53,4 +54,20 @@ extern "C" TSS_RESULT KestTcs_GetPowerState(KESTTCS_POWER_STATE* state) {
                           [state](dcerpc::NdrReader& reader, TSS_RESULT* result) {
                             return rpc::ReadPowerState(reader, state, result);
                           });
+}
+
+extern "C" TSS_RESULT KestTcs_GetKeyCache(KESTTCS_KEY_CACHE* cache) {
+  using namespace kesttcs;
+  if (cache == nullptr) return TCS_E_BAD_PARAMETER;
+  *cache = {};
+  return CallServiceState(rpc::kGetKeyCacheOpnum,
+                          [cache](dcerpc::NdrReader& reader, TSS_RESULT* result) {
+                            return rpc::ReadKeyCache(reader, cache, result);
+                          });
+}
+
+extern "C" void KestTcs_FreeKeyCache(KESTTCS_KEY_CACHE* cache) {
+  if (cache == nullptr) return;
+  std::free(cache->entries);
+  *cache = {};
 }

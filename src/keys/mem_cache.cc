@@ -11,6 +11,7 @@
 #include "base/logging.h"
 #include "contexts/contexts.h"
 #include "keys/key_eviction.h"
+#include "keys/mem_cache_snapshot.h"
 #include "keys/mem_cache_table.h"
 #include "storage/ps_format.h"
 #include "tpm/tpm_cmds.h"
@@ -127,6 +128,7 @@ TSS_RESULT mem_cache_init(const std::string& dataFile, bool tpmHasOwner) {
     MutexLock lock(counters.stampMu);
     counters.nextStamp = kFirstLoadStamp;
   }
+  resetKeySwapCounts();
   RegisterHooks();
   return ps_init(dataFile, tpmHasOwner);
 }

@@ -10,6 +10,7 @@
 #include "keys/key_commands.h"
 #include "keys/key_eviction.h"
 #include "keys/key_swapping.h"
+#include "keys/mem_cache_snapshot.h"
 #include "keys/mem_cache_table.h"
 #include "storage/owner_held_keys.h"
 #include "tpm/driver.h"
@@ -102,6 +103,7 @@ TSS_RESULT saveKeyContext(UINT32 resourceType, TPM_KEY_HANDLE tpmHandle) {
   entry->inTpm = false;
   if (TSS_RESULT rc = Tcsip_EvictKey_Internal(tpmHandle)) return rc;
   entry->inTpm = false;
+  countKeySwapOut();
   return TSS_SUCCESS;
 }
 
@@ -128,6 +130,7 @@ TSS_RESULT internal_LoadContext(UINT32 resourceType, TPM_KEY_HANDLE tpmHandle,
     entry->inTpm = true;
     if (newStyle) entry->contextSize = 0;
   }
+  countKeySwapIn();
   *newHandle = loaded;
   return TSS_SUCCESS;
 }

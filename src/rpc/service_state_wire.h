@@ -7,6 +7,11 @@
 // rest zero, then the result (TSS_RESULT).
 // Opnum 1, the power state: no input; output state (UINT32), lastTpmRestart (UINT64 as two
 // UINT32, low half first), then the result.
+// Opnum 2, the key cache: no input; output swapOuts and swapIns (each UINT64 as two UINT32, low
+// half first), count (UINT32), then `count` entries of 40 bytes each: tcsKeyHandle, state,
+// tpmHandle, parentTcsHandle, refCount, registered (each UINT32), the UUID (ulTimeLow UINT32,
+// usTimeMid and usTimeHigh UINT16, the two clock-sequence bytes and the six node bytes); then the
+// result.
 #pragma once
 
 #include <cstdint>
@@ -20,6 +25,7 @@ namespace kesttcs::rpc {
 
 inline constexpr uint16_t kGetSessionTableOpnum = 0;
 inline constexpr uint16_t kGetPowerStateOpnum = 1;
+inline constexpr uint16_t kGetKeyCacheOpnum = 2;
 
 dcerpc::SyntaxId ServiceStateInterfaceSyntax();
 
@@ -36,5 +42,13 @@ void WritePowerState(const KESTTCS_POWER_STATE& state, TSS_RESULT result,
                      dcerpc::NdrWriter& writer);
 [[nodiscard]] bool ReadPowerState(dcerpc::NdrReader& reader, KESTTCS_POWER_STATE* state,
                                   TSS_RESULT* result);
+
+// The key cache and the result as they cross the wire. The reader checks that the answer holds
+// exactly `count` entries before it allocates them (with malloc, for KestTcs_FreeKeyCache), and
+// fails on a state it does not know or a `registered` other than 0 or 1; on failure *cache is
+// left as it was.
+void WriteKeyCache(const KESTTCS_KEY_CACHE& cache, TSS_RESULT result, dcerpc::NdrWriter& writer);
+[[nodiscard]] bool ReadKeyCache(dcerpc::NdrReader& reader, KESTTCS_KEY_CACHE* cache,
+                                TSS_RESULT* result);
 
 }  // namespace kesttcs::rpc

@@ -1,8 +1,8 @@
 // kesttcs-cli: status and facts of the TPM behind KestTCS, capabilities, random bytes, PCR read and
 // extend, the PCR event log, registered keys, ownership, the TPM's ordinal audit, the service's
-// sessions, NV storage and monotonic counters, sealing, signing and quotes, over the client
-// library. Human output by default, one JSON object with --json. Exit status in
-// tools/cli_output.h.
+// sessions and key cache, making keys, NV storage and monotonic counters, sealing, signing and
+// quotes, over the client library. Human output by default, one JSON object with --json. Exit
+// status in tools/cli_output.h.
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -23,6 +23,7 @@
 #include "tools/counter_command.h"
 #include "tools/data_commands.h"
 #include "tools/events_command.h"
+#include "tools/key_create_command.h"
 #include "tools/keys_commands.h"
 #include "tools/nv_command.h"
 #include "tools/owner_commands.h"
@@ -238,6 +239,7 @@ int Main(int argc, char** argv) {
   NvCommand nv(app);
   CounterCommand counter(app);
   DataCommands data(app);
+  KeyCreateCommand keyCreate(app);
 
   try {
     app.parse(argc, argv);
@@ -275,6 +277,7 @@ int Main(int argc, char** argv) {
   if (std::optional<int> status = nv.CheckArguments(out)) return *status;
   if (std::optional<int> status = counter.CheckArguments(out)) return *status;
   if (std::optional<int> status = data.CheckArguments(out)) return *status;
+  if (std::optional<int> status = keyCreate.CheckArguments(out)) return *status;
 
   std::string reason;
   TSS_RESULT openResult = 0;
@@ -297,6 +300,7 @@ int Main(int argc, char** argv) {
   if (nv.parsed()) failure = nv.Run(*tcs, out);
   if (counter.parsed()) failure = counter.Run(*tcs, out);
   if (data.parsed()) failure = data.Run(*tcs, out);
+  if (keyCreate.parsed()) failure = keyCreate.Run(*tcs, out);
   if (failure) return out.TcsError(*failure);
   return out.Finish();
 }

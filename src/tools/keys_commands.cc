@@ -4,9 +4,11 @@
 #include <cstdlib>
 
 #include <kesttcs/tcs_results.h>
+#include <kesttcs/tcs_service_state.h>
 
 #include "tools/cli_format.h"
 #include "tools/kestdata_check.h"
+#include "tools/key_cache_format.h"
 #include "tools/key_format.h"
 #include "tools/key_tree.h"
 
@@ -48,6 +50,18 @@ std::optional<Failure> List(TcsConnection& tcs, Output& out) {
   return std::nullopt;
 }
 
+std::optional<Failure> Loaded(Output& out) {
+  KESTTCS_KEY_CACHE cache{};
+  if (TSS_RESULT r = KestTcs_GetKeyCache(&cache); r != 0) {
+    return Failure{"KestTcs_GetKeyCache", r,
+                   "the service does not report its key cache (an older service?)"};
+  }
+  out.object() = KeyCacheJson(cache);
+  if (!out.json()) std::fputs(KeyCacheText(cache).c_str(), stdout);
+  KestTcs_FreeKeyCache(&cache);
+  return std::nullopt;
+}
+
 }  // namespace
 
 KeysCommand::KeysCommand(CLI::App& app)
@@ -55,7 +69,13 @@ KeysCommand::KeysCommand(CLI::App& app)
       list_(keys_->add_subcommand("list", "The registered keys as a tree under the SRK")),
       register_(keys_->add_subcommand("register", "Register a key blob under a UUID")),
       unregister_(keys_->add_subcommand("unregister", "Unregister the key with UUID U")),
-      check_(keys_->add_subcommand("check", "Check the storage file without the service")) {
+      check_(keys_->add_subcommand("check", "Check the storage file without the service")),
+      loaded_(keys_->add_subcommand(
+          "loaded",
+          "The service's key cache: each key's TCS handle, its TPM slot (or \"swapped\" when "
+          "its saved context waits outside the TPM, \"not loaded\" when it is loaded again from "
+          "its blob on next use), its parent, how many contexts hold it, and its UUID when "
+          "registered; with the swaps since the service started")) {
   keys_->require_subcommand(1);
   register_->add_option("--uuid", uuidText_, "The key's UUID")->required();
   register_->add_option("--parent", parentText_, "The parent's UUID, or srk")->required();
@@ -63,7 +83,7 @@ KeysCommand::KeysCommand(CLI::App& app)
   unregister_->add_option("U", uuidText_, "The key's UUID")->required();
   dataFile_ = DefaultDataFile();
   check_->add_option("--file", dataFile_, "The storage file")->capture_default_str();
-  for (CLI::App* sub : {keys_, list_, register_, unregister_, check_}) sub->fallthrough();
+  for (CLI::App* sub : {keys_, list_, register_, unregister_, check_, loaded_}) sub->fallthrough();
 }
 
 bool KeysCommand::parsed() const { return keys_->parsed(); }
@@ -125,6 +145,7 @@ int KeysCommand::Check(Output& out) const {
 
 std::optional<Failure> KeysCommand::Run(TcsConnection& tcs, Output& out) const {
   if (list_->parsed()) return List(tcs, out);
+  if (loaded_->parsed()) return Loaded(out);
   if (register_->parsed()) {
     if (TSS_RESULT r = tcs.RegisterKey(parent_, uuid_, blob_); r != 0) {
       return Failure{"Tcsi_RegisterKey", r};

@@ -1,5 +1,6 @@
 // kesttcs-cli keys: the registered keys. `list`, `register` and `unregister` go through the
-// service; `check` reads the storage file itself and needs no service.
+// service; `check` reads the storage file itself and needs no service; `loaded` shows the service's
+// key cache.
 //
 // `keys check` exit status: 0 the file is sound (or empty); 1 it cannot be read; 3 its checksum
 // does not match; 4 a record breaks the format; 5 both.
@@ -44,6 +45,7 @@ class KeysCommand {
   CLI::App* register_;
   CLI::App* unregister_;
   CLI::App* check_;
+  CLI::App* loaded_;
   std::string uuidText_;
   std::string parentText_;
   std::string blobFile_;

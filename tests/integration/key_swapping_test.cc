@@ -3,13 +3,16 @@
 // the TPM has slots, made with Tcsip_CreateWrapKey and the client's authorisation helper (OSAP,
 // ADIP), loaded (the service authorises the storage key's load under the SRK itself), then used in
 // round robin with Tcsip_GetPubKey: every answer is the key's own public part and the TPM never
-// holds more than its 20 keys. A key shared by two contexts outlives one of them; a client killed
-// with SIGKILL releases its references.
+// holds more than its 20 keys. A key shared by two contexts is one cache entry with two references
+// (as the service-state interface shows) and outlives one of them; it leaves the TPM with its last
+// reference; a client killed with SIGKILL releases its references.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
+#include <optional>
 #include <set>
 #include <thread>
 #include <vector>
@@ -20,6 +23,7 @@
 #include <kesttcs/tcs_capabilities.h>
 #include <kesttcs/tcs_client.h>
 #include <kesttcs/tcs_results.h>
+#include <kesttcs/tcs_service_state.h>
 #include <kesttcs/tpm_ordinals.h>
 
 #include "daemon_process.h"
@@ -45,6 +49,31 @@ constexpr size_t kSigningKeys = 24;
 
 const Bytes kStorageKey = KeyInfo(wrapped_keys::kStorageUsage, 2048, /*OAEP*/ 3, /*none*/ 1);
 const Bytes kSigningKey = KeyInfo(wrapped_keys::kSigningUsage, 512, /*none*/ 1, /*PKCS#1 SHA-1*/ 2);
+
+// The key cache's entry for `key`, as the service-state interface reports it.
+std::optional<KESTTCS_KEY_CACHE_ENTRY> CacheEntry(TCS_KEY_HANDLE key) {
+  KESTTCS_KEY_CACHE cache{};
+  EXPECT_EQ(KestTcs_GetKeyCache(&cache), TSS_SUCCESS);
+  std::optional<KESTTCS_KEY_CACHE_ENTRY> found;
+  for (UINT32 i = 0; i < cache.count; ++i) {
+    if (cache.entries[i].tcsKeyHandle == key) found = cache.entries[i];
+  }
+  KestTcs_FreeKeyCache(&cache);
+  return found;
+}
+
+// Whether the TPM holds a key in `slot` (TPM_CAP_KEY_HANDLE: a UINT16 count, then the handles).
+bool TpmHoldsSlot(TCS_CONTEXT_HANDLE h, TPM_KEY_HANDLE slot) {
+  UINT32 size = 0;
+  BYTE* resp = nullptr;
+  EXPECT_EQ(Tcsip_GetCapability(h, TPM_CAP_KEY_HANDLE, 0, nullptr, &size, &resp), TSS_SUCCESS);
+  bool held = false;
+  for (UINT32 at = 2; at + 4 <= size; at += 4) {
+    held = held || wrapped_keys::Get32(Bytes(resp + at, resp + at + 4), 0) == slot;
+  }
+  Tcs_FreeBuffer(resp);
+  return held;
+}
 
 TEST(KeySwappingTest, MoreKeysThanSlotsAnswerRightSharedKeysStayAndDeadClientsLetGo) {
   TempDir dir;
@@ -86,7 +115,11 @@ TEST(KeySwappingTest, MoreKeysThanSlotsAnswerRightSharedKeysStayAndDeadClientsLe
   TCS_CONTEXT_HANDLE other = 0;
   ASSERT_EQ(Tcsi_OpenContext(&other), TSS_SUCCESS);
   EXPECT_EQ(Load(other, storage, blobs[0]), keys[0]);
+  ASSERT_TRUE(CacheEntry(keys[0]).has_value());
+  EXPECT_EQ(CacheEntry(keys[0])->refCount, 2u);
+  EXPECT_EQ(CacheEntry(keys[0])->parentTcsHandle, storage);
   ASSERT_EQ(Tcsi_CloseContext(other), TSS_SUCCESS);
+  EXPECT_EQ(CacheEntry(keys[0])->refCount, 1u);
   Bytes pub;
   EXPECT_EQ(PubKey(h, keys[0], &pub), TSS_SUCCESS);
   // One evicting context keeps it for the other; the last reference ends it.
@@ -94,8 +127,15 @@ TEST(KeySwappingTest, MoreKeysThanSlotsAnswerRightSharedKeysStayAndDeadClientsLe
   EXPECT_EQ(Load(other, storage, blobs[0]), keys[0]);
   EXPECT_EQ(Tcsip_EvictKey(h, keys[0]), TSS_SUCCESS);
   EXPECT_EQ(PubKey(other, keys[0], &pub), TSS_SUCCESS);
+  const std::optional<KESTTCS_KEY_CACHE_ENTRY> shared = CacheEntry(keys[0]);
+  ASSERT_TRUE(shared.has_value());
+  EXPECT_EQ(shared->refCount, 1u);
+  ASSERT_EQ(shared->state, KESTTCS_KEY_RESIDENT);
+  EXPECT_TRUE(TpmHoldsSlot(h, shared->tpmHandle));
   EXPECT_EQ(Tcsip_EvictKey(other, keys[0]), TSS_SUCCESS);
   EXPECT_EQ(PubKey(other, keys[0], &pub), TCS_E_INVALID_KEY);
+  EXPECT_FALSE(CacheEntry(keys[0]).has_value());
+  EXPECT_FALSE(TpmHoldsSlot(h, shared->tpmHandle));
 
   // A registered chain (storage key under the SRK, signing key under it) loads by UUID alone in a
   // fresh context, the parent first.
@@ -108,6 +148,12 @@ TEST(KeySwappingTest, MoreKeysThanSlotsAnswerRightSharedKeysStayAndDeadClientsLe
   ASSERT_EQ(Tcsi_RegisterKey(h, storageUuid, signingUuid, UINT32(blobs[2].size()),
                              const_cast<BYTE*>(blobs[2].data()), 0, nullptr),
             TSS_SUCCESS);
+  // Registered after it was loaded: the cache listing finds its UUID in storage.
+  ASSERT_TRUE(CacheEntry(storage).has_value());
+  EXPECT_TRUE(CacheEntry(storage)->registered);
+  EXPECT_EQ(std::memcmp(&CacheEntry(storage)->uuid, &storageUuid, sizeof storageUuid), 0);
+  ASSERT_TRUE(CacheEntry(keys[3]).has_value());
+  EXPECT_FALSE(CacheEntry(keys[3])->registered);
   ASSERT_EQ(Tcsi_CloseContext(h), TSS_SUCCESS);
   ASSERT_EQ(Tcsi_CloseContext(other), TSS_SUCCESS);
   ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
@@ -143,6 +189,8 @@ TEST(KeySwappingTest, MoreKeysThanSlotsAnswerRightSharedKeysStayAndDeadClientsLe
   ASSERT_EQ(Tcsi_OpenContext(&h), TSS_SUCCESS);
   ASSERT_EQ(PubKey(h, held, &pub), TSS_SUCCESS);
   EXPECT_EQ(pub, PubKeyOf(blobs[1]));
+  ASSERT_TRUE(CacheEntry(held).has_value());
+  EXPECT_EQ(CacheEntry(held)->refCount, 1u);
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
   close(pipeFds[0]);
@@ -152,6 +200,7 @@ TEST(KeySwappingTest, MoreKeysThanSlotsAnswerRightSharedKeysStayAndDeadClientsLe
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   EXPECT_EQ(PubKey(h, held, &pub), TCS_E_INVALID_KEY);
+  EXPECT_FALSE(CacheEntry(held).has_value());
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// Test helper: a swtpm process with its state and Unix sockets in a fresh temporary directory,
-// started in the constructor and stopped (SIGTERM, then reaped) in the destructor.
+// Test helper: a swtpm process with its state and Unix sockets in a fresh temporary directory
+// (optionally seeded with the files of a saved state), started in the constructor and stopped
+// (SIGTERM, then reaped) by Stop or the destructor.
 #pragma once
 
 #include <netinet/in.h>
@@ -11,6 +12,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,7 +28,12 @@ class SwtpmProcess {
  public:
   // startupClear: the TPM is started by swtpm itself; otherwise it waits for TPM_Startup.
   // tcpPorts: {data, ctrl} to listen on 127.0.0.1 instead of Unix sockets.
-  explicit SwtpmProcess(bool startupClear, std::pair<int, int> tcpPorts = {0, 0}) {
+  // initialState: a directory whose files (a state saved from state_dir()) swtpm starts from.
+  explicit SwtpmProcess(bool startupClear, std::pair<int, int> tcpPorts = {0, 0},
+                        const std::filesystem::path& initialState = {}) {
+    if (!initialState.empty()) {
+      std::filesystem::copy(initialState, dir_.path(), std::filesystem::copy_options::recursive);
+    }
     data_ = dir_.path() + "/data.sock";
     ctrl_ = dir_.path() + "/ctrl.sock";
     std::vector<std::string> args = {"swtpm", "socket", "--tpmstate", "dir=" + dir_.path()};
@@ -52,11 +59,14 @@ class SwtpmProcess {
     tcp_ = tcpPorts.first != 0;
     ports_ = tcpPorts;
   }
-  ~SwtpmProcess() {
+  ~SwtpmProcess() { Stop(); }
+  // Ends swtpm (SIGTERM, then reaped); its state stays in state_dir() until destruction.
+  void Stop() {
     if (pid_ > 0) {
       ::kill(pid_, SIGTERM);
       int status = 0;
       ::waitpid(pid_, &status, 0);
+      pid_ = -1;
     }
   }
   SwtpmProcess(const SwtpmProcess&) = delete;
@@ -83,6 +93,7 @@ class SwtpmProcess {
     return false;
   }
 
+  const std::string& state_dir() const { return dir_.path(); }
   const std::string& data_path() const { return data_; }
   const std::string& ctrl_path() const { return ctrl_; }
   std::string UnixConfig() const { return "swtpm:unix:" + data_ + "," + ctrl_; }
