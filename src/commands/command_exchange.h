@@ -43,7 +43,8 @@ constexpr bool FitsCommandBuffer(UINT64 variableBytes, UINT32 fixedBytes) noexce
 template <class T>
 bool HoldsExactlyOne(std::span<const BYTE> bytes) noexcept {
   BlobReader reader(bytes);
-  return UnloadBlob(reader, static_cast<T*>(nullptr)) == TSS_SUCCESS && reader.remaining() == 0;
+  return bytes.size() <= kTpmBlobSize &&
+         UnloadBlob(reader, static_cast<T*>(nullptr)) == TSS_SUCCESS && reader.remaining() == 0;
 }
 
 class TpmCommand {

@@ -51,4 +51,13 @@ TSS_RESULT HandOutAll(TCS_CONTEXT_HANDLE hContext,
   return TSS_SUCCESS;
 }
 
+TSS_RESULT UnloadTwoSized(BlobReader& reader, TCS_CONTEXT_HANDLE hContext, UINT32* firstSize,
+                          BYTE** first, UINT32* secondSize, BYTE** second) noexcept {
+  std::span<const BYTE> firstBytes;
+  std::span<const BYTE> secondBytes;
+  if (TSS_RESULT rc = TakeSized(reader, &firstBytes)) return rc;
+  if (TSS_RESULT rc = TakeSized(reader, &secondBytes)) return rc;
+  return HandOutAll(hContext, {{firstBytes, firstSize, first}, {secondBytes, secondSize, second}});
+}
+
 }  // namespace kesttcs

@@ -17,14 +17,6 @@ namespace kesttcs {
 // A key slot of 0 names no key: a keyed command that is given one fails with TCS_E_FAIL.
 inline constexpr TPM_KEY_HANDLE kNoKeySlot = 0;
 
-// Whether `bytes` hold exactly one T (a TPM structure with a wire form), nothing left over.
-template <class T>
-bool IsOneStructure(std::span<const BYTE> bytes) noexcept {
-  BlobReader reader(bytes);
-  return bytes.size() <= kTpmBlobSize &&
-         UnloadBlob(reader, static_cast<T*>(nullptr)) == TSS_SUCCESS && reader.remaining() == 0;
-}
-
 // One part to hand out: its bytes (still in the response buffer) and where the client's size and
 // pointer go.
 struct OutputPart {
@@ -42,5 +34,10 @@ struct OutputPart {
 // allocated: the blocks made before it are released and nothing is written.
 [[nodiscard]] TSS_RESULT HandOutAll(TCS_CONTEXT_HANDLE hContext,
                                     std::initializer_list<OutputPart> parts) noexcept;
+
+// Reads two sized outputs in a row from `reader` and hands both to the client or neither.
+[[nodiscard]] TSS_RESULT UnloadTwoSized(BlobReader& reader, TCS_CONTEXT_HANDLE hContext,
+                                        UINT32* firstSize, BYTE** first, UINT32* secondSize,
+                                        BYTE** second) noexcept;
 
 }  // namespace kesttcs

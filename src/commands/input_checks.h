@@ -1,7 +1,8 @@
 // Checks of a command's caller-supplied inputs before anything is marshalled: variable parts that
 // must be present and fit the command buffer together, and structures that the TPM reads without
 // a size field in front of them (a TPM_PUBKEY, a TPM_KEY12, ...), so the caller's bytes must hold
-// exactly one of them or the TPM would read the next parameter from the wrong place.
+// exactly one of them (HoldsExactlyOne, beside TpmCommand) or the TPM would read the next parameter
+// from the wrong place.
 #pragma once
 
 #include <initializer_list>
@@ -29,13 +30,6 @@ inline bool PartsFit(UINT32 fixedBytes, std::initializer_list<InputPart> parts) 
     total += part.size;
   }
   return FitsCommandBuffer(total, fixedBytes);
-}
-
-// True when `bytes` are exactly one T as the TPM would read it: nothing short, nothing left over.
-template <class T>
-bool HoldsExactlyOne(std::span<const BYTE> bytes) noexcept {
-  BlobReader reader(bytes);
-  return UnloadBlob(reader, static_cast<T*>(nullptr)) == TSS_SUCCESS && reader.remaining() == 0;
 }
 
 // The bytes of one variable-length input as a span (empty for size 0, whatever the pointer).

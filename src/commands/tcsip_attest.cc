@@ -55,7 +55,7 @@ TSS_RESULT PrepareQuote(TpmCommand& command, std::span<const BYTE> selection, TP
                                    selection.data(), auth, key, slot)) {
     return rc;
   }
-  return IsOneStructure<TPM_PCR_SELECTION>(selection) ? TSS_SUCCESS : TCS_E_BAD_PARAMETER;
+  return HoldsExactlyOne<TPM_PCR_SELECTION>(selection) ? TSS_SUCCESS : TCS_E_BAD_PARAMETER;
 }
 
 // The answer of TPM_CertifyKey: the certify info, then the signature.

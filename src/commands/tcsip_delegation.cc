@@ -5,8 +5,8 @@
 #include <kesttcs/tcs_results.h>
 
 #include "commands/command_exchange.h"
+#include "commands/command_parts.h"
 #include "commands/input_checks.h"
-#include "commands/sized_outputs.h"
 #include "storage/persistent_storage.h"
 #include "tpm12/marshal.h"
 #include "tpm12/tpm_ordinals.h"
@@ -134,8 +134,8 @@ TSS_RESULT Tcsip_Delegate_ReadTable_Internal(TCS_CONTEXT_HANDLE hContext,
   TpmCommand command(hContext, TPM_ORD_Delegate_ReadTable);
   if (TSS_RESULT rc = command.Check()) return rc;
   if (TSS_RESULT rc = command.Run(TPM_TAG_RQU_COMMAND)) return rc;
-  return UnloadTwoSized(command, hContext, pulFamilyTableSize, ppFamilyTable, pulDelegateTableSize,
-                        ppDelegateTable);
+  return UnloadTwoSized(command.Outputs(), hContext, pulFamilyTableSize, ppFamilyTable,
+                        pulDelegateTableSize, ppDelegateTable);
 }
 
 }  // namespace kesttcs

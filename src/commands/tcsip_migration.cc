@@ -3,8 +3,8 @@
 #include <kesttcs/tcs_results.h>
 
 #include "commands/command_exchange.h"
+#include "commands/command_parts.h"
 #include "commands/input_checks.h"
-#include "commands/sized_outputs.h"
 #include "storage/persistent_storage.h"
 #include "tpm12/marshal.h"
 #include "tpm12/tpm_ordinals.h"
@@ -53,7 +53,7 @@ TSS_RESULT Tcsip_CreateMigrationBlob_Internal(
                                             Bytes(encDataSize, encData))) {
     return rc;
   }
-  return UnloadTwoSized(command, hContext, randomSize, random, outDataSize, outData);
+  return UnloadTwoSized(command.Outputs(), hContext, randomSize, random, outDataSize, outData);
 }
 
 TSS_RESULT Tcsip_ConvertMigrationBlob_Internal(TCS_CONTEXT_HANDLE hContext,

@@ -71,7 +71,7 @@ TSS_RESULT Tcsip_UnSeal_Internal(TCS_CONTEXT_HANDLE hContext, TCS_KEY_HANDLE par
   if (TSS_RESULT rc = command.Check(kUnSealFixedBytes, SealedDataSize, SealedData)) return rc;
   // The TPM reads the stored data as a structure, with no size in front of it.
   const std::span<const BYTE> sealed(SealedData, SealedDataSize);
-  if (!IsOneStructure<TPM_STORED_DATA>(sealed)) return TCS_E_BAD_PARAMETER;
+  if (!HoldsExactlyOne<TPM_STORED_DATA>(sealed)) return TCS_E_BAD_PARAMETER;
   if (TSS_RESULT rc = command.UseSessions(parentAuth, dataAuth)) return rc;
   TPM_KEY_HANDLE parentSlot = kNoKeySlot;
   if (TSS_RESULT rc = command.UseKey(parentHandle, &parentSlot)) return rc;
