@@ -291,7 +291,7 @@ TEST_F(DataAttestTest, DataBoundToABindKeyUnbinds) {
   PutAll(bound, secret);
   const std::optional<Bytes> sealed = rsa_checks::OaepEncrypt(Modulus(h_, Binder()), bound);
   ASSERT_TRUE(sealed);
-  const Bytes& enc = *sealed;
+  Bytes enc = *sealed;
 
   UINT32 size = 0;
   BYTE* out = nullptr;

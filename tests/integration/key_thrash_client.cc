@@ -13,6 +13,7 @@
 #include <kesttcs/tcs_client.h>
 #include <kesttcs/tcs_results.h>
 
+#include "rsa_checks.h"
 #include "signing_keys_fixture.h"
 #include "wrapped_keys.h"
 
@@ -31,6 +32,19 @@ TSS_RESULT GetPubKeyUse(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, const Bytes& b
   return r != TSS_SUCCESS ? r : same ? TSS_SUCCESS : TCS_E_FAIL;
 }
 
+// Tcsip_Sign of a SHA-1 digest, whose signature must verify with OpenSSL under the key's modulus.
+TSS_RESULT SignUse(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, const Bytes& blob) {
+  const Bytes digest = rsa_checks::Sha1(Bytes(blob.begin(), blob.begin() + 64));
+  UINT32 size = 0;
+  BYTE* data = nullptr;
+  const TSS_RESULT r = Tcsip_Sign(h, key, UINT32(digest.size()), const_cast<BYTE*>(digest.data()),
+                                  nullptr, &size, &data);
+  const bool valid = r == TSS_SUCCESS && rsa_checks::VerifiesWith(wrapped_keys::ModulusOf(blob),
+                                                                  digest, Bytes(data, data + size));
+  Tcs_FreeBuffer(data);
+  return r != TSS_SUCCESS ? r : valid ? TSS_SUCCESS : TCS_E_FAIL;
+}
+
 // The ways a round may use a key, by the name the test passes: each checks the TPM's answer
 // against the key's blob.
 using KeyUse = TSS_RESULT (*)(TCS_CONTEXT_HANDLE h, TCS_KEY_HANDLE key, const Bytes& blob);
@@ -38,7 +52,7 @@ struct NamedKeyUse {
   const char* name;
   KeyUse use;
 };
-constexpr NamedKeyUse kKeyUses[] = {{"pubkey", GetPubKeyUse}};
+constexpr NamedKeyUse kKeyUses[] = {{"pubkey", GetPubKeyUse}, {"sign", SignUse}};
 
 KeyUse KeyUseNamed(const std::string& name) {
   for (const NamedKeyUse& u : kKeyUses) {

@@ -4,11 +4,11 @@
 // triples its time, and reused by every later one). Four client processes (key_thrash_client)
 // each load the storage key and 25 signing keys, so the cache holds one storage key with four
 // references and 100 signing keys; then in each of 10 rounds every client uses each of its keys
-// once: every answer is the key's own public part, the TPM never holds more keys than its slots
-// (asked between rounds), and the service's swap counters show the swaps, which the test prints.
-// When the clients close their contexts, all their keys leave the cache and the TPM. A round uses
-// a key as the client's named use says (kKeyUses in key_thrash_client.cc: "pubkey" for now); a
-// variant with another use, such as signing, runs Thrash with that use's name.
+// once: every answer is right, the TPM never holds more keys than its slots (asked between
+// rounds), and the service's swap counters show the swaps, which the test prints. When the clients
+// close their contexts, all their keys leave the cache and the TPM. A round uses a key as the
+// client's named use says (kKeyUses in key_thrash_client.cc): "pubkey" asks for its public part,
+// which must be the key's own; "sign" signs a digest, and OpenSSL verifies every signature.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -191,6 +191,10 @@ void Thrash(FixtureTpm tpm, const std::string& use) {
 
 TEST(KeyThrashTest, HundredKeysFromFourClientsOnTheEmbeddedTpm) {
   Thrash(FixtureTpm::kLibtpms, "pubkey");
+}
+
+TEST(KeyThrashTest, HundredKeysSignFromFourClientsOnTheEmbeddedTpm) {
+  Thrash(FixtureTpm::kLibtpms, "sign");
 }
 
 TEST(KeyThrashTest, HundredKeysFromFourClientsOnASwtpmProcess) {
