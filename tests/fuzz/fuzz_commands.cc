@@ -5,8 +5,9 @@
 // sequence, NV storage, counters, maintenance, the revocable endorsement key, field upgrade
 // and redirection, the data-protection and signing commands (with zero, one and two sessions),
 // the transport sessions, the secret changes and the identities, delegation, DAA, migration and
-// certified migration, the metrics (every path the answers lead to), the vendor classifier and key
-// eviction parse whatever comes back without crashing or reading past the response.
+// certified migration, key loading and creation, the metrics (every path the answers lead to), the
+// vendor classifier and key eviction parse whatever comes back without crashing or reading past the
+// response.
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -24,6 +25,7 @@
 #include "commands/tcsip_identity.h"
 #include "commands/tcsip_key_control.h"
 #include "commands/tcsip_keyless.h"
+#include "commands/tcsip_keys.h"
 #include "commands/tcsip_maintenance.h"
 #include "commands/tcsip_migration.h"
 #include "commands/tcsip_nv.h"
@@ -37,6 +39,7 @@
 #include "contexts/contexts.h"
 #include "core_fixture.h"
 #include "keys/key_eviction.h"
+#include "keys/key_loading.h"
 #include "keys/mem_cache.h"
 #include "storage/persistent_storage.h"
 #include "storage/ps_format.h"
@@ -222,6 +225,42 @@ void RunKeyedCommands(TCS_CONTEXT_HANDLE h) {
   }
 }
 
+// Key loading (35 zero bytes are the smallest well-formed TPM_KEY), key creation and use under the
+// cached SRK, and the owner's commands without parameters of their own.
+void RunKeyAndOwnerCommands(TCS_CONTEXT_HANDLE h) {
+  std::array<BYTE, 300> input{};
+  const TCS_KEY_HANDLE k = kSrkKeyHandle;
+  const TPM_NONCE nonce{};
+  TPM_DIGEST digest{};
+  UINT32 a = 0, b = 0;
+  BYTE *pa = nullptr, *pb = nullptr;
+  TCS_KEY_HANDLE loaded = 0;
+  TCS_KEY_HANDLE hmacKey = 0;
+  TPM_AUTH auth = OpenSession(h);
+  static_cast<void>(Tcsip_LoadKeyByBlob_Internal(h, k, 35, input.data(), &auth, &loaded, &hmacKey));
+  static_cast<void>(Tcsip_LoadKey2ByBlob_Internal(h, k, 35, input.data(), nullptr, &loaded));
+  static_cast<void>(Tcsip_LoadKeyByUUID_Internal(h, kSrkUuid, nullptr, &loaded));
+  static_cast<void>(Tcsip_LoadKeyByUUID_Internal(h, TSS_UUID{1, 0, 0, 0, 0, {}}, nullptr, &loaded));
+  auth = OpenSession(h);
+  static_cast<void>(Tcsip_CreateWrapKey_Internal(h, k, TPM_ENCAUTH{}, TPM_ENCAUTH{}, 35,
+                                                 input.data(), &auth, &a, &pa));
+  static_cast<void>(Tcsip_GetPubKey_Internal(h, k, nullptr, &a, &pa));
+  auth = OpenSession(h);
+  static_cast<void>(Tcsip_GetAuditDigestSigned_Internal(h, k, 1, nonce, &auth, &a, &pa, &digest,
+                                                        &digest, &b, &pb));
+  auth = OpenSession(h);
+  static_cast<void>(Tcsip_ChangeAuthOwner_Internal(h, 0x0001, TPM_ENCAUTH{}, 0x0002, &auth));
+  auth = OpenSession(h);
+  static_cast<void>(Tcsip_OwnerSetDisable_Internal(h, 1, &auth));
+  auth = OpenSession(h);
+  static_cast<void>(Tcsip_DisableOwnerClear_Internal(h, &auth));
+  auth = OpenSession(h);
+  static_cast<void>(Tcsip_DisablePubekRead_Internal(h, &auth));
+  auth = OpenSession(h);
+  static_cast<void>(Tcsip_ResetLockValue_Internal(h, &auth));
+  static_cast<void>(Tcsip_SetOperatorAuth_Internal(h, TPM_SECRET{}));
+}
+
 // Transport sessions (the one the TPM's answer established, with a wrapped command that names the
 // SRK and carries a session), secret changes and identities.
 void RunTransportAndIdentityCommands(TCS_CONTEXT_HANDLE h) {
@@ -341,6 +380,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     RunKeyedCommands(hContext);
     RunTransportAndIdentityCommands(hContext);
     RunMigrationFamilyCommands(hContext);
+    RunKeyAndOwnerCommands(hContext);
   }
   return 0;
 }
