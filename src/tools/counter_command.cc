@@ -20,7 +20,10 @@ constexpr size_t kLabelSize = 4;
 
 // TPM_COUNTER_VALUE as the TPM's HMAC covers it: tag, label, count.
 std::vector<BYTE> CounterBytes(const TPM_COUNTER_VALUE& v) {
-  std::vector<BYTE> bytes = {static_cast<BYTE>(v.tag >> 8), static_cast<BYTE>(v.tag)};
+  std::vector<BYTE> bytes;
+  bytes.reserve(2 + kLabelSize + 4);
+  bytes.push_back(static_cast<BYTE>(v.tag >> 8));
+  bytes.push_back(static_cast<BYTE>(v.tag));
   bytes.insert(bytes.end(), v.label, v.label + kLabelSize);
   AppendUINT32(bytes, v.counter);
   return bytes;
