@@ -21,6 +21,7 @@
 #include <kesttcs/tcs_results.h>
 #include <kesttcs/tpm_ordinals.h>
 
+#include "tools/authorised_call.h"
 #include "tools/cli_format.h"
 #include "tools/key_format.h"
 #include "tools/secret_input.h"
@@ -55,29 +56,24 @@ void Append16(std::vector<BYTE>& out, UINT16 value) {
   KestAuth_PutUINT16(b, value);
   out.insert(out.end(), b, b + 2);
 }
-void Append32(std::vector<BYTE>& out, UINT32 value) {
-  BYTE b[4];
-  KestAuth_PutUINT32(b, value);
-  out.insert(out.end(), b, b + 4);
-}
 
 // The TPM_KEY asked of TPM_CreateWrapKey: version 1.1, not migratable, RSA with two primes and the
 // default exponent, bound to no PCR; the TPM fills in the public key and the private part.
 std::vector<BYTE> KeyInfo(const KeyKind& kind, UINT32 bits, bool needsAuth) {
   std::vector<BYTE> b = {1, 1, 0, 0};
   Append16(b, kind.usage);
-  Append32(b, 0);  // keyFlags
+  AppendUINT32(b, 0);  // keyFlags
   b.push_back(needsAuth ? 1 : 0);
-  Append32(b, 1);  // TPM_ALG_RSA
+  AppendUINT32(b, 1);  // TPM_ALG_RSA
   Append16(b, kind.encScheme);
   Append16(b, kind.sigScheme);
-  Append32(b, 12);  // the RSA parameters that follow
-  Append32(b, bits);
-  Append32(b, 2);
-  Append32(b, 0);
-  Append32(b, 0);  // PCRInfoSize
-  Append32(b, 0);  // pubKey
-  Append32(b, 0);  // encData
+  AppendUINT32(b, 12);  // the RSA parameters that follow
+  AppendUINT32(b, bits);
+  AppendUINT32(b, 2);
+  AppendUINT32(b, 0);
+  AppendUINT32(b, 0);  // PCRInfoSize
+  AppendUINT32(b, 0);  // pubKey
+  AppendUINT32(b, 0);  // encData
   return b;
 }
 

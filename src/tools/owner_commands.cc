@@ -13,6 +13,7 @@
 #include <kesttcs/tcs_service_state.h>
 #include <kesttcs/tpm_ordinals.h>
 
+#include "tools/authorised_call.h"
 #include "tools/cli_format.h"
 #include "tools/key_format.h"
 #include "tools/secret_input.h"
@@ -48,12 +49,6 @@ constexpr char kOwnerSet[] =
 constexpr char kNotEnabled[] =
     "the TPM is disabled or deactivated (as it is after its owner was cleared); enable and "
     "activate it with physical presence, e.g. in the firmware's TPM menu, then provision again";
-
-void Append32(std::vector<BYTE>& out, UINT32 value) {
-  BYTE b[4];
-  KestAuth_PutUINT32(b, value);
-  out.insert(out.end(), b, b + 4);
-}
 
 // A secret encrypted for TPM_TakeOwnership under the endorsement key.
 std::optional<Failure> EncryptSecret(const std::vector<BYTE>& pubek, const TPM_SECRET& secret,
@@ -185,9 +180,9 @@ std::optional<Failure> OwnerCommands::Provision(TcsConnection& tcs, Output& out)
 
   // The input digest: protocol id, both encrypted secrets with their sizes, the SRK's parameters.
   std::vector<BYTE> digestIn = {0x00, static_cast<BYTE>(KESTTCS_PID_OWNER)};
-  Append32(digestIn, static_cast<UINT32>(encOwner.size()));
+  AppendUINT32(digestIn, static_cast<UINT32>(encOwner.size()));
   digestIn.insert(digestIn.end(), encOwner.begin(), encOwner.end());
-  Append32(digestIn, static_cast<UINT32>(encSrk.size()));
+  AppendUINT32(digestIn, static_cast<UINT32>(encSrk.size()));
   digestIn.insert(digestIn.end(), encSrk.begin(), encSrk.end());
   digestIn.insert(digestIn.end(), kSrkParams.begin(), kSrkParams.end());
 
