@@ -7,10 +7,16 @@
 // tpm/ directory, or the swtpm state directory), "storage.blob", "signing-000.blob" and on, and
 // "complete" (the number of signing keys, written last). The blobs only load under the SRK kept in
 // that state, so every run starts the TPM from a copy of it. A fixture with fewer keys than asked,
-// or without "complete", is made again; delete the directory to force that. The directory is filled
-// under a temporary name and renamed into place, so two processes making it at once leave one whole
-// fixture.
+// or without "complete", is made again; delete the directory to force that. Tests run in parallel
+// processes, so the look and the making happen under a lock on "signing-keys-<tpm>.lock": the
+// second process waits and then reads the first one's fixture instead of replacing it while the
+// first is still copying from it. The directory is filled under a temporary name and renamed into
+// place, so a run killed half-way leaves no fixture that looks whole.
 #pragma once
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -169,12 +175,31 @@ inline void MakeFixture(FixtureTpm tpm, size_t count) {
 
   std::error_code ec;
   fs::remove_all(dir, ec);
-  fs::rename(staging, dir, ec);  // fails only when another process put a fixture there first
-  if (ec) fs::remove_all(staging, ec);
+  fs::rename(staging, dir);
 }
+
+// Holds an exclusive flock(2) on `path` while it lives; the lock goes with the process however
+// it ends.
+class FileLock {
+ public:
+  explicit FileLock(const fs::path& path)
+      : fd_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+    if (fd_ >= 0) flock(fd_, LOCK_EX);
+  }
+  ~FileLock() {
+    if (fd_ >= 0) close(fd_);
+  }
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+
+ private:
+  int fd_;
+};
 
 // The fixture's keys, made first when the build tree does not hold enough of them.
 inline std::optional<SigningKeys> Fixture(FixtureTpm tpm, size_t count) {
+  fs::create_directories(FixtureDir(tpm).parent_path());
+  const FileLock lock(FixtureDir(tpm).string() + ".lock");
   if (std::optional<SigningKeys> keys = ReadFixture(FixtureDir(tpm), count)) return keys;
   MakeFixture(tpm, count);
   return ReadFixture(FixtureDir(tpm), count);
