@@ -4,9 +4,11 @@
  * the runtime names the calling process to the service (Wine's does not over a named pipe).
  *
  *   rpc_test_client.exe            opens a context, reads random bytes, reads and extends PCR 15,
- *                                  has a second process present its context (refused), reaches
- *                                  the service over "\pipe\KestTCS" too, and exits with the
- *                                  context still open (the service closes it)
+ *                                  asks the TCS version from 8 threads 1000 times each on the
+ *                                  one binding handle and context, has a second process present
+ *                                  its context (refused), reaches the service over
+ *                                  "\pipe\KestTCS" too, and exits with the context still open
+ *                                  (the service closes it)
  *   rpc_test_client.exe HANDLE     presents HANDLE, a context of another process; exits 0 when the
  *                                  service refuses it as an invalid context
  *
@@ -19,6 +21,7 @@
 #include "kesttcs_h.h"
 
 enum { kInvalidContext = 0xE02820C1u, kFail = 0xE0282002u };
+enum { kTcsCapVersion = 2, kThreads = 8, kCallsPerThread = 1000 };
 
 static int failures = 0;
 
@@ -70,6 +73,43 @@ static DWORD PresentInAnotherProcess(TCS_CONTEXT_HANDLE hContext) {
   return status;
 }
 
+/* One thread's share of the concurrent calls on the context at `parameter`: the TCS version, asked
+ * kCallsPerThread times. Returns the number of calls that failed. */
+static DWORD WINAPI AskVersionRepeatedly(void* parameter) {
+  const TCS_CONTEXT_HANDLE hContext = *(const TCS_CONTEXT_HANDLE*)parameter;
+  BYTE none = 0;
+  DWORD failed = 0;
+  for (int i = 0; i < kCallsPerThread; ++i) {
+    TSS_RESULT result = 0;
+    UINT32 size = 0;
+    BYTE* answer = NULL;
+    CALL(Tcsi_GetCapability(hContext, kTcsCapVersion, 0, &none, &size, &answer));
+    if (result != 0 || answer == NULL || size == 0) ++failed;
+    MIDL_user_free(answer);
+  }
+  return failed;
+}
+
+/* kThreads threads share the binding handle and the context. */
+static void CallFromManyThreads(TCS_CONTEXT_HANDLE hContext) {
+  HANDLE threads[kThreads];
+  DWORD failed = 0;
+  int started = 0;
+  for (; started < kThreads; ++started) {
+    threads[started] = CreateThread(NULL, 0, AskVersionRepeatedly, &hContext, 0, NULL);
+    if (threads[started] == NULL) break;
+  }
+  WaitForMultipleObjects((DWORD)started, threads, TRUE, INFINITE);
+  for (int i = 0; i < started; ++i) {
+    DWORD thread_failed = kCallsPerThread;
+    GetExitCodeThread(threads[i], &thread_failed);
+    failed += thread_failed;
+    CloseHandle(threads[i]);
+  }
+  Check(started == kThreads && failed == 0, "8 threads, 1000 Tcsi_GetCapability calls each",
+        failed);
+}
+
 static void OwnContext(void) {
   TSS_RESULT result = 0;
   TCS_CONTEXT_HANDLE hContext = 0;
@@ -94,6 +134,8 @@ static void OwnContext(void) {
   CALL(Tcsip_PcrRead(hContext, 15, &read_back));
   Check(result == 0 && memcmp(&after, &read_back, sizeof after) == 0,
         "Tcsip_PcrRead(15) reads the extended value", result);
+
+  CallFromManyThreads(hContext);
 
   const DWORD other = PresentInAnotherProcess(hContext);
   Check(other == 0, "another process presenting the context is refused", other);
