@@ -112,13 +112,7 @@ bool SeparateEmbedded(Kind kind, void* block, size_t count) {
 // The output value `v` in a new block for the stubs (one element when `single`); null when
 // memory runs out.
 void* OutputBlock(Kind kind, const rpc::Value& v, bool single) {
-  std::vector<uint8_t> c;
-  if (single) {
-    c.resize(rpc::CSize(kind));
-    rpc::SingleToC(kind, v, c.data());
-  } else {
-    c = rpc::ArrayToC(kind, v);
-  }
+  const std::vector<uint8_t> c = rpc::OutputToC(kind, v, single);
   void* block = MidlCopy(c.data(), c.size());
   if (block != nullptr && !SeparateEmbedded(kind, block, c.size() / rpc::CSize(kind))) {
     return nullptr;  // what was allocated stays behind; the call fails for want of memory anyway
