@@ -61,7 +61,7 @@ std::string ServerRoutinesSource() {
     << " * Change the table and run `cmake --build --preset default --target "
        "regenerate_interface`.\n"
     << " */\n"
-    << "#include \"kesttcs_h.h\"\n#include \"rpc/windows/serve_call.h\"\n";
+    << "#include \"rpc/windows/kesttcs_h.h\"\n#include \"rpc/windows/serve_call.h\"\n";
   for (const Operation& op : kOperations) {
     s << "\n/* opnum " << op.opnum << " */\n" << Signature(op) << " {\n  void* args[] = {";
     for (size_t i = 0; i < op.params.size(); ++i) {
