@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <optional>
+#include <vector>
 
 #include <kesttcs/tcs_results.h>
 
@@ -82,40 +83,46 @@ void* MidlCopy(const void* data, size_t size) {
   return block;
 }
 
-// Gives each embedded byte array of the C structures in `block` (`count` of `kind`) a block of
-// its own, as the stubs free embedded pointers one by one. False when memory runs out (the
-// pointers not yet copied are then null).
-bool SeparateEmbedded(Kind kind, void* block, size_t count) {
+// One byte array embedded in an output structure: the pointer to it and its length.
+struct Embedded {
+  BYTE** pointer;
+  UINT32 length;
+};
+
+// The embedded byte arrays of the `count` C structures of `kind` in `block`.
+std::vector<Embedded> EmbeddedArrays(Kind kind, void* block, size_t count) {
+  std::vector<Embedded> arrays;
   for (size_t i = 0; i < count; ++i) {
-    BYTE** pointers[2] = {};
-    UINT32 lengths[2] = {};
     if (kind == Kind::kPcrEvent) {
       auto& event = static_cast<TSS_PCR_EVENT*>(block)[i];
-      pointers[0] = &event.rgbPcrValue;
-      lengths[0] = event.ulPcrValueLength;
-      pointers[1] = &event.rgbEvent;
-      lengths[1] = event.ulEventLength;
+      arrays.push_back({&event.rgbPcrValue, event.ulPcrValueLength});
+      arrays.push_back({&event.rgbEvent, event.ulEventLength});
     } else if (kind == Kind::kKeyInfo) {
       auto& info = static_cast<TSS_KM_KEYINFO*>(block)[i];
-      pointers[0] = &info.rgbVendorData;
-      lengths[0] = info.ulVendorDataLength;
-    }
-    for (size_t j = 0; j < 2; ++j) {
-      if (pointers[j] == nullptr || *pointers[j] == nullptr) continue;
-      *pointers[j] = static_cast<BYTE*>(MidlCopy(*pointers[j], lengths[j]));
-      if (*pointers[j] == nullptr) return false;
+      arrays.push_back({&info.rgbVendorData, info.ulVendorDataLength});
     }
   }
-  return true;
+  return arrays;
 }
 
-// The output value `v` in a new block for the stubs (one element when `single`); null when
-// memory runs out.
+// The output value `v` in a new block for the stubs (one element when `single`), each embedded
+// byte array in a block of its own, as the stubs free embedded pointers one by one. Null, with
+// nothing left allocated, when memory runs out.
 void* OutputBlock(Kind kind, const rpc::Value& v, bool single) {
   const std::vector<uint8_t> c = rpc::OutputToC(kind, v, single);
   void* block = MidlCopy(c.data(), c.size());
-  if (block != nullptr && !SeparateEmbedded(kind, block, c.size() / rpc::CSize(kind))) {
-    return nullptr;  // what was allocated stays behind; the call fails for want of memory anyway
+  if (block == nullptr) return nullptr;
+  std::vector<void*> copies;
+  for (const Embedded& array : EmbeddedArrays(kind, block, c.size() / rpc::CSize(kind))) {
+    if (*array.pointer == nullptr) continue;
+    void* copy = MidlCopy(*array.pointer, array.length);
+    if (copy == nullptr) {
+      for (void* made : copies) midl_user_free(made);
+      midl_user_free(block);
+      return nullptr;
+    }
+    copies.push_back(copy);
+    *array.pointer = static_cast<BYTE*>(copy);
   }
   return block;
 }
