@@ -1,12 +1,14 @@
 // The Windows RPC server under Wine: the TCS interface served through the Microsoft RPC runtime on
 // "\pipe\KestTCS" and local RPC "KestTCS" (widl's server stubs and the generated server routines),
-// the TPM reached through tbs.dll beside this program (forwarding to swtpm). Runs
-// rpc_test_client.exe, a widl client in a process of its own, then checks that the context the
-// client left open was closed when its process ended. Prints one line per check; the exit status is
-// the number of failed checks.
+// the TPM reached through the test driver library beside this program (forwarding to swtpm): the
+// backend string on the command line ("auto" finds tbs.dll; "tddl:tpmddl.dll" names the TDDL
+// library) and the path it must take ("tbs" or "tddl"). Runs rpc_test_client.exe, a widl client in
+// a process of its own, then checks that the context the client left open was closed when its
+// process ended. Prints one line per check; the exit status is the number of failed checks.
 #include <windows.h>
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include <kesttcs/tcs_results.h>
@@ -60,14 +62,15 @@ bool ContextsClosedWithin(int tries) {
 
 }  // namespace
 
-int RunChecks() {
+int RunChecks(const char* backend, bool wantTbs) {
   // The entry frame's trace lines of every call, on stderr.
   SetNeedLog(true);
   SetTraceSink(StderrTraceSink());
   Check(ctx_init() == TSS_SUCCESS, "contexts up");
-  driver_configure("auto", ".");
+  driver_configure(backend, ".");
   const TSS_RESULT tpm = req_mgr_init();
-  Check(tpm == TSS_SUCCESS && driver_is_tbs(), "TPM through tbs.dll", tpm);
+  Check(tpm == TSS_SUCCESS && driver_is_tbs() == wantTbs,
+        wantTbs ? "TPM through tbs.dll" : "TPM through tpmddl.dll", tpm);
   if (tpm != TSS_SUCCESS) return failures;
 
   UINT32 status = RpcServerUseProtseqEp(RpcEndpointConfig{});
@@ -95,4 +98,10 @@ int RunChecks() {
 
 }  // namespace kesttcs
 
-int main() { return kesttcs::RunChecks(); }
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: %s BACKEND tbs|tddl\n", argv[0]);
+    return 2;
+  }
+  return kesttcs::RunChecks(argv[1], std::strcmp(argv[2], "tbs") == 0);
+}
