@@ -155,13 +155,7 @@ TSS_RESULT CallRemote(const rpc::Operation& op, rpc::CallFrame& frame) {
 
 void* AllocateOutput(TCS_CONTEXT_HANDLE hContext, rpc::Kind kind, const rpc::Value& v,
                      bool single) {
-  std::vector<uint8_t> elements;
-  if (single) {
-    elements.resize(rpc::CSize(kind));
-    rpc::SingleToC(kind, v, elements.data());
-  } else {
-    elements = rpc::ArrayToC(kind, v);
-  }
+  const std::vector<uint8_t> elements = rpc::OutputToC(kind, v, single);
   const size_t size = rpc::CSize(kind);
   const size_t count = elements.size() / size;
   size_t total = elements.size();

@@ -207,4 +207,11 @@ Value ArrayFromC(Kind kind, const void* c, size_t count) {
   }
 }
 
+std::vector<uint8_t> OutputToC(Kind kind, const Value& v, bool single) {
+  if (!single) return ArrayToC(kind, v);
+  std::vector<uint8_t> element(CSize(kind));
+  SingleToC(kind, v, element.data());
+  return element;
+}
+
 }  // namespace kesttcs::rpc

@@ -64,4 +64,8 @@ std::vector<uint8_t> ArrayToC(Kind kind, const Value& v);
 // `count` elements of `kind` from C layout into an array value; embedded byte arrays are copied.
 Value ArrayFromC(Kind kind, const void* c, size_t count);
 
+// An output value in C layout: one element (SingleToC) when `single`, else the array (ArrayToC).
+// Embedded pointers point into `v`.
+std::vector<uint8_t> OutputToC(Kind kind, const Value& v, bool single);
+
 }  // namespace kesttcs::rpc

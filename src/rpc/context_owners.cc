@@ -56,7 +56,7 @@ State& S() {
 
 ContextOwner OwnerOf(const dcerpc::PeerIdentity& peer) {
   ContextOwner o;
-  o.is_process = peer.transport == dcerpc::Transport::kUnixStream && peer.has_credentials;
+  o.is_process = peer.transport != dcerpc::Transport::kTcp && peer.has_credentials;
   if (o.is_process) {
     o.pid = peer.pid;
     o.uid = peer.uid;
@@ -178,7 +178,7 @@ size_t owners_CountContexts() {
   return s.context_owner.size();
 }
 
-size_t owners_CountContextsOfProcess(pid_t pid) {
+size_t owners_CountContextsOfProcess(ProcessId pid) {
   State& s = S();
   MutexLock lock(s.mu);
   size_t n = 0;

@@ -1,5 +1,6 @@
-// Which client owns which context. Over the Unix socket a context belongs to the client process
-// that opened it (pid and uid from the socket's peer credentials); over TCP, where no process is
+// Which client owns which context. Over the Unix socket (and the Windows named pipe) a context
+// belongs to the client process that opened it (pid and uid from the socket's peer credentials,
+// the process id from the RPC runtime); over TCP, where no process is
 // known, to the association group of the connection that opened it, so that a client runtime's
 // connections for one binding share their contexts. Only the owner may present the handle; when
 // the last connection of a process (or of the group) closes, its contexts are closed as by
@@ -11,14 +12,13 @@
 // without the map lock.
 #pragma once
 
-#include <sys/types.h>
-
 #include <compare>
 #include <cstddef>
 #include <cstdint>
 
 #include <kesttcs/tcs_types.h>
 
+#include "base/process_ids.h"
 #include "rpc/dcerpc/association.h"
 
 namespace kesttcs {
@@ -27,8 +27,8 @@ namespace kesttcs {
 // so that two owners are the same exactly when they compare equal.
 struct ContextOwner {
   bool is_process = false;  // Unix socket with credentials: a process; else a group
-  pid_t pid = 0;            // the process
-  uid_t uid = 0;
+  ProcessId pid = 0;        // the process
+  UserId uid = 0;
   uint32_t assoc_group = 0;    // the association group, when not a process
   uint64_t connection_id = 0;  // the connection, when neither (not bound to a group)
 
@@ -73,7 +73,7 @@ void owners_ConnectionClosed(const dcerpc::PeerIdentity& peer);
 // Counters: contexts held by clients, contexts held by process `pid`, and contexts closed because
 // their owner went away.
 size_t owners_CountContexts();
-size_t owners_CountContextsOfProcess(pid_t pid);
+size_t owners_CountContextsOfProcess(ProcessId pid);
 size_t owners_CountAbandonedClosed();
 
 // Forgets every owner and context without closing anything, and lifts the context limit (service

@@ -1,7 +1,9 @@
 // The TCS interface served over DCE/RPC: the service host brings it up and down in the same steps
 // as the Windows RPC runtime (use protocol sequence and endpoint, register the interface, listen,
 // wait, stop listening, unregister). Each call returns 0 or an errno-style status that the host
-// reports as the service's exit code.
+// reports as the service's exit code. On Windows (windows/rpc_service.cc) the calls are the
+// Microsoft RPC runtime's, on "\pipe\KestTCS" and local RPC "KestTCS" (where the runtime names the
+// calling process), and return its RPC status.
 #pragma once
 
 #include <chrono>

@@ -14,11 +14,15 @@ wineserver=$(command -v wineserver || echo /usr/lib/wine/wineserver)
 export WINEPREFIX="$prefix" WINEDEBUG=-all WINEDLLOVERRIDES="tbs=n,b;mscoree,mshtml="
 
 mkdir -p "$prefix"
-# The server stays up a minute after its last client, so the tests of one run share it.
-# (It exits with 2 when one already serves the prefix.)
-"$wineserver" -p60 || true
+# The server stays up a minute after its last client, so the tests of one run share it. (It exits
+# with 2 when one already serves the prefix.) Its output goes nowhere: ctest waits for every
+# process that holds the test's output open, and Wine's helper processes inherit it too.
+"$wineserver" -p60 </dev/null >/dev/null 2>&1 || true
 if [ ! -f "$prefix/system.reg" ]; then
-  "$wine" wineboot -i >/dev/null 2>&1
+  "$wine" wineboot -i </dev/null >/dev/null 2>&1
+else
+  # Starts the prefix's helper processes (services, devices) with their output going nowhere.
+  "$wine" wineboot </dev/null >/dev/null 2>&1
 fi
 
 port=$(python3 -c '

@@ -26,8 +26,6 @@
 //   running call cannot be cancelled).
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -36,6 +34,7 @@
 #include <string>
 #include <vector>
 
+#include "base/process_ids.h"
 #include "rpc/dcerpc/association_groups.h"
 #include "rpc/dcerpc/ndr.h"
 #include "rpc/dcerpc/pdu.h"
@@ -46,19 +45,21 @@ namespace kesttcs::dcerpc {
 // The largest request stub (all fragments together) the server accepts.
 inline constexpr size_t kMaxRequestStub = 1024 * 1024;
 
-enum class Transport : uint8_t { kUnixStream, kTcp };
+// kNamedPipe is the Windows host's "\pipe\KestTCS", served by the Microsoft RPC runtime, which
+// names the calling process as the Unix socket's credentials do.
+enum class Transport : uint8_t { kUnixStream, kTcp, kNamedPipe };
 
 // Who is on the other end of a connection.
 struct PeerIdentity {
   uint64_t connection_id = 0;  // unique for the server's lifetime, never 0
   Transport transport = Transport::kUnixStream;
-  // Peer credentials taken when the connection was accepted (Unix socket only).
+  // Peer credentials taken when the connection was accepted (Unix socket and named pipe only).
   bool has_credentials = false;
-  pid_t pid = 0;
+  ProcessId pid = 0;
   // The user at the other end: from the peer credentials, or over TCP the owner of the client's
   // socket.
-  uid_t uid = 0;
-  gid_t gid = 0;
+  UserId uid = 0;
+  GroupId gid = 0;
   // The association group the connection's bind joined; 0 before a bind.
   uint32_t assoc_group_id = 0;
 };

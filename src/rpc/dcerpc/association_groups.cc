@@ -2,7 +2,7 @@
 
 namespace kesttcs::dcerpc {
 
-uint32_t AssociationGroups::Join(uint32_t requested, uid_t uid) {
+uint32_t AssociationGroups::Join(uint32_t requested, UserId uid) {
   MutexLock lock(mu_);
   if (requested != 0) {
     const auto it = groups_.find(requested);

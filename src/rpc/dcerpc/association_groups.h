@@ -7,12 +7,11 @@
 // Lock: one leaf mutex, taken only inside these functions.
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <unordered_map>
 
 #include "base/mutex.h"
+#include "base/process_ids.h"
 
 namespace kesttcs::dcerpc {
 
@@ -25,7 +24,7 @@ class AssociationGroups {
   // A connection of `uid` binds asking for `requested` (0: a new group). Returns the group it is
   // now a member of: `requested` when that group is alive and belongs to `uid`, else a new one.
   // Each Join is paired with one Leave.
-  uint32_t Join(uint32_t requested, uid_t uid) EXCLUDES(mu_);
+  uint32_t Join(uint32_t requested, UserId uid) EXCLUDES(mu_);
   // A member connection has closed; the group ends with its last member and its id is never
   // issued again.
   void Leave(uint32_t group) EXCLUDES(mu_);
@@ -34,7 +33,7 @@ class AssociationGroups {
 
  private:
   struct Group {
-    uid_t uid = 0;
+    UserId uid = 0;
     size_t members = 0;
   };
 

@@ -21,6 +21,11 @@ std::string ClientSection();
 // The client proxies: a C++ source with one thin function per operation (built, not checked in).
 std::string ProxiesSource();
 
+// src/rpc/windows/server_routines.c: the Windows server routines widl's stubs call, one per
+// operation, each entering the generic server call (checked in: the Windows build cannot run this
+// tool).
+std::string ServerRoutinesSource();
+
 // docs/operations.md: the list of operations, with the state of each (working when it has an
 // internal function).
 std::string OperationsDoc();

@@ -30,6 +30,7 @@ constexpr CheckedIn kCheckedIn[] = {
     {"include/kesttcs/tcs_types.h", "TYPES", gen::TypesSection},
     {"include/kesttcs/tcs_client.h", "OPERATIONS", gen::ClientSection},
     {"docs/operations.md", "", gen::OperationsDoc},
+    {"src/rpc/windows/server_routines.c", "", gen::ServerRoutinesSource},
 };
 
 std::optional<std::string> Read(const std::string& path) {

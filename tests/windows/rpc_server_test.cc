@@ -1,0 +1,107 @@
+// The Windows RPC server under Wine: the TCS interface served through the Microsoft RPC runtime on
+// "\pipe\KestTCS" and local RPC "KestTCS" (widl's server stubs and the generated server routines),
+// the TPM reached through the test driver library beside this program (forwarding to swtpm): the
+// backend string on the command line ("auto" finds tbs.dll; "tddl:tpmddl.dll" names the TDDL
+// library) and the path it must take ("tbs" or "tddl"). Runs rpc_test_client.exe, a widl client in
+// a process of its own, then checks that the context the client left open was closed when its
+// process ended. Prints one line per check; the exit status is the number of failed checks.
+#include <windows.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include <kesttcs/tcs_results.h>
+
+#include "base/logging.h"
+#include "contexts/contexts.h"
+#include "rpc/context_owners.h"
+#include "rpc/rpc_service.h"
+#include "tpm/driver.h"
+#include "tpm/req_mgr.h"
+
+namespace kesttcs {
+namespace {
+
+int failures = 0;
+
+void Check(bool ok, const char* what, unsigned long detail = 0) {
+  std::printf("%s %s (%lu)\n", ok ? "ok  " : "FAIL", what, detail);
+  std::fflush(stdout);
+  if (!ok) ++failures;
+}
+
+// Runs the client beside this program and returns its exit status (its failed checks).
+DWORD RunClient() {
+  char program[MAX_PATH];
+  const DWORD length = GetModuleFileNameA(nullptr, program, MAX_PATH);
+  std::string path(program, length);
+  path = path.substr(0, path.find_last_of('\\') + 1) + "rpc_test_client.exe";
+  STARTUPINFOA startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION process{};
+  std::string command = "\"" + path + "\"";
+  if (!CreateProcessA(path.c_str(), command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                      &startup, &process)) {
+    return GetLastError();
+  }
+  WaitForSingleObject(process.hProcess, INFINITE);
+  DWORD status = 1;
+  GetExitCodeProcess(process.hProcess, &status);
+  CloseHandle(process.hProcess);
+  CloseHandle(process.hThread);
+  return status;
+}
+
+// The run-down happens on a thread-pool thread once the process has ended: wait for it (bounded,
+// so that a missing run-down fails instead of hanging).
+bool ContextsClosedWithin(int tries) {
+  for (int i = 0; i < tries && owners_CountContexts() != 0; ++i) Sleep(100);
+  return owners_CountContexts() == 0;
+}
+
+}  // namespace
+
+int RunChecks(const char* backend, bool wantTbs) {
+  // The entry frame's trace lines of every call, on stderr.
+  SetNeedLog(true);
+  SetTraceSink(StderrTraceSink());
+  Check(ctx_init() == TSS_SUCCESS, "contexts up");
+  driver_configure(backend, ".");
+  const TSS_RESULT tpm = req_mgr_init();
+  Check(tpm == TSS_SUCCESS && driver_is_tbs() == wantTbs,
+        wantTbs ? "TPM through tbs.dll" : "TPM through tpmddl.dll", tpm);
+  if (tpm != TSS_SUCCESS) return failures;
+
+  UINT32 status = RpcServerUseProtseqEp(RpcEndpointConfig{});
+  Check(status == 0, "RpcServerUseProtseqEpA ncacn_np \\pipe\\KestTCS and ncalrpc KestTCS", status);
+  status = RpcServerRegisterIf();
+  Check(status == 0, "RpcServerRegisterIf", status);
+  status = RpcServerListen(16);
+  Check(status == 0, "RpcServerListen", status);
+  if (failures != 0) return failures;
+
+  const DWORD client = RunClient();
+  Check(client == 0, "the client's checks pass", client);
+  Check(ContextsClosedWithin(100), "the context the client left open is closed after it ended",
+        static_cast<unsigned long>(owners_CountContexts()));
+  Check(owners_CountAbandonedClosed() == 1, "one context closed by run-down",
+        static_cast<unsigned long>(owners_CountAbandonedClosed()));
+
+  Check(RpcMgmtStopServerListening() == 0, "RpcMgmtStopServerListening");
+  Check(RpcMgmtWaitServerListen() == 0, "RpcMgmtWaitServerListen");
+  Check(RpcServerUnregisterIf() == 0, "RpcServerUnregisterIf");
+  Check(req_mgr_final() == TSS_SUCCESS, "request manager down");
+  ctx_final();
+  return failures;
+}
+
+}  // namespace kesttcs
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: %s BACKEND tbs|tddl\n", argv[0]);
+    return 2;
+  }
+  return kesttcs::RunChecks(argv[1], std::strcmp(argv[2], "tbs") == 0);
+}
