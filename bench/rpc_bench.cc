@@ -6,9 +6,9 @@
 // events, one call answered in one fragmented response, against the same copy made in-process.
 //
 // Reference rows: TPM_GetRandom(16) sent to the best-case servers (best_case_servers.h), the
-// single-threaded one for one client and the epoll one for 8. One-client GetRandom rows run in
-// each CPU placement (cpu_placement.h). The ratios of service to best case follow the report; for
-// figures that hold on a loaded machine run with
+// single-threaded one for one client and the epoll one for 8. One-client rows run in each CPU
+// placement (cpu_placement.h); they also count the wake-ups per call (switch_count.h). The ratios
+// of service to best case follow the report; for figures that hold on a loaded machine run with
 //   --benchmark_filter='Rpc|BestCase|Echo' --benchmark_repetitions=7
 //   --benchmark_enable_random_interleaving=true
 #include <benchmark/benchmark.h>
@@ -32,6 +32,7 @@
 #include "ratio_report.h"
 #include "rpc/rpc_service.h"
 #include "storage/event_log.h"
+#include "switch_count.h"
 
 namespace {
 
@@ -108,25 +109,29 @@ const Environment& Env() {
   return *env;
 }
 
+Placement PlacementOf(const benchmark::State& state) {
+  return static_cast<Placement>(state.range(0));
+}
+
 void RpcGetCapability(benchmark::State& state) {
   const Environment& env = Env();
+  kesttcs::bench::ScopedPlacement placement(PlacementOf(state));
+  if (!placement.ok()) state.SkipWithError("needs two CPUs");
   if (Tcs_ConnectThread(env.socket.c_str()) != 0) state.SkipWithError("connect");
   TCS_CONTEXT_HANDLE h = 0;
   if (Tcsi_OpenContext(&h) != 0) state.SkipWithError("open");
   BYTE sub[4] = {};
+  const kesttcs::bench::SwitchCount switches;
   for (auto _ : state) {
     UINT32 size = 0;
     BYTE* resp = nullptr;
     if (Tcsi_GetCapability(h, 2, 4, sub, &size, &resp) != 0) state.SkipWithError("call");
     Tcs_FreeBuffer(resp);
   }
+  switches.Report(state);
   static_cast<void>(Tcsi_CloseContext(h));
   Tcs_DisconnectThread();
   state.SetItemsProcessed(state.iterations());
-}
-
-Placement PlacementOf(const benchmark::State& state) {
-  return static_cast<Placement>(state.range(0));
 }
 
 void RpcGetRandom16(benchmark::State& state) {
@@ -136,12 +141,14 @@ void RpcGetRandom16(benchmark::State& state) {
   if (Tcs_ConnectThread(env.socket.c_str()) != 0) state.SkipWithError("connect");
   TCS_CONTEXT_HANDLE h = 0;
   if (Tcsi_OpenContext(&h) != 0) state.SkipWithError("open");
+  const kesttcs::bench::SwitchCount switches;
   for (auto _ : state) {
     UINT32 n = 16;
     BYTE* random = nullptr;
     if (Tcsip_GetRandom(h, &n, &random) != 0) state.SkipWithError("call");
     Tcs_FreeBuffer(random);
   }
+  switches.Report(state);
   static_cast<void>(Tcsi_CloseContext(h));
   Tcs_DisconnectThread();
   state.SetItemsProcessed(state.iterations());
@@ -157,9 +164,11 @@ void BestCase(benchmark::State& state, const std::string& socket) {
   kesttcs::bench::BestCaseClient client(socket);
   if (!client.connected()) state.SkipWithError("connect");
   std::array<BYTE, 64> answer;
+  const kesttcs::bench::SwitchCount switches;
   for (auto _ : state) {
     if (!client.Exchange(kTpmGetRandom16, answer)) state.SkipWithError("exchange");
   }
+  switches.Report(state);
   state.SetItemsProcessed(state.iterations());
 }
 
@@ -249,7 +258,8 @@ void Echo(benchmark::State& state, size_t message) {
 void EchoCapabilitySize(benchmark::State& state) { Echo(state, kCapabilityMessage); }
 void EchoRandomSize(benchmark::State& state) { Echo(state, kRandomMessage); }
 
-BENCHMARK(RpcGetCapability)->Threads(1)->Threads(8)->UseRealTime();
+BENCHMARK(RpcGetCapability)->ArgName("placement")->DenseRange(0, 2)->Threads(1)->UseRealTime();
+BENCHMARK(RpcGetCapability)->ArgName("placement")->Arg(0)->Threads(8)->UseRealTime();
 BENCHMARK(EchoCapabilitySize)->Threads(1)->Threads(8)->UseRealTime();
 BENCHMARK(RpcGetRandom16)->ArgName("placement")->DenseRange(0, 2)->Threads(1)->UseRealTime();
 BENCHMARK(RpcGetRandom16)->ArgName("placement")->Arg(0)->Threads(8)->UseRealTime();
@@ -272,7 +282,7 @@ const bool kRatios = [] {
                                 "BestCaseEpollGetRandom16/placement:0/real_time/threads:8",
                                 RatioOf::kCallsPerSecond);
   return kesttcs::bench::RegisterRatio("Tcsi_GetCapability, 8 clients (best case: bare echo)",
-                                       "RpcGetCapability/real_time/threads:8",
+                                       "RpcGetCapability/placement:0/real_time/threads:8",
                                        "EchoCapabilitySize/real_time/threads:8",
                                        RatioOf::kCallsPerSecond);
 }();
