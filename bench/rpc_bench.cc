@@ -7,8 +7,9 @@
 //
 // Reference rows: TPM_GetRandom(16) sent to the best-case servers (best_case_servers.h), the
 // single-threaded one for one client and the epoll one for 8. One-client rows run in each CPU
-// placement (cpu_placement.h); they also count the wake-ups per call (switch_count.h). The ratios
-// of service to best case follow the report; for figures that hold on a loaded machine run with
+// placement (cpu_placement.h); every RPC and best-case row counts the wake-ups per call
+// (switch_count.h). The ratios of service to best case follow the report; for figures that hold on
+// a loaded machine run with
 //   --benchmark_filter='Rpc|BestCase|Echo' --benchmark_repetitions=7
 //   --benchmark_enable_random_interleaving=true
 #include <benchmark/benchmark.h>

@@ -16,8 +16,9 @@ class SwitchCount {
  public:
   // Takes the counts now.
   SwitchCount();
-  // Adds the counters "wakeups/call" and "threads woken" to `state` (one-thread runs only: with
-  // more, the process-wide counts cannot be split between the client threads).
+  // Adds the counter "wakeups/call" to `state`, and "threads woken" in one-client runs (with more
+  // clients, the process-wide counts cannot be split between them). With several client threads
+  // each constructs one, and the first one's Report counts for all.
   void Report(benchmark::State& state) const;
 
  private:
