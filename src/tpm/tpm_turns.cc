@@ -1,7 +1,5 @@
 #include "tpm/tpm_turns.h"
 
-#include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -14,13 +12,6 @@ namespace kesttcs {
 namespace {
 
 thread_local uint64_t t_client = 0;
-// Whether the calling thread holds the turn; it never waits for its own turn.
-thread_local bool t_holds_turn = false;
-
-// How long a thread that finds the turn taken, with nobody queued for it, keeps looking before it
-// queues and sleeps. Short commands (GetRandom, a PCR read) keep the turn for a few microseconds,
-// less than it takes to put a thread to sleep and wake it again on another CPU.
-constexpr std::chrono::microseconds kLookAgainFor{5};
 
 // A thread waiting for its turn; lives on that thread's stack until it has been granted the turn.
 struct Waiter {
@@ -37,9 +28,6 @@ struct Turns {
   std::deque<uint64_t> rotation GUARDED_BY(mu);
   std::unordered_map<uint64_t, std::deque<Waiter*>> waiting GUARDED_BY(mu);
   size_t waiters GUARDED_BY(mu) = 0;
-  // `taken` and whether anyone is queued, for threads looking without the mutex; written under it.
-  std::atomic<bool> busy{false};
-  std::atomic<bool> queued{false};
 };
 
 Turns& T() {
@@ -52,20 +40,9 @@ Turns& T() {
 TpmClientScope::TpmClientScope(uint64_t client) : previous_(t_client) { t_client = client; }
 TpmClientScope::~TpmClientScope() { t_client = previous_; }
 
-// Waits a little for a turn that is taken but wanted by nobody else. It never passes a queued
-// thread by: once someone queues, it stops looking and queues too.
-void LookAgainBriefly(Turns& t) {
-  if (t_holds_turn) return;
-  const auto deadline = std::chrono::steady_clock::now() + kLookAgainFor;
-  while (t.busy.load(std::memory_order_relaxed) && !t.queued.load(std::memory_order_relaxed) &&
-         std::chrono::steady_clock::now() < deadline) {
-  }
-}
-
 void tpm_turn_Take() {
   Turns& t = T();
   const std::thread::id self = std::this_thread::get_id();
-  LookAgainBriefly(t);
   MutexLock lock(t.mu);
   if (t.taken && t.holder == self) {
     ++t.depth;
@@ -77,16 +54,13 @@ void tpm_turn_Take() {
     if (queue.empty()) t.rotation.push_back(t_client);
     queue.push_back(&waiter);
     ++t.waiters;
-    t.queued.store(true, std::memory_order_relaxed);
     std::unique_lock<std::mutex> wait(t.mu.native(), std::adopt_lock);
     waiter.wake.wait(wait, [&waiter] { return waiter.granted; });
     wait.release();
   }
   t.taken = true;
-  t.busy.store(true, std::memory_order_relaxed);
   t.holder = self;
   t.depth = 1;
-  t_holds_turn = true;
 }
 
 void tpm_turn_Give() {
@@ -94,10 +68,8 @@ void tpm_turn_Give() {
   MutexLock lock(t.mu);
   if (!t.taken || t.holder != std::this_thread::get_id() || --t.depth > 0) return;
   t.holder = std::thread::id();
-  t_holds_turn = false;
   if (t.rotation.empty()) {
     t.taken = false;
-    t.busy.store(false, std::memory_order_relaxed);
     return;
   }
   // The turn goes to the next client's first waiter; a client with more waiters goes round again.
@@ -112,7 +84,6 @@ void tpm_turn_Give() {
     t.rotation.push_back(client);
   }
   --t.waiters;
-  t.queued.store(t.waiters > 0, std::memory_order_relaxed);
   next->granted = true;
   next->wake.notify_one();
 }

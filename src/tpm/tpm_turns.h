@@ -5,9 +5,6 @@
 // take turns in the order in which they began to wait. A client with one command waits for at most
 // one command of each other client.
 //
-// A thread that finds the turn held, with nobody queued for it, looks again for a few microseconds
-// before it queues and sleeps: most commands end sooner than a sleeping thread can be woken.
-//
 // A client is whatever the calling thread acts for (TpmClientScope); a thread that says nothing
 // acts for the service itself, a client like any other. The thread holding the turn may take it
 // again (the TPM lock is recursive); the turn passes on when its outermost hold ends.
