@@ -1,5 +1,7 @@
 #include "ratio_report.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <vector>
 
@@ -25,6 +27,9 @@ bool RegisterRatio(std::string title, std::string service_row, std::string refer
   Ratios().push_back({std::move(title), std::move(service_row), std::move(reference_row), measure});
   return true;
 }
+
+RatioReporter::RatioReporter()
+    : ConsoleReporter(::isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
 
 void RatioReporter::ReportRuns(const std::vector<Run>& reports) {
   ConsoleReporter::ReportRuns(reports);

@@ -23,6 +23,8 @@ bool RegisterRatio(std::string title, std::string service_row, std::string refer
 // The console report with the registered ratios after it.
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
+  // Coloured only on a terminal.
+  RatioReporter();
   void ReportRuns(const std::vector<Run>& reports) override;
   void Finalize() override;
 
