@@ -1,9 +1,11 @@
 // The embedded TPM 1.2: libtpms running in this process. Its permanent state is kept through the
 // library's NV callbacks in files of the state directory named as libtpms names them itself
 // ("00.permall"), so a state taken from a swtpm state file (minus swtpm's 16-byte header) loads
-// unchanged. A state directory without a permanent state file is manufactured on first open: the
-// TPM is started, its endorsement key is created, and it is powered off and on again, so that it
-// comes up like a new machine's TPM (enabled, activated, endorsement key, no owner, not started).
+// unchanged. A state directory without a permanent state file makes a new TPM, which comes up like
+// a new machine's TPM (enabled, activated, no owner, not started) and gets its endorsement key
+// just before the first command that needs one (endorsement_key_deferral.h). Until then a marker
+// file beside the state says that the key is still to be made, so that a service stopped before
+// makes it on a later start.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -21,6 +23,7 @@
 #include <libtpms/tpm_nvfilename.h>
 
 #include "tpm/backends.h"
+#include "tpm/endorsement_key_deferral.h"
 #include "tpm/fd_io.h"
 #include "tpm/tpm_bytes.h"
 #include "tpm12/marshal.h"
@@ -106,9 +109,9 @@ TPM_RESULT IoGetPhysicalPresence(TPM_BOOL* physicalPresence, uint32_t /*tpmNumbe
   return kLibOk;
 }
 
-// Commands of the first-start manufacture.
-constexpr std::array<BYTE, 12> kStartupClear = {0x00, 0xC1, 0, 0, 0, 12, 0, 0, 0, 0x99, 0, 1};
-constexpr std::array<BYTE, 10> kContinueSelfTest = {0x00, 0xC1, 0, 0, 0, 10, 0, 0, 0, 0x53};
+// Beside the permanent state while the endorsement key is still to be made.
+constexpr char kEndorsementKeyPendingName[] = "endorsement-key.pending";
+
 // TPM_CreateEndorsementKeyPair: antiReplay (20 bytes), TPM_KEY_PARMS for a 2048-bit RSA key with
 // OAEP encryption and no signature scheme (TPM_RSA_KEY_PARMS: keyLength, numPrimes, no exponent).
 constexpr std::array<BYTE, 54> kCreateEndorsementKeyPair = {
@@ -137,16 +140,20 @@ class LibtpmsBackend final : public TpmBackend {
       return kDriverAlreadyOpened;
     }
     g_state_dir = state_dir_;
+    const std::string pending = state_dir_ + "/" + kEndorsementKeyPendingName;
     bool fresh = !std::filesystem::exists(StatePath(0, TPM_PERMANENT_ALL_NAME));
     std::string error;
-    if (!StartLibrary(&error) || (fresh && !Manufacture(&error))) {
-      if (started_) Stop();
+    if ((fresh && !MarkEndorsementKeyPending(pending, &error)) || !StartLibrary(&error)) {
       // A half-made state would pass for a finished one next time: start again from nothing.
-      if (fresh) ::unlink(StatePath(0, TPM_PERMANENT_ALL_NAME).c_str());
+      if (fresh) {
+        ::unlink(StatePath(0, TPM_PERMANENT_ALL_NAME).c_str());
+        ::unlink(pending.c_str());
+      }
       g_libtpms_in_use = false;
       SetLastError("libtpms:" + state_dir_ + ": " + error);
       return kDriverFail;
     }
+    endorsement_key_pending_ = std::filesystem::exists(pending);
     open_ = true;
     SetLastError("");
     return TSS_SUCCESS;
@@ -164,6 +171,7 @@ class LibtpmsBackend final : public TpmBackend {
                       UINT32 /*priority*/) override {
     *outLen = 0;
     if (!open_) return kDriverNotOpen;
+    if (endorsement_key_pending_ && !RunsWithoutEndorsementKey(in)) MakeEndorsementKey();
     return Process(in, out, outLen);
   }
 
@@ -194,7 +202,6 @@ class LibtpmsBackend final : public TpmBackend {
       *error = "TPM start failed with TPM code " + std::to_string(rc) + " (state unreadable?)";
       return false;
     }
-    started_ = true;
     return true;
   }
 
@@ -203,7 +210,6 @@ class LibtpmsBackend final : public TpmBackend {
     TPM_Free(response_);
     response_ = nullptr;
     response_capacity_ = 0;
-    started_ = false;
   }
 
   TSS_RESULT Process(std::span<const BYTE> in, std::span<BYTE> out, UINT32* outLen) {
@@ -218,37 +224,37 @@ class LibtpmsBackend final : public TpmBackend {
     return TSS_SUCCESS;
   }
 
-  // Sends one manufacture command and checks that the TPM accepted it.
-  bool Run(std::span<const BYTE> command, const char* what, std::string* error) {
-    std::array<BYTE, kTpmBlobSize> response;
-    UINT32 length = 0;
-    if (Process(command, response, &length) != TSS_SUCCESS || length < kTpmHeaderSize) {
-      *error = std::string(what) + " failed";
-      return false;
-    }
-    UINT32 code = PeekUINT32(response, 6);
-    if (code != 0) {
-      *error = std::string(what) + " answered TPM code " + std::to_string(code);
+  bool MarkEndorsementKeyPending(const std::string& path, std::string* error) const {
+    std::error_code ec;
+    std::filesystem::create_directories(state_dir_, ec);
+    UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    if (!fd.valid() || ::fsync(fd.get()) != 0) {
+      *error = "cannot create " + path;
       return false;
     }
     return true;
   }
 
-  bool Manufacture(std::string* error) {
-    if (!Run(kStartupClear, "TPM_Startup", error) ||
-        !Run(kContinueSelfTest, "TPM_ContinueSelfTest", error) ||
-        !Run(kCreateEndorsementKeyPair, "TPM_CreateEndorsementKeyPair", error)) {
-      return false;
+  // Makes the endorsement key. The key is there once the TPM made it, or refuses to because it
+  // has one; any other answer (a TPM not started yet, say) leaves it to the next command.
+  void MakeEndorsementKey() {
+    std::array<BYTE, kTpmBlobSize> response;
+    UINT32 length = 0;
+    if (Process(kCreateEndorsementKeyPair, response, &length) != TSS_SUCCESS ||
+        length < kTpmHeaderSize) {
+      return;
     }
-    // Power-cycle so that the new TPM waits for its TPM_Startup like any other.
-    Stop();
-    return StartLibrary(error);
+    const UINT32 code = PeekUINT32(response, 6);
+    if (code != TPM_SUCCESS && code != TPM_DISABLED_CMD) return;
+    endorsement_key_pending_ = false;
+    ::unlink((state_dir_ + "/" + kEndorsementKeyPendingName).c_str());
   }
 
   const std::string state_dir_;
   // Read by Cancel() from other threads.
   std::atomic<bool> open_{false};
-  bool started_ = false;
+  // Read and written only inside Open and Transmit, which never run at once.
+  bool endorsement_key_pending_ = false;
   unsigned char* response_ = nullptr;
   uint32_t response_capacity_ = 0;
 };

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <vector>
 
 #include "swtpm_process.h"
@@ -96,6 +97,46 @@ TEST(LibtpmsBackendTest, FirstStartManufacturesAndStateSurvivesReopen) {
   // Once closed, another state directory may be opened.
   ASSERT_EQ(second->Open(), TSS_SUCCESS) << second->LastError();
   EXPECT_EQ(second->Close(), TSS_SUCCESS);
+}
+
+// A new TPM makes its endorsement key only for the first command that needs it; a service stopped
+// before that makes it on a later start.
+TEST(LibtpmsBackendTest, NewTpmMakesItsEndorsementKeyWhenFirstNeeded) {
+  TempDir dir;
+  const std::string pending = dir.path() + "/tpm/endorsement-key.pending";
+  // TPM_GetCapability(TPM_CAP_PROPERTY, TPM_CAP_PROP_PCR) and (TPM_CAP_FLAG, permanent flags).
+  const Bytes pcrCount = {0x00, 0xC1, 0, 0, 0, 22, 0, 0, 0, 0x65, 0,
+                          0,    0,    5, 0, 0, 0,  4, 0, 0, 1,    1};
+  const Bytes permanentFlags = {0x00, 0xC1, 0, 0, 0, 22, 0, 0, 0, 0x65, 0,
+                                0,    0,    4, 0, 0, 0,  4, 0, 0, 1,    8};
+  std::unique_ptr<TpmBackend> tpm = MakeLibtpmsBackend(dir.path() + "/tpm");
+  ASSERT_EQ(tpm->Open(), TSS_SUCCESS) << tpm->LastError();
+  EXPECT_TRUE(std::filesystem::exists(pending));
+  // The service's start-up commands, and a command refused before TPM_Startup, leave it pending.
+  EXPECT_EQ(ReturnCode(*tpm, kReadPubek), TPM_INVALID_POSTINIT);
+  EXPECT_EQ(ReturnCode(*tpm, kStartupClear), 0u);
+  EXPECT_EQ(ReturnCode(*tpm, pcrCount), 0u);
+  ExpectBasicCommandsWork(*tpm);
+  EXPECT_TRUE(std::filesystem::exists(pending));
+  EXPECT_EQ(tpm->Close(), TSS_SUCCESS);
+
+  // Started again: reading the flags (which tell whether a key was made) makes the key first.
+  ASSERT_EQ(tpm->Open(), TSS_SUCCESS) << tpm->LastError();
+  EXPECT_EQ(ReturnCode(*tpm, kStartupClear), 0u);
+  EXPECT_TRUE(std::filesystem::exists(pending));
+  EXPECT_EQ(ReturnCode(*tpm, permanentFlags), 0u);
+  EXPECT_FALSE(std::filesystem::exists(pending));
+  Bytes pubek = Exchange(*tpm, kReadPubek);
+  ASSERT_GE(pubek.size(), 10u);
+  ASSERT_EQ(U32(pubek, 6), 0u) << "endorsement key missing";
+  EXPECT_EQ(tpm->Close(), TSS_SUCCESS);
+
+  // Made once: the same key on the next start.
+  ASSERT_EQ(tpm->Open(), TSS_SUCCESS) << tpm->LastError();
+  EXPECT_EQ(ReturnCode(*tpm, kStartupClear), 0u);
+  Bytes again = Exchange(*tpm, kReadPubek);
+  EXPECT_EQ(Bytes(again.begin(), again.end() - 20), Bytes(pubek.begin(), pubek.end() - 20));
+  EXPECT_EQ(tpm->Close(), TSS_SUCCESS);
 }
 
 // GetRandom(16) through the request manager, which must already be started.

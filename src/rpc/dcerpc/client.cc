@@ -106,9 +106,16 @@ bool Client::Fill(size_t n) {
     in_begin_ = 0;
   }
   while (in_end_ - in_begin_ < n) {
+    // Sleeps in poll, not in recv: a thread asleep in recv is also woken when the service reads the
+    // request (both wake-ups share the socket's wait queue), a second wake-up for every call.
+    pollfd input{fd_, POLLIN, 0};
+    if (poll(&input, 1, -1) < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
     // Asks for all the room there is, so that a whole answer usually arrives in one recv.
-    ssize_t got = recv(fd_, in_.data() + in_end_, in_.size() - in_end_, 0);
-    if (got < 0 && errno == EINTR) continue;
+    ssize_t got = recv(fd_, in_.data() + in_end_, in_.size() - in_end_, MSG_DONTWAIT);
+    if (got < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;
     if (got <= 0) return false;
     in_end_ += static_cast<size_t>(got);
   }

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -38,9 +39,9 @@ constexpr size_t kReadChunk = 16 * 1024;
 // A connection is not read while more than this many response bytes wait to be sent.
 constexpr size_t kOutputHighWater = 64 * 1024;
 // How long a worker that has answered a call waits on the same connection for the next request
-// before handing the connection back to epoll. Clients tend to make calls in bursts; waiting in a
-// blocking recv saves the epoll round trip for each of them.
-constexpr timeval kLinger = {0, 20 * 1000};
+// before handing the connection back to epoll. Clients tend to make calls in bursts; waiting on the
+// connection saves the epoll round trip for each of them.
+constexpr int kLingerMs = 20;
 // A worker keeps at most this much response buffer between calls.
 constexpr size_t kKeptStubCapacity = 64 * 1024;
 constexpr timespec kHousekeepingInterval = {1, 0};
@@ -72,8 +73,7 @@ void WaitOnce(std::condition_variable& cv, Mutex& mu) REQUIRES(mu) {
 
 // One accepted connection. Registered in epoll with EPOLLONESHOT, so at most one worker holds it
 // at a time: the one that took its last event, until it re-arms or closes it. The socket itself is
-// blocking with a receive time-out of kLinger; only the lingering worker waits in recv, every other
-// socket call passes MSG_DONTWAIT.
+// blocking, but every socket call passes MSG_DONTWAIT; the lingering worker sleeps in poll.
 struct Connection {
   Connection(int fd_in, const InterfaceRegistry& registry, PeerIdentity peer_in,
              std::string secondary_address, AssociationGroups& groups, RequestBudget& budget)
@@ -245,7 +245,7 @@ class Server::Impl {
   // sends the answers, then re-arms or closes the connection.
   void Serve(Connection& conn, uint32_t events, std::vector<uint8_t>& stub_out) EXCLUDES(mu_);
   enum class Input { kData, kNone, kClosed };
-  // Reads what the connection has into its association; with `wait`, blocks up to kLinger for it.
+  // Reads what the connection has into its association; with `wait`, waits up to kLingerMs for it.
   // kClosed: the stream ended or failed, and the connection was closed.
   Input Receive(Connection& conn, bool wait) EXCLUDES(mu_);
   // Sends queued output without blocking. False when the connection was closed (a send failed,
@@ -365,8 +365,8 @@ void Server::Impl::Stop() {
   uint64_t one = 1;
   ssize_t written = write(stop_fd_, &one, sizeof(one));
   static_cast<void>(written);  // a non-zero counter is all it takes
-  // Workers finish the calls they run, close those connections and leave; one that waits in recv
-  // for a connection's next request is woken by the end of its input.
+  // Workers finish the calls they run, close those connections and leave; one that waits for a
+  // connection's next request is woken by the end of its input.
   std::vector<std::thread> workers;
   {
     MutexLock lock(mu_);
@@ -550,7 +550,6 @@ void Server::Impl::Accept(int listen_fd, Transport transport, void* tag) {
       close(fd);
       continue;
     }
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &kLinger, sizeof(kLinger));
     std::string secondary = options_.unix_path;
     if (transport == Transport::kTcp) {
       int one = 1;
@@ -627,9 +626,20 @@ void Server::Impl::Serve(Connection& conn, uint32_t events, std::vector<uint8_t>
   Rearm(conn);
 }
 Server::Impl::Input Server::Impl::Receive(Connection& conn, bool wait) {
+  // A thread asleep in recv on a socket is also woken each time the peer reads what this side sent
+  // (both wake-ups share the socket's wait queue): a second wake-up per call, and a second trip
+  // across CPUs when client and service run on different ones. poll sleeps until input arrives.
+  if (wait) {
+    pollfd input{conn.fd, POLLIN | POLLRDHUP, 0};
+    int ready;
+    do {
+      ready = poll(&input, 1, kLingerMs);
+    } while (ready < 0 && errno == EINTR);
+    if (ready == 0) return Input::kNone;
+  }
   uint8_t buffer[kReadChunk];
   for (;;) {
-    ssize_t n = recv(conn.fd, buffer, sizeof(buffer), wait ? 0 : MSG_DONTWAIT);
+    ssize_t n = recv(conn.fd, buffer, sizeof(buffer), MSG_DONTWAIT);
     if (n > 0) {
       conn.association.Feed({buffer, static_cast<size_t>(n)});
       return Input::kData;

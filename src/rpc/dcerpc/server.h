@@ -5,16 +5,17 @@
 // Threads: a pool of workers that all wait in one epoll set, each taking one event at a time.
 // Connections are registered one-shot, so a connection belongs to the worker that took its event:
 // that worker reads the request, runs the handler inline and sends the response from the same
-// thread, with no hand-over between threads on the way. It then waits up to 20 ms in a blocking
-// recv on the same connection for the next request (clients tend to call in bursts) and serves
-// that too, before handing the connection back to epoll. A connection therefore runs one call at a
-// time (clients send the next request after the response). Before a handler, the closed callback
-// or such a wait, the worker makes sure another worker still waits in epoll, starting a new one
-// when none does, up to max_calls; none waits on a connection once there are max_calls of them.
-// So a slow call holds up only its own connection, and calls beyond max_calls wait for a worker to
-// come free. A worker that has had nothing to do for kWorkerIdleExit leaves, as long as
-// kMinWorkers stay and another one waits. Once a second, a housekeeping event (run by whichever
-// worker takes it) joins the workers that left, closes idle connections and resumes accepting.
+// thread, with no hand-over between threads on the way. It then waits up to 20 ms (in poll, which
+// wakes for input only) on the same connection for the next request (clients tend to call in
+// bursts) and serves that too, before handing the connection back to epoll. A connection therefore
+// runs one call at a time (clients send the next request after the response). Before a handler, the
+// closed callback or such a wait, the worker makes sure another worker still waits in epoll,
+// starting a new one when none does, up to max_calls; none waits on a connection once there are
+// max_calls of them. So a slow call holds up only its own connection, and calls beyond max_calls
+// wait for a worker to come free. A worker that has had nothing to do for kWorkerIdleExit leaves,
+// as long as kMinWorkers stay and another one waits. Once a second, a housekeeping event (run by
+// whichever worker takes it) joins the workers that left, closes idle connections and resumes
+// accepting.
 //
 // Limits (ServerOptions): max_connections open connections, lowered to what the open-file limit
 // leaves room for; max_connections_per_user of one user; a connection beyond either is accepted
