@@ -22,6 +22,8 @@ for name in "${names[@]}"; do
     echo "fuzz-long: $name FAILED"; tail -n 40 "build/fuzz/$name-long.log"; status=1
   fi
   grep -E 'stat::(number_of_executed_units|average_exec_per_sec)' "build/fuzz/$name-long.log" || true
-  echo "fuzz-long: $name took $(( $(date +%s) - start )) s"
+  corpus=$(fuzz_corpus "$name")
+  echo "fuzz-long: $name took $(( $(date +%s) - start )) s; corpus $(find "$corpus" -type f | wc -l)" \
+    "inputs, $(du -sk "$corpus" | cut -f1) KiB"
 done
 exit $status
