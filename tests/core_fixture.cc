@@ -68,7 +68,8 @@ std::vector<Bytes> StartupAnswers(UINT32 authSessions, bool owned) {
   };
 }
 
-TestCore::TestCore(CoreOptions options) {
+TestCore::TestCore(CoreOptions options) : home_(std::move(options.home)) {
+  if (home_.empty()) home_ = ownHome_.emplace().path();
   SetTraceSink([this](std::string_view line) {
     std::lock_guard<std::mutex> lock(mu_);
     traces_.emplace_back(line);

@@ -1,5 +1,6 @@
 #include "storage/registered_keys.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <optional>
@@ -22,7 +23,8 @@ TSS_RESULT HandOut(TCS_CONTEXT_HANDLE hContext, std::span<const BYTE> bytes, UIN
                    BYTE** block) {
   void* memory = getSomeMemory(hContext, static_cast<UINT32>(bytes.size()));
   if (memory == nullptr) return TCS_E_OUTOFMEMORY;
-  std::memcpy(memory, bytes.data(), bytes.size());
+  // A record may hold an empty blob, whose span has no data pointer to copy from.
+  std::copy(bytes.begin(), bytes.end(), static_cast<BYTE*>(memory));
   *size = static_cast<UINT32>(bytes.size());
   *block = static_cast<BYTE*>(memory);
   return TSS_SUCCESS;

@@ -7,7 +7,8 @@
 // the transport sessions, the secret changes and the identities, delegation, DAA, migration and
 // certified migration, key loading and creation, the metrics (every path the answers lead to), the
 // vendor classifier and key eviction parse whatever comes back without crashing or reading past the
-// response.
+// response. The input's first byte picks the family of commands that runs; the rest are the
+// answers.
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -38,6 +39,7 @@
 #include "commands/vendor_commands.h"
 #include "contexts/contexts.h"
 #include "core_fixture.h"
+#include "fuzz_home.h"
 #include "keys/key_eviction.h"
 #include "keys/key_loading.h"
 #include "keys/mem_cache.h"
@@ -115,7 +117,6 @@ void RunEveryCommand(TCS_CONTEXT_HANDLE h) {
   static_cast<void>(
       Tcsip_GetAuditDigest_Internal(h, 0, &digest, &size, &out, &more, &ordinalCount, &ordinals));
   static_cast<void>(audit_reportDigest());
-  RunStorageAndMaintenanceCommands(h);
 }
 
 // A session of `h` as the TPM opened it (handle 0, which no command gets past the session check,
@@ -371,16 +372,21 @@ void RunMigrationFamilyCommands(TCS_CONTEXT_HANDLE h) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace kesttcs;
-  testing::TestCore core(testing::CoreOptions().Fuzz(std::span<const BYTE>(data, size)));
+  // The first byte picks the family, so that every family's answers come from the start of the
+  // input and no input pays for the families it does not reach.
+  using Family = void (*)(TCS_CONTEXT_HANDLE);
+  static constexpr std::array<Family, 7> kFamilies = {
+      RunEveryCommand,        RunStorageAndMaintenanceCommands, RunSessionCommands,
+      RunKeyedCommands,       RunTransportAndIdentityCommands,  RunMigrationFamilyCommands,
+      RunKeyAndOwnerCommands,
+  };
+  if (size == 0) return 0;
+  const Family family = kFamilies[data[0] % kFamilies.size()];
+  static testing::FuzzHome home;
+  testing::TestCore core(
+      testing::CoreOptions().Home(home.Emptied()).Fuzz(std::span<const BYTE>(data + 1, size - 1)));
   if (core.Start() != TSS_SUCCESS) return 0;
   TCS_CONTEXT_HANDLE hContext = 0;
-  if (Tcsi_OpenContext_Internal(&hContext) == TSS_SUCCESS) {
-    RunEveryCommand(hContext);
-    RunSessionCommands(hContext);
-    RunKeyedCommands(hContext);
-    RunTransportAndIdentityCommands(hContext);
-    RunMigrationFamilyCommands(hContext);
-    RunKeyAndOwnerCommands(hContext);
-  }
+  if (Tcsi_OpenContext_Internal(&hContext) == TSS_SUCCESS) family(hContext);
   return 0;
 }

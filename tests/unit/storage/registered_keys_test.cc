@@ -190,6 +190,25 @@ TEST_F(RegisteredKeysTest, SingleKeyOperationsReadAtMost1024Bytes) {
       TCS_E_KEY_NOT_REGISTERED);
 }
 
+// A record whose blob is empty (its size field 0, as a damaged or foreign file may have it): the
+// blob lookup hands out nothing, without copying from the empty blob's missing bytes.
+TEST_F(RegisteredKeysTest, AnEmptyStoredBlobIsHandedOutEmpty) {
+  const TSS_UUID key = {0, 0, 0, 0, 0, {0, 0, 0, 0, 0, 7}};
+  Bytes file = {0, 0, 0, 0, 1, 0, 0, 0};  // checksum (not checked here), one record
+  const Bytes uuid(15, 0);
+  file.insert(file.end(), uuid.begin(), uuid.end());
+  file.push_back(7);  // the key's UUID
+  file.insert(file.end(), uuid.begin(), uuid.end());
+  file.push_back(1);                               // its parent, the SRK
+  file.insert(file.end(), {0, 0, 0, 0, 0x03, 0});  // no public data, no blob; valid, system parent
+  ps_close();
+  WriteFileBytes(dataFile_, file);
+  ASSERT_EQ(ps_init(dataFile_, false), TSS_SUCCESS);
+  Bytes blob = {1};
+  EXPECT_EQ(BlobOf(key, &blob), TSS_SUCCESS);
+  EXPECT_TRUE(blob.empty());
+}
+
 TEST_F(RegisteredKeysTest, KeyCacheAndOwnerHeldListAnswerThroughTheirHooks) {
   const TSS_UUID loaded = MakeUuid(1), cachedOnly = MakeUuid(2), stored = MakeUuid(3);
   for (const TSS_UUID& u : {loaded, cachedOnly, stored}) {
