@@ -169,22 +169,32 @@ TSS_RESULT LoadBlob(const LoadForm& form, TCS_CONTEXT_HANDLE hContext,
   BlobReader reader(blob);
   if (TSS_RESULT rc = UnloadBlob(reader, &key)) return rc;
   const std::span<const BYTE> keyBytes = blob.first(reader.offset());
-  TPM_KEY_HANDLE parentSlot = kNoTpmHandle;
-  if (TSS_RESULT rc = ParentSlot(form, hContext, hUnwrappingKey, &parentSlot)) return rc;
-  if (pAuth == nullptr) {
-    const TCS_KEY_HANDLE cached = getHandleByKey(key);
-    const std::optional<mem_cache_entry> entry = getKeyEntryByKeyHandle(cached);
-    if (entry && entry->tpmHandle != kNoTpmHandle && entry->inTpm &&
-        isKeyLoaded(entry->tpmHandle)) {
-      if (TSS_RESULT rc = AddReference(hContext, cached)) return rc;
-      *tcsKeyHandle = cached;
-      *slot = entry->tpmHandle;
-      return TSS_SUCCESS;
+  // A sleep restarts the TPM between the steps below: the parent's slot and the service's own SRK
+  // session of a load that straddles it are gone, so such a load is made once more. The client's
+  // own session went too, and that is the client's to open again.
+  for (int attempt = 0;; ++attempt) {
+    const UINT64 startups = TpmStartupCount();
+    TPM_KEY_HANDLE parentSlot = kNoTpmHandle;
+    if (TSS_RESULT rc = ParentSlot(form, hContext, hUnwrappingKey, &parentSlot)) return rc;
+    if (pAuth == nullptr) {
+      const TCS_KEY_HANDLE cached = getHandleByKey(key);
+      const std::optional<mem_cache_entry> entry = getKeyEntryByKeyHandle(cached);
+      if (entry && entry->tpmHandle != kNoTpmHandle && entry->inTpm &&
+          isKeyLoaded(entry->tpmHandle)) {
+        if (TSS_RESULT rc = AddReference(hContext, cached)) return rc;
+        *tcsKeyHandle = cached;
+        *slot = entry->tpmHandle;
+        return TSS_SUCCESS;
+      }
     }
+    if (TSS_RESULT rc = MakeRoom(form, hContext, key, hUnwrappingKey)) return rc;
+    const TSS_RESULT sent = SendLoad(form, parentSlot, keyBytes, pAuth, slot);
+    if (sent == TSS_SUCCESS) {
+      return RecordKey(hContext, hUnwrappingKey, key, keyBytes, pAuth != nullptr, *slot,
+                       tcsKeyHandle);
+    }
+    if (pAuth != nullptr || attempt > 0 || TpmStartupCount() == startups) return sent;
   }
-  if (TSS_RESULT rc = MakeRoom(form, hContext, key, hUnwrappingKey)) return rc;
-  if (TSS_RESULT rc = SendLoad(form, parentSlot, keyBytes, pAuth, slot)) return rc;
-  return RecordKey(hContext, hUnwrappingKey, key, keyBytes, pAuth != nullptr, *slot, tcsKeyHandle);
 }
 
 // The blob-loading operations' common frame: the context and session checks, and the release of
