@@ -32,7 +32,6 @@ constexpr UINT32 kNvIndexLock = 0xFFFFFFFF;
 constexpr UINT32 kAuthSpace = 0x00011101;
 constexpr UINT32 kOwnerSpace = 0x00011102;
 constexpr UINT32 kPerAuthRead = 0x00040000;
-constexpr UINT32 kPerOwnerRead = 0x00020000;
 constexpr UINT32 kPerAuthWrite = 0x00000004;
 constexpr UINT32 kPerOwnerWrite = 0x00000002;
 
