@@ -25,16 +25,6 @@ sockaddr_un Address(const std::string& path) {
   return addr;
 }
 
-bool ReadFull(int fd, BYTE* p, size_t n) {
-  while (n > 0) {
-    const ssize_t got = ::read(fd, p, n);
-    if (got <= 0) return false;
-    p += got;
-    n -= static_cast<size_t>(got);
-  }
-  return true;
-}
-
 // Reads one blob framed by its paramSize into `blob`; its length, or 0 at the end of the input.
 size_t ReadBlob(int fd, std::span<BYTE> blob) {
   if (!ReadFull(fd, blob.data(), kTpmHeaderSize)) return 0;
@@ -99,6 +89,17 @@ void Epoll(int listener) {
 }
 
 }  // namespace
+
+bool ReadFull(int fd, void* data, size_t n) {
+  auto* p = static_cast<BYTE*>(data);
+  while (n > 0) {
+    const ssize_t got = ::read(fd, p, n);
+    if (got <= 0) return false;
+    p += got;
+    n -= static_cast<size_t>(got);
+  }
+  return true;
+}
 
 bool StartBestCaseServer(BestCaseForm form, const std::string& socket_path) {
   const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -15,6 +15,9 @@
 
 namespace kesttcs::bench {
 
+// Reads exactly `n` bytes from `fd`; false at the end of the input or on an error.
+bool ReadFull(int fd, void* data, size_t n);
+
 enum class BestCaseForm { kSingleThreaded, kEpoll };
 
 // Starts a server of `form` listening on `socket_path` in a thread of its own that lives as long

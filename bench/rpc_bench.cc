@@ -39,6 +39,7 @@ namespace {
 
 using kesttcs::bench::Placement;
 using kesttcs::bench::RatioOf;
+using kesttcs::bench::ReadFull;
 
 // Sizes of the two calls' request and response PDUs (header and stub), which the echo mirrors.
 constexpr size_t kCapabilityMessage = 44;
@@ -50,16 +51,6 @@ struct Environment {
   std::string best_case_socket;
   std::string best_case_epoll_socket;
 };
-
-bool ReadFull(int fd, char* p, size_t n) {
-  while (n > 0) {
-    const ssize_t got = ::read(fd, p, n);
-    if (got <= 0) return false;
-    p += got;
-    n -= static_cast<size_t>(got);
-  }
-  return true;
-}
 
 void EchoServer(int listener) {
   for (;;) {
