@@ -68,9 +68,13 @@ uint16_t RpcServerTcpPort() {
   return s.server && s.listening ? s.server->tcp_port() : 0;
 }
 
+std::string EndpointPath(const std::string& configuredSocket) {
+  return configuredSocket.empty() ? dcerpc::DefaultSocketPath() : configuredSocket;
+}
+
 UINT32 RpcServerUseProtseqEp(const RpcEndpointConfig& config) {
   dcerpc::ServerOptions options;
-  options.unix_path = config.socket_path.empty() ? dcerpc::DefaultSocketPath() : config.socket_path;
+  options.unix_path = EndpointPath(config.socket_path);
   if (options.unix_path.empty()) return ENOENT;
   if (options.unix_path.size() >= sizeof(sockaddr_un{}.sun_path)) return ENAMETOOLONG;
   if (!config.group.empty()) {

@@ -27,6 +27,10 @@ struct RpcEndpointConfig {
   size_t max_contexts = 1024;
 };
 
+// The endpoint's path in the file system, where the service's lock beside it goes: the configured
+// Unix socket, else the default one. Empty on Windows, whose pipe the file system does not hold.
+std::string EndpointPath(const std::string& configuredSocket);
+
 // Remembers where to listen and checks that the endpoint can be created.
 [[nodiscard]] UINT32 RpcServerUseProtseqEp(const RpcEndpointConfig& config);
 // Registers the TCS interface (all 126 operations) and the service-state interface with the server.

@@ -1,7 +1,6 @@
-// Reads "tcs_cfg.ini" with inih and applies each key's default and value rules.
+// Reads "tcs_cfg.ini" with the host's profile reader and applies each key's default and value
+// rules.
 #include "service/config.h"
-
-#include <ini.h>
 
 #include <algorithm>
 #include <cctype>
@@ -13,6 +12,7 @@
 #include <utility>
 
 #include "base/logging.h"
+#include "service/profile_file.h"
 #include "tpm/backend_config.h"
 
 namespace kesttcs {
@@ -31,17 +31,16 @@ std::string Lower(std::string_view s) {
   return out;
 }
 
-// Values as the profile reader returns them: the first occurrence of each (section, key), names
-// folded to lower case, one pair of enclosing quotes removed.
+// The profile's values by lower-cased (section, key): profile names match case-insensitively.
 using Profile = std::map<std::pair<std::string, std::string>, std::string>;
 
-int CollectValue(void* user, const char* section, const char* name, const char* value) {
-  std::string_view v(value);
-  if (v.size() >= 2 && (v.front() == '"' || v.front() == '\'') && v.back() == v.front()) {
-    v = v.substr(1, v.size() - 2);
+Profile FoldNames(const ProfileFile& file) {
+  Profile profile;
+  for (const auto& [section, values] : file.sections) {
+    for (const auto& [key, value] : values)
+      profile.emplace(std::make_pair(Lower(section), Lower(key)), value);
   }
-  static_cast<Profile*>(user)->emplace(std::make_pair(Lower(section), Lower(name)), std::string(v));
-  return 1;
+  return profile;
 }
 
 void WarnBadValue(const char* section, const char* key, const std::string& value,
@@ -128,8 +127,9 @@ void ReadKey(const Profile& profile, const char* section, const char* key, const
 
 TcsConfig ReadTcsConfig(const std::string& path) {
   TcsConfig config;
-  Profile profile;
-  if (ini_parse(path.c_str(), CollectValue, &profile) < 0) return config;
+  ProfileFile file;
+  if (!ReadProfileFile(path, &file)) return config;
+  const Profile profile = FoldNames(file);
 
   ReadKey(
       profile, "LOG", "needLog", "0",

@@ -15,8 +15,12 @@ struct HostPaths {
   std::string log;          // home + "/log"
 };
 
-// Full path of the running executable; empty, with errno saying why, when it cannot be read.
+// Full path of the running executable; empty when it cannot be read. One source per host
+// (linux/executable_path.cc, windows/executable_path.cc).
 std::string ExecutablePath();
+
+// The directory part of ExecutablePath() without its trailing separator; "." when unknown.
+std::string ExecutableDirectory();
 
 // The home directory: $KESTTCS_HOME when set and not empty, otherwise the directory of the running
 // executable. Trailing '/' are dropped (except for "/" itself).

@@ -2,7 +2,7 @@
 // mode, or (anything else) the service itself.
 #include <cstdio>
 
-#include "service/linux/host.h"
+#include "service/host.h"
 #include "service/service_status.h"
 
 int main(int argc, char** argv) {

@@ -1,7 +1,5 @@
 #include "service/message_file.h"
 
-#include <ini.h>
-
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +10,7 @@
 #include "base/logging.h"
 #include "base/mutex.h"
 #include "service/host_paths.h"
+#include "service/profile_file.h"
 
 namespace kesttcs {
 namespace {
@@ -26,9 +25,6 @@ constexpr LanguageName kLanguages[] = {
     {"nl", 0x0413}, {"pl", 0x0415}, {"sv", 0x041d}, {"tr", 0x041f}, {"cs", 0x0405},
 };
 
-// The section's texts by key, lower-cased section names as inih hands them over.
-using Sections = std::map<std::string, std::map<std::string, std::string>>;
-
 struct MessageTable {
   Mutex mu;  // a leaf
   bool loaded GUARDED_BY(mu) = false;
@@ -40,23 +36,19 @@ MessageTable& Table() {
   return table;
 }
 
-// A text's line ends are written "\n" in the file, since inih trims what surrounds a value.
-std::string Unescape(const char* value) {
+// A text's line ends are written "\n" in the file, since the profile reader trims what surrounds a
+// value.
+std::string Unescape(const std::string& value) {
   std::string text;
-  for (const char* p = value; *p != '\0'; ++p) {
-    if (p[0] == '\\' && p[1] == 'n') {
+  for (size_t i = 0; i < value.size(); ++i) {
+    if (value[i] == '\\' && i + 1 < value.size() && value[i + 1] == 'n') {
       text += '\n';
-      ++p;
+      ++i;
     } else {
-      text += *p;
+      text += value[i];
     }
   }
   return text;
-}
-
-int CollectLine(void* user, const char* section, const char* name, const char* value) {
-  (*static_cast<Sections*>(user))[section][name] = Unescape(value);
-  return 1;
 }
 
 std::string SectionName(UINT16 id) {
@@ -67,18 +59,21 @@ std::string SectionName(UINT16 id) {
 
 // The texts of the chosen language; empty when the file is missing or malformed.
 std::map<std::string, std::string> ReadTexts(const std::string& path, const std::string& locale) {
-  Sections sections;
-  const int line = ini_parse(path.c_str(), CollectLine, &sections);
-  if (line > 0) {
-    TcsTracef("Multilang.lng:malformed line %d, texts stay English", line);
+  ProfileFile file;
+  if (!ReadProfileFile(path, &file)) return {};
+  if (file.malformedLine > 0) {
+    TcsTracef("Multilang.lng:malformed line %d, texts stay English", file.malformedLine);
     return {};
   }
-  if (line != 0) return {};
+  const auto& sections = file.sections;
   auto chosen = sections.find(SectionName(LanguageIdFromLocale(locale)));
   if (chosen == sections.end() || chosen->second.count("LANGUAGE") == 0) {
     chosen = sections.find(SectionName(kEnglishLanguageId));
   }
-  return chosen == sections.end() ? std::map<std::string, std::string>{} : chosen->second;
+  std::map<std::string, std::string> texts;
+  if (chosen == sections.end()) return texts;
+  for (const auto& [key, value] : chosen->second) texts.emplace(key, Unescape(value));
+  return texts;
 }
 
 // The printf conversions of `text` in order ("%s%u"), "%%" left out.

@@ -2,10 +2,7 @@
 // sequence with one line in its place.
 #include "service/startup.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -22,7 +19,8 @@
 #include "keys/mem_cache.h"
 #include "keys/owner_ctrl_keys.h"
 #include "keys/srk_auth.h"
-#include "rpc/dcerpc/server.h"
+#include "rpc/rpc_service.h"
+#include "service/directories.h"
 #include "service/event_log_start.h"
 #include "service/instance_lock.h"
 #include "storage/audit_log.h"
@@ -38,7 +36,9 @@ namespace kesttcs {
 namespace {
 
 // Directories hold key material and audit records: owner only.
-constexpr mode_t kDirectoryMode = 0700;
+constexpr unsigned kDirectoryMode = 0700;
+// The socket's directory lets every client reach the socket.
+constexpr unsigned kSocketDirectoryMode = 0755;
 
 StartupOptions g_options;
 // Where the lock of the home lives, beside the storage it guards.
@@ -66,17 +66,17 @@ TSS_RESULT StepReadConfiguration() {
   g_config = ReadTcsConfig(g_paths.config);
   SetNeedLog(g_config.needLog);
   SetTrafficLogDirectory(g_paths.log);
-  // Every Linux backend is reached the TDDL way.
+  // Cleared until the driver binding finds TPM Base Services.
   driver_set_tbs(false);
   return TSS_SUCCESS;
 }
 
-// 0 when `path` exists as a directory afterwards; otherwise traces the failure and returns errno.
+// 0 when `path` exists as a directory afterwards; otherwise traces the failure and returns the
+// system's error code.
 TSS_RESULT CreateDirectory(const std::string& path) {
-  if (mkdir(path.c_str(), kDirectoryMode) == 0 || errno == EEXIST) return TSS_SUCCESS;
-  const int error = errno;
-  TcsTracef("KestTCSp:Create directory:%s Fail!", path.c_str());
-  return static_cast<TSS_RESULT>(error);
+  const UINT32 error = MakeDirectory(path, kDirectoryMode);
+  if (error != 0) TcsTracef("KestTCSp:Create directory:%s Fail!", path.c_str());
+  return error;
 }
 
 TSS_RESULT StepCreateDirectories() {
@@ -96,14 +96,17 @@ TSS_RESULT StepStartAuditLog() {
 // Before the TPM state or the socket is touched: the home, then the socket, must be this
 // process's alone.
 TSS_RESULT StepLockInstance() {
-  g_socket_path = g_config.socket.empty() ? dcerpc::DefaultSocketPath() : g_config.socket;
+  g_socket_path = EndpointPath(g_config.socket);
   if (UINT32 r = LockInstance(g_paths.data + kHomeLockName, &g_lock_failure)) return r;
-  // Without a usable socket path the endpoint step fails and says so.
+  // Without a usable socket path the endpoint step fails and says so; an endpoint outside the file
+  // system has no lock beside it.
   if (g_socket_path.empty()) return TSS_SUCCESS;
   const std::string directory = g_socket_path.substr(0, g_socket_path.rfind('/'));
-  if (!directory.empty() && mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) {
-    g_lock_failure = "cannot create " + directory;
-    return static_cast<TSS_RESULT>(errno);
+  if (!directory.empty()) {
+    if (const UINT32 error = MakeDirectory(directory, kSocketDirectoryMode); error != 0) {
+      g_lock_failure = "cannot create " + directory;
+      return error;
+    }
   }
   return LockInstance(g_socket_path + kSocketLockSuffix, &g_lock_failure);
 }

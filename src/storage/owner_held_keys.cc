@@ -119,12 +119,16 @@ TSS_RESULT owner_keys_open(const std::string& file, FileSystem& fs) {
   OwnerHeldList& list = List();
   {
     MutexLock lock(list.mu);
-    std::unique_ptr<StorageFile> data = fs.OpenForUpdate(file);
-    const std::optional<std::uint64_t> size = data ? data->Size() : std::nullopt;
-    if (!size) return TCS_E_INTERNAL_ERROR;
-    std::vector<BYTE> bytes(static_cast<std::size_t>(*size));
-    const std::optional<std::size_t> read = data->Read(0, bytes);
-    if (!read || *read != bytes.size()) return TCS_E_INTERNAL_ERROR;
+    std::vector<BYTE> bytes;
+    {
+      // Closed before the file is replaced: Windows renames nothing over an open file.
+      std::unique_ptr<StorageFile> data = fs.OpenForUpdate(file);
+      const std::optional<std::uint64_t> size = data ? data->Size() : std::nullopt;
+      if (!size) return TCS_E_INTERNAL_ERROR;
+      bytes.resize(static_cast<std::size_t>(*size));
+      const std::optional<std::size_t> read = data->Read(0, bytes);
+      if (!read || *read != bytes.size()) return TCS_E_INTERNAL_ERROR;
+    }
     OwnerHeldFileContents contents = DecodeOwnerHeldFile(bytes);
     list.open = true;
     list.path = file;

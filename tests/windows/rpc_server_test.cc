@@ -6,6 +6,8 @@
 // a process of its own, then checks that the context the client left open was closed when its
 // process ended. Prints one line per check; the exit status is the number of failed checks.
 #include <windows.h>
+// <windows.h> maps the name to the RPC runtime's ANSI function; the service's own is meant here.
+#undef RpcServerUseProtseqEp
 
 #include <cstdio>
 #include <cstring>

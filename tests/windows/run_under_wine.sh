@@ -4,25 +4,28 @@
 # The Wine prefix PREFIX_DIR is private to the build tree and made on first use (a persistent
 # wineserver first, then wineboot, as a service under Wine needs). The swtpm process listens on
 # two free loopback ports; the program finds the data port in KESTTCS_SWTPM_PORT. Native DLLs
-# beside the program come before Wine's own (Wine's tbs.dll finds no TPM).
+# beside the program come before Wine's own (Wine's tbs.dll finds no TPM). WINEDEBUG may be set
+# (default -all); the prefix's helper processes, services included, write Wine's debug output to
+# KESTTCS_WINE_HELPER_LOG when it is set and they start with this run.
 set -euo pipefail
 prefix="$1"
 shift
 wine=$(command -v wine64 || echo /usr/lib/wine/wine64)
 wineserver=$(command -v wineserver || echo /usr/lib/wine/wineserver)
 # No Mono or Gecko: nothing here needs them, and wineboot would try to install them.
-export WINEPREFIX="$prefix" WINEDEBUG=-all WINEDLLOVERRIDES="tbs=n,b;mscoree,mshtml="
+export WINEPREFIX="$prefix" WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES="tbs=n,b;mscoree,mshtml="
 
 mkdir -p "$prefix"
 # The server stays up a minute after its last client, so the tests of one run share it. (It exits
 # with 2 when one already serves the prefix.) Its output goes nowhere: ctest waits for every
 # process that holds the test's output open, and Wine's helper processes inherit it too.
 "$wineserver" -p60 </dev/null >/dev/null 2>&1 || true
+helper_log="${KESTTCS_WINE_HELPER_LOG:-/dev/null}"
 if [ ! -f "$prefix/system.reg" ]; then
-  "$wine" wineboot -i </dev/null >/dev/null 2>&1
+  "$wine" wineboot -i </dev/null >>"$helper_log" 2>&1
 else
-  # Starts the prefix's helper processes (services, devices) with their output going nowhere.
-  "$wine" wineboot </dev/null >/dev/null 2>&1
+  # Starts the prefix's helper processes (services, devices).
+  "$wine" wineboot </dev/null >>"$helper_log" 2>&1
 fi
 
 port=$(python3 -c '

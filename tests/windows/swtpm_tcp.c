@@ -2,19 +2,49 @@
 
 #include <winsock2.h>
 
+#include <windows.h>
+
+#include <stdio.h>
 #include <stdlib.h>
 
 static SOCKET g_data = INVALID_SOCKET;
 
-static SOCKET ConnectTo(int portOffset) {
+/* The swtpm's data port: KESTTCS_SWTPM_PORT, or for a process that does not inherit the test's
+ * environment (a service the service manager starts) the number in "swtpm_port.txt" beside this
+ * library. 0 when neither says. */
+static int SwtpmPort(void) {
+  static char anchor;
   const char* port = getenv("KESTTCS_SWTPM_PORT");
+  char path[MAX_PATH];
+  HMODULE self = NULL;
+  FILE* file;
+  char* slash;
+  int number = 0;
+  if (port != NULL) return atoi(port);
+  if (!GetModuleHandleExA(
+          GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+          &anchor, &self) ||
+      GetModuleFileNameA(self, path, MAX_PATH - 16) == 0) {
+    return 0;
+  }
+  slash = strrchr(path, '\\');
+  strcpy(slash != NULL ? slash + 1 : path, "swtpm_port.txt");
+  file = fopen(path, "r");
+  if (file == NULL) return 0;
+  if (fscanf(file, "%d", &number) != 1) number = 0;
+  fclose(file);
+  return number;
+}
+
+static SOCKET ConnectTo(int portOffset) {
+  const int port = SwtpmPort();
   struct sockaddr_in addr;
   WSADATA wsa;
   SOCKET s;
-  if (port == NULL || WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return INVALID_SOCKET;
+  if (port == 0 || WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return INVALID_SOCKET;
   memset(&addr, 0, sizeof(addr));
   addr.sin_family = AF_INET;
-  addr.sin_port = htons((u_short)(atoi(port) + portOffset));
+  addr.sin_port = htons((u_short)(port + portOffset));
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
   if (s == INVALID_SOCKET) return s;

@@ -1,6 +1,6 @@
 /* The test driver libraries' way to a swtpm process: its data and control channels on 127.0.0.1,
- * the data port read from KESTTCS_SWTPM_PORT when a channel is opened, the control port the next
- * one. */
+ * the data port read when a channel is opened (from KESTTCS_SWTPM_PORT, else from "swtpm_port.txt"
+ * beside the library), the control port the next one. */
 #pragma once
 
 #include <stdint.h>

@@ -3,6 +3,8 @@
 #include <windows.h>
 // windows.h first: the RPC headers rely on its declarations.
 #include <rpc.h>
+// <rpc.h> maps the name to its ANSI form; the service's own function keeps the plain name.
+#undef RpcServerUseProtseqEp
 
 #include <string>
 
@@ -30,6 +32,8 @@ RPC_CSTR Text(const char* text) {
 }
 
 }  // namespace
+
+std::string EndpointPath(const std::string& /*configuredSocket*/) { return {}; }
 
 UINT32 RpcServerUseProtseqEp(const RpcEndpointConfig& config) {
   RPC_STATUS status =

@@ -1,4 +1,5 @@
-// The process entry's command line and usage text.
+// The process entry's command line and usage text, and the system's error texts.
+#include <cstring>
 #include <string>
 
 #include "service/linux/host.h"
@@ -11,11 +12,7 @@ EntryCommand ParseCommandLine(int argc, const char* const* argv) {
     if (i > 1) tail += ' ';
     tail += argv[i];
   }
-  if (tail == "--help" || tail == "-h") return EntryCommand::kHelp;
-  if (tail == "-install") return EntryCommand::kInstall;
-  if (tail == "-remove") return EntryCommand::kRemove;
-  if (tail == "-debug") return EntryCommand::kDebug;
-  return EntryCommand::kService;
+  return EntryCommandOf(tail);
 }
 
 std::string UsageText(const char* program) {
@@ -39,5 +36,7 @@ std::string UsageText(const char* program) {
       "tcs_cfg.ini, data/, audit/, log/ and tpm/ (the embedded TPM's state).\n";
   return text;
 }
+
+std::string SystemErrorText(UINT32 code) { return std::strerror(static_cast<int>(code)); }
 
 }  // namespace kesttcs::host

@@ -1,5 +1,5 @@
-// The Linux host of the service: process entry commands, systemd status notification, the
-// service's main flow with its stop signals, and installation as a systemd unit.
+// The Linux host of the service (service/host.h): systemd status notification, the service's main
+// flow with its stop signals, and installation as a systemd unit.
 //
 // systemd takes the place of the Windows service manager:
 //   start-pending   STATUS=Starting (check point N) and EXTEND_TIMEOUT_USEC=<wait hint in µs>
@@ -21,42 +21,16 @@
 
 #include <string>
 
+#include "service/host.h"
 #include "service/service_status.h"
 
 namespace kesttcs::host {
-
-// What the process entry does with its command line.
-enum class EntryCommand { kHelp, kInstall, kRemove, kDebug, kService };
-
-// The arguments after the program name joined with single blanks, compared exactly (case matters)
-// with "-install", "-remove" and "-debug"; "--help" and "-h" alone ask for the usage text; anything
-// else (an empty tail, extra words, other case) runs the service.
-EntryCommand ParseCommandLine(int argc, const char* const* argv);
-
-// The usage text printed for --help.
-std::string UsageText(const char* program);
 
 // The sd_notify message for one status report (see the table above).
 std::string SystemdNotifyText(const ServiceStatusRecord& status);
 
 // Sink that sends each report with sd_notify (nothing happens without NOTIFY_SOCKET).
 ServiceStatusSink SdNotifyStatusSink();
-
-// Runs the service as systemd starts it: reports start-pending, takes SIGTERM/SIGINT as the stop
-// control, runs ServiceStart, reports stopped with its result. Returns the process exit status
-// (ExitStatusFromServiceCode of the result). Must be called before any other thread exists, so
-// that every thread inherits the blocked stop signals.
-int ServiceMain();
-
-// -debug: serves in the foreground with status reports off; Ctrl-C (SIGINT) or SIGTERM prints
-// "Stopping <display name>.\n" and stops the service. Traces go to stderr while logging is on. A
-// start-up failure is also printed on stderr. Returns when the service has ended.
-void CmdDebugService();
-
-// -install and -remove: write/delete the unit KestTCS.service and drive systemctl, printing the
-// console texts of the service manager commands on stdout and tracing each failure.
-void CmdInstallService();
-void CmdRemoveService();
 
 // The text of a unit that runs `executable` with the given home (empty: the packaged default
 // /var/lib/kesttcs with a state directory).

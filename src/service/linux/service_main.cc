@@ -90,21 +90,6 @@ class StopSignalThread {
   std::thread thread_;
 };
 
-// Start-up failures are also told on stderr (the journal under systemd), with the reason the
-// layer below gave.
-void PrintStartupFailure(UINT32 code) {
-  if (code == 0) return;
-  const std::string where = StartupFailureText();
-  const char* prefix = where.empty() ? "" : where.c_str();
-  const char* separator = where.empty() ? "" : ": ";
-  if (IsTcsFamily(code)) {
-    std::fprintf(stderr, "kesttcsd: %s%s0x%.8X (%s)\n", prefix, separator, code, ResultName(code));
-  } else {
-    std::fprintf(stderr, "kesttcsd: %s%serror %u (%s)\n", prefix, separator, code,
-                 std::strerror(static_cast<int>(code)));
-  }
-}
-
 // Every client connection takes a descriptor; the soft limit (often 1024) would cap the service
 // far below what it is configured to serve, so it is raised to the hard limit the service manager
 // granted.
