@@ -1,16 +1,15 @@
 #!/usr/bin/env bash
-# kesttcsd.exe -debug on the console under Wine:
-#   debug_scenario.sh PREFIX_DIR HOME_DIR BACKEND FILE...
+# kesttcsd.exe -debug on the console under Wine, run by run_under_wine.sh --script:
+#   debug_scenario.sh HOME_DIR BACKEND FILE...
 # Copies the FILEs (the service, a driver library, the client) into a fresh HOME_DIR whose
 # tcs_cfg.ini turns logging on and names BACKEND, starts "kesttcsd.exe -debug" there, lets the
 # client run its checks against it, stops it with Ctrl-C (SIGINT) and checks the console text, the
 # exit status and the trace lines (the debugger output, which Wine writes to stderr).
 set -euo pipefail
-prefix="$1"
-home="$2"
-backend="$3"
-shift 3
-here="$(cd "$(dirname "$0")" && pwd)"
+home="$1"
+backend="$2"
+shift 2
+source "$(dirname "$0")/debug_service.sh"
 rm -rf "$home"
 mkdir -p "$home"
 cp "$@" "$home/"
@@ -21,27 +20,23 @@ check() {  # check CONDITION-STATUS TEXT
   if [ "$1" -eq 0 ]; then echo "ok   $2"; else echo "FAIL $2"; failures=$((failures + 1)); fi
 }
 
-WINEDEBUG=-all,+debugstr "$here/run_under_wine.sh" "$prefix" "$home/kesttcsd.exe" -debug \
-  > "$home/console.out" 2> "$home/console.err" &
-runner=$!
-ready=1
-for _ in $(seq 600); do
-  if grep -q 'TCS:TCS service start end.' "$home/console.err" 2>/dev/null; then ready=0; break; fi
-  kill -0 "$runner" 2>/dev/null || break
-  sleep 0.1
-done
+ready=0
+debug_service_start "$home" || ready=1
 check $ready "kesttcsd.exe -debug serves ($backend)"
-if [ $ready -ne 0 ]; then cat "$home/console.out" "$home/console.err" >&2; wait "$runner" || true; exit 1; fi
+[ $ready -eq 0 ] || exit 1
 
 client=0
-WINEPREFIX="$prefix" WINEDEBUG=-all "$(command -v wine64 || echo /usr/lib/wine/wine64)" \
-  "$home/rpc_test_client.exe" || client=$?
+WINEDEBUG=-all "$WINE" "$home/rpc_test_client.exe" || client=$?
 check $client "the client's checks pass"
 
-# Ctrl-C: Wine hands SIGINT to the console's control handlers.
-kill -INT "$(pgrep -f "^$home/kesttcsd.exe -debug" | head -n 1)"
+second=0
+WINEDEBUG=-all timeout 60 "$WINE" "$home/kesttcsd.exe" -debug > /dev/null 2> "$home/second.err" || true
+grep -q "^kesttcsd: instance: kesttcsd (pid [0-9]*) is running and holds " "$home/second.err" ||
+  second=1
+check $second "a second kesttcsd.exe -debug on the same home is refused: $(head -n 1 "$home/second.err")"
+
 status=0
-wait "$runner" || status=$?
+debug_service_stop || status=$?
 check $status "Ctrl-C ends it with exit status 0"
 said=0
 [ "$(tr -d '\r' < "$home/console.out")" = "Stopping Trusted Platform Core Service (KESTRON)." ] || said=1

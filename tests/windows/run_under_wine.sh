@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs one Windows test program under Wine against a fresh swtpm process:
 #   run_under_wine.sh PREFIX_DIR PROGRAM.exe ARGS...
+#   run_under_wine.sh PREFIX_DIR --script SCRIPT ARGS...   (SCRIPT runs Wine itself, as $WINE)
 # The Wine prefix PREFIX_DIR is private to the build tree and made on first use (a persistent
 # wineserver first, then wineboot, as a service under Wine needs). The swtpm process listens on
 # two free loopback ports; the program finds the data port in KESTTCS_SWTPM_PORT. Native DLLs
@@ -40,6 +41,11 @@ while True:
     finally:
         a.close(); b.close()')
 state=$(mktemp -d)
+# A fresh TPM has no endorsement key; KESTTCS_SWTPM_EK=1 asks for one, for a test that takes
+# ownership.
+if [ "${KESTTCS_SWTPM_EK:-0}" = 1 ]; then
+  swtpm_setup --tpm-state "$state" --createek --config /dev/null >/dev/null
+fi
 swtpm socket --tpmstate "dir=$state" --flags not-need-init \
   --server "type=tcp,port=$port,bindaddr=127.0.0.1" \
   --ctrl "type=tcp,port=$((port + 1)),bindaddr=127.0.0.1" &
@@ -50,4 +56,10 @@ for _ in $(seq 100); do
   sleep 0.05
 done
 
-KESTTCS_SWTPM_PORT=$port "$wine" "$@"
+export KESTTCS_SWTPM_PORT=$port
+if [ "$1" = "--script" ]; then
+  shift
+  WINE="$wine" "$@"
+else
+  "$wine" "$@"
+fi
