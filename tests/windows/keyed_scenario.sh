@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
 # A Windows client's keyed and authorised commands against kesttcsd.exe -debug, run by
 # run_under_wine.sh --script:
-#   keyed_scenario.sh LINUX_BUILD_DIR HOME_DIR FILE...
+#   keyed_scenario.sh LINUX_BUILD_DIR HOME_DIR BACKEND FILE...
 # First the Linux service, on the same swtpm, takes ownership and has kesttcs-cli make a signing
 # key with a usage secret under the SRK. Then kesttcsd.exe -debug, in HOME_DIR with the FILEs (the
-# service, tbs.dll, keyed_client.exe), serves keyed_client.exe, which loads the key blob and reads
-# its public key with authorised commands. Exits 77 (skipped) without the Linux build.
+# service, a driver library, keyed_client.exe) and the TPM through BACKEND, serves keyed_client.exe,
+# which loads the key blob and reads its public key with authorised commands. Exits 77 (skipped) without the Linux build.
 set -euo pipefail
 linux="$1"
 home="$2"
-shift 2
+backend="$3"
+shift 3
 source "$(dirname "$0")/debug_service.sh"
 daemon="$linux/src/service/kesttcsd"
 cli="$linux/src/tools/kesttcs-cli"
@@ -38,7 +39,7 @@ kill -TERM "$daemon_pid"
 wait "$daemon_pid"
 trap - EXIT
 
-printf '[LOG]\nneedLog=1\n' > "$home/tcs_cfg.ini"
+printf '[LOG]\nneedLog=1\n[TPM]\nbackend=%s\n' "$backend" > "$home/tcs_cfg.ini"
 debug_service_start "$home"
 client=0
 WINEDEBUG=-all "$WINE" "$home/keyed_client.exe" "Z:$home/key.blob" "Z:$home/key.phrase" ||
