@@ -16,6 +16,10 @@ EntryCommand EntryCommandOf(std::string_view tail) {
   return EntryCommand::kService;
 }
 
+std::string UsageText(const char* program) {
+  return std::string("Usage: ") + program + " [-install | -remove | -debug]\n\n" + HostUsageText();
+}
+
 std::string StartupFailureLine(UINT32 code) {
   std::string line = StartupFailureText();
   if (!line.empty()) line += ": ";

@@ -21,8 +21,9 @@ EntryCommand EntryCommandOf(std::string_view tail);
 // joined with single blanks, on Windows the command line's tail as the system keeps it.
 EntryCommand ParseCommandLine(int argc, const char* const* argv);
 
-// The usage text printed for --help.
+// The usage text printed for --help: the command line, then the host's HostUsageText().
 std::string UsageText(const char* program);
+std::string HostUsageText();
 
 // Runs the service as the service manager starts it and reports stopped with ServiceStart's result.
 // Returns the process exit status. On Linux it must be called before any other thread exists, so

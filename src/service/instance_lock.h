@@ -13,8 +13,14 @@ namespace kesttcs {
 
 // Takes the exclusive lock of `path` (created when missing, mode 0644) and writes this process's
 // id into it; the lock is held until the process ends. Taking a lock this process already holds
-// succeeds. Returns 0; EBUSY when another process holds it; or the errno of the file that could
-// not be opened. On failure `*why` says what happened, naming the holder's process id when known.
+// succeeds. Returns 0; when another process holds it EBUSY (on Windows
+// ERROR_SERVICE_ALREADY_RUNNING); or the system's error code for the file that could not be opened.
+// On failure `*why` says what happened, naming the holder's process id when known.
 [[nodiscard]] UINT32 LockInstance(const std::string& path, std::string* why);
+
+// The host's part of LockInstance (linux/instance_lock.cc, windows/instance_lock.cc): opens and
+// locks `path`, writes the process id, and keeps the file open for the process's life. Same
+// results as LockInstance; called at most once per path.
+[[nodiscard]] UINT32 HoldInstanceLock(const std::string& path, std::string* why);
 
 }  // namespace kesttcs

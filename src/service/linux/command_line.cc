@@ -15,26 +15,20 @@ EntryCommand ParseCommandLine(int argc, const char* const* argv) {
   return EntryCommandOf(tail);
 }
 
-std::string UsageText(const char* program) {
-  std::string text = "Usage: ";
-  text += program;
-  text +=
-      " [-install | -remove | -debug]\n"
-      "\n"
-      "KestTCS, the TSS 1.2 core services daemon.\n"
-      "\n"
-      "  -install   write and enable the systemd unit KestTCS.service, then start it\n"
-      "  -remove    stop and disable the service, then delete its unit\n"
-      "  -debug     serve in the foreground; Ctrl-C stops; traces on stderr when\n"
-      "             [LOG] needLog is on in tcs_cfg.ini\n"
-      "  --help     this text\n"
-      "\n"
-      "The whole command line is compared exactly: anything else runs the service as\n"
-      "systemd starts it (status through NOTIFY_SOCKET, SIGTERM stops).\n"
-      "\n"
-      "Home directory: $KESTTCS_HOME, else the executable's directory; it holds\n"
-      "tcs_cfg.ini, data/, audit/, log/ and tpm/ (the embedded TPM's state).\n";
-  return text;
+std::string HostUsageText() {
+  return "KestTCS, the TSS 1.2 core services daemon.\n"
+         "\n"
+         "  -install   write and enable the systemd unit KestTCS.service, then start it\n"
+         "  -remove    stop and disable the service, then delete its unit\n"
+         "  -debug     serve in the foreground; Ctrl-C stops; traces on stderr when\n"
+         "             [LOG] needLog is on in tcs_cfg.ini\n"
+         "  --help     this text\n"
+         "\n"
+         "The whole command line is compared exactly: anything else runs the service as\n"
+         "systemd starts it (status through NOTIFY_SOCKET, SIGTERM stops).\n"
+         "\n"
+         "Home directory: $KESTTCS_HOME, else the executable's directory; it holds\n"
+         "tcs_cfg.ini, data/, audit/, log/ and tpm/ (the embedded TPM's state).\n";
 }
 
 std::string SystemErrorText(UINT32 code) { return std::strerror(static_cast<int>(code)); }

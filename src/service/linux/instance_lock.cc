@@ -6,24 +6,12 @@
 
 #include <cerrno>
 #include <cstring>
-#include <map>
 #include <string>
 
-#include "base/mutex.h"
 #include "service/instance_lock.h"
 
 namespace kesttcs {
 namespace {
-
-struct HeldLocks {
-  Mutex mu;
-  std::map<std::string, int> files GUARDED_BY(mu);  // path -> descriptor, open until exit
-};
-
-HeldLocks& Held() {
-  static HeldLocks* held = new HeldLocks;
-  return *held;
-}
 
 // The process id the holder wrote, or "unknown" when it has not written it yet.
 std::string HolderOf(int fd) {
@@ -36,10 +24,7 @@ std::string HolderOf(int fd) {
 
 }  // namespace
 
-UINT32 LockInstance(const std::string& path, std::string* why) {
-  HeldLocks& held = Held();
-  MutexLock lock(held.mu);
-  if (held.files.contains(path)) return 0;
+UINT32 HoldInstanceLock(const std::string& path, std::string* why) {
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
   if (fd < 0) {
     const int error = errno;
@@ -60,7 +45,7 @@ UINT32 LockInstance(const std::string& path, std::string* why) {
   if (ftruncate(fd, 0) != 0 || pwrite(fd, pid.data(), pid.size(), 0) < 0) {
     // The lock holds all the same; only the name of the holder is missing.
   }
-  held.files.emplace(path, fd);
+  // The descriptor stays open, and the lock held, for the process's life.
   return 0;
 }
 

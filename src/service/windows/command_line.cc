@@ -29,27 +29,21 @@ EntryCommand ParseCommandLine(int /*argc*/, const char* const* /*argv*/) {
   return EntryCommandOf(CommandTail(GetCommandLineA()));
 }
 
-std::string UsageText(const char* program) {
-  std::string text = "Usage: ";
-  text += program;
-  text +=
-      " [-install | -remove | -debug]\n"
-      "\n"
-      "KestTCS, the TSS 1.2 core services.\n"
-      "\n"
-      "  -install   register the service KestTCS with the service control manager and\n"
-      "             start it\n"
-      "  -remove    stop the service and remove it\n"
-      "  -debug     serve on the console; Ctrl-C stops; traces go to the debugger output\n"
-      "             when [LOG] needLog is on in tcs_cfg.ini\n"
-      "  --help     this text\n"
-      "\n"
-      "The whole command line is compared exactly: anything else hands the process to the\n"
-      "service control manager, which only works when it started the service.\n"
-      "\n"
-      "Home directory: the executable's directory; it holds tcs_cfg.ini, data\\, audit\\\n"
-      "and log\\. The TPM is reached through tbs.dll, else tpmddl.dll.\n";
-  return text;
+std::string HostUsageText() {
+  return "KestTCS, the TSS 1.2 core services.\n"
+         "\n"
+         "  -install   register the service KestTCS with the service control manager and\n"
+         "             start it\n"
+         "  -remove    stop the service and remove it\n"
+         "  -debug     serve on the console; Ctrl-C stops; traces go to the debugger output\n"
+         "             when [LOG] needLog is on in tcs_cfg.ini\n"
+         "  --help     this text\n"
+         "\n"
+         "The whole command line is compared exactly: anything else hands the process to the\n"
+         "service control manager, which only works when it started the service.\n"
+         "\n"
+         "Home directory: the executable's directory; it holds tcs_cfg.ini, data\\, audit\\\n"
+         "and log\\. The TPM is reached through tbs.dll, else tpmddl.dll.\n";
 }
 
 std::string SystemErrorText(UINT32 code) {

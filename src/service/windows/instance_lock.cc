@@ -3,26 +3,14 @@
 // byte far past the file's text, so that a second instance can still read the holder's process id.
 #include <windows.h>
 
-#include <map>
 #include <string>
 
-#include "base/mutex.h"
 #include "service/instance_lock.h"
 
 namespace kesttcs {
 namespace {
 
 constexpr DWORD kLockedByteOffset = 0x7FFFFFFF;
-
-struct HeldLocks {
-  Mutex mu;
-  std::map<std::string, HANDLE> files GUARDED_BY(mu);  // path -> handle, open until exit
-};
-
-HeldLocks& Held() {
-  static HeldLocks* held = new HeldLocks;
-  return *held;
-}
 
 std::string HolderOf(HANDLE file) {
   char text[32] = {};
@@ -38,10 +26,7 @@ std::string HolderOf(HANDLE file) {
 
 }  // namespace
 
-UINT32 LockInstance(const std::string& path, std::string* why) {
-  HeldLocks& held = Held();
-  MutexLock lock(held.mu);
-  if (held.files.contains(path)) return 0;
+UINT32 HoldInstanceLock(const std::string& path, std::string* why) {
   const HANDLE file =
       CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                   nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -67,7 +52,7 @@ UINT32 LockInstance(const std::string& path, std::string* why) {
       !WriteFile(file, pid.data(), static_cast<DWORD>(pid.size()), &written, &start)) {
     // The lock holds all the same; only the name of the holder is missing.
   }
-  held.files.emplace(path, file);
+  // The handle stays open, and the lock held, for the process's life.
   return 0;
 }
 
