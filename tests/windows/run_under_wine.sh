@@ -1,50 +1,20 @@
 #!/usr/bin/env bash
 # Runs one Windows test program under Wine against a fresh swtpm process:
 #   run_under_wine.sh PREFIX_DIR PROGRAM.exe ARGS...
-# The Wine prefix PREFIX_DIR is private to the build tree and made on first use (a persistent
-# wineserver first, then wineboot, as a service under Wine needs). The swtpm process listens on
-# two free loopback ports; the program finds the data port in KESTTCS_SWTPM_PORT. Native DLLs
-# beside the program come before Wine's own (Wine's tbs.dll finds no TPM).
+# The swtpm process listens on two free loopback ports; the program finds the data port in
+# KESTTCS_SWTPM_PORT. Native DLLs beside the program come before Wine's own (Wine's tbs.dll finds
+# no TPM).
 set -euo pipefail
-prefix="$1"
+source "$(dirname "$0")/wine_env.sh" "$1"
 shift
-wine=$(command -v wine64 || echo /usr/lib/wine/wine64)
-wineserver=$(command -v wineserver || echo /usr/lib/wine/wineserver)
-# No Mono or Gecko: nothing here needs them, and wineboot would try to install them.
-export WINEPREFIX="$prefix" WINEDEBUG=-all WINEDLLOVERRIDES="tbs=n,b;mscoree,mshtml="
 
-mkdir -p "$prefix"
-# The server stays up a minute after its last client, so the tests of one run share it. (It exits
-# with 2 when one already serves the prefix.) Its output goes nowhere: ctest waits for every
-# process that holds the test's output open, and Wine's helper processes inherit it too.
-"$wineserver" -p60 </dev/null >/dev/null 2>&1 || true
-if [ ! -f "$prefix/system.reg" ]; then
-  "$wine" wineboot -i </dev/null >/dev/null 2>&1
-else
-  # Starts the prefix's helper processes (services, devices) with their output going nowhere.
-  "$wine" wineboot </dev/null >/dev/null 2>&1
-fi
-
-port=$(python3 -c '
-import socket
-while True:
-    a = socket.socket(); a.bind(("127.0.0.1", 0)); p = a.getsockname()[1]
-    b = socket.socket()
-    try:
-        b.bind(("127.0.0.1", p + 1)); print(p); break
-    except OSError:
-        pass
-    finally:
-        a.close(); b.close()')
+port=$(free_port_pair)
 state=$(mktemp -d)
 swtpm socket --tpmstate "dir=$state" --flags not-need-init \
   --server "type=tcp,port=$port,bindaddr=127.0.0.1" \
   --ctrl "type=tcp,port=$((port + 1)),bindaddr=127.0.0.1" &
 swtpm_pid=$!
 trap 'kill "$swtpm_pid" 2>/dev/null; wait "$swtpm_pid" 2>/dev/null; rm -rf "$state"' EXIT
-for _ in $(seq 100); do
-  (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break
-  sleep 0.05
-done
+wait_for_port "$port"
 
 KESTTCS_SWTPM_PORT=$port "$wine" "$@"
