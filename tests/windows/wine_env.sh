@@ -1,7 +1,7 @@
 # Sourced by the scripts that run Windows test programs under Wine: wine_env.sh PREFIX_DIR.
 # Sets $wine and makes the Wine prefix PREFIX_DIR (private to the build tree) on first use: a
 # persistent wineserver first, then wineboot, as a service under Wine needs. Defines
-# free_port_pair, which prints a free loopback port whose successor is free too.
+# free_port_pair, wait_for_port and start_swtpm.
 prefix="$1"
 wine=$(command -v wine64 || echo /usr/lib/wine/wine64)
 wineserver=$(command -v wineserver || echo /usr/lib/wine/wineserver)
@@ -41,4 +41,21 @@ wait_for_port() {
     sleep 0.05
   done
   return 1
+}
+
+# Starts a fresh swtpm process on two free loopback ports, exports its data port in
+# KESTTCS_SWTPM_PORT (where the test driver libraries find it), and adds its end to the EXIT trap
+# commands in $on_exit.
+on_exit=""
+start_swtpm() {
+  local state
+  state=$(mktemp -d)
+  export KESTTCS_SWTPM_PORT
+  KESTTCS_SWTPM_PORT=$(free_port_pair)
+  swtpm socket --tpmstate "dir=$state" --flags not-need-init \
+    --server "type=tcp,port=$KESTTCS_SWTPM_PORT,bindaddr=127.0.0.1" \
+    --ctrl "type=tcp,port=$((KESTTCS_SWTPM_PORT + 1)),bindaddr=127.0.0.1" &
+  on_exit+="kill $! 2>/dev/null; wait $! 2>/dev/null; rm -rf '$state';"
+  trap "$on_exit" EXIT
+  wait_for_port "$KESTTCS_SWTPM_PORT"
 }
