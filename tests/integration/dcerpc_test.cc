@@ -500,23 +500,35 @@ TEST_F(DcerpcTest, SlowCallBlocksNeitherOthersNorItsDisconnect) {
   EXPECT_EQ(after->Call(kEcho, Pattern(32, 2), out), kRpcOk);
 }
 
-TEST_F(DcerpcTest, ClientReportsLostConnectionAndMissingServer) {
-  // A server that acknowledges the bind, takes the request and hangs up.
-  std::string path = dir_ + "/hangup";
+// A listening Unix socket at `path`, for a scripted server.
+int ListenOn(const std::string& path) {
   int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   path.copy(addr.sun_path, path.size());
-  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-  ASSERT_EQ(listen(listener, 1), 0);
+  EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+  EXPECT_EQ(listen(listener, 1), 0);
+  return listener;
+}
+
+// Accepts a client's connection on `listener`, takes its bind and acknowledges it (call id 1).
+int AcceptBound(int listener) {
+  int fd = accept(listener, nullptr, nullptr);
+  uint8_t buffer[256];
+  EXPECT_GT(recv(fd, buffer, sizeof(buffer), 0), 0);
+  BindAckPdu ack{kMaxFragmentSize, kMaxFragmentSize, 1, "", {{0, 0, NdrSyntax()}}};
+  std::vector<uint8_t> pdu = EncodeBindAck(PduType::kBindAck, 1, ack);
+  EXPECT_EQ(send(fd, pdu.data(), pdu.size(), MSG_NOSIGNAL), static_cast<ssize_t>(pdu.size()));
+  return fd;
+}
+
+TEST_F(DcerpcTest, ClientReportsLostConnectionAndMissingServer) {
+  // A server that acknowledges the bind, takes the request and hangs up.
+  std::string path = dir_ + "/hangup";
+  int listener = ListenOn(path);
   std::thread fake([&] {
-    int fd = accept(listener, nullptr, nullptr);
+    int fd = AcceptBound(listener);
     uint8_t buffer[256];
-    ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
-    EXPECT_GT(n, 0);
-    BindAckPdu ack{kMaxFragmentSize, kMaxFragmentSize, 1, "", {{0, 0, NdrSyntax()}}};
-    std::vector<uint8_t> pdu = EncodeBindAck(PduType::kBindAck, 1, ack);
-    EXPECT_EQ(send(fd, pdu.data(), pdu.size(), MSG_NOSIGNAL), static_cast<ssize_t>(pdu.size()));
     EXPECT_GT(recv(fd, buffer, sizeof(buffer), 0), 0);
     close(fd);
   });
@@ -530,6 +542,35 @@ TEST_F(DcerpcTest, ClientReportsLostConnectionAndMissingServer) {
   fake.join();
   close(listener);
   EXPECT_EQ(client.ConnectUnix(dir_ + "/nothing-here"), kRpcServerUnavailable);
+}
+
+// Wine's RPC server puts call id 1 into every PDU it sends; the client still takes the answers,
+// as its connection carries one call at a time.
+TEST_F(DcerpcTest, ClientTakesAnswersWhateverTheirCallId) {
+  std::string path = dir_ + "/call-id-one";
+  int listener = ListenOn(path);
+  std::thread fake([&] {
+    int fd = AcceptBound(listener);
+    uint8_t buffer[256];
+    std::vector<uint8_t> pdu;
+    for (uint8_t seed = 0; seed < 2; ++seed) {
+      EXPECT_GT(recv(fd, buffer, sizeof(buffer), 0), 0);
+      pdu.clear();
+      EncodeResponseFragments(1, 0, Pattern(8, seed), kMaxFragmentSize, pdu);
+      EXPECT_EQ(send(fd, pdu.data(), pdu.size(), MSG_NOSIGNAL), static_cast<ssize_t>(pdu.size()));
+    }
+    close(fd);
+  });
+  Client client;
+  ASSERT_EQ(client.ConnectUnix(path), kRpcOk);
+  ASSERT_EQ(client.Bind(EchoSyntax()), kRpcOk);
+  std::vector<uint8_t> out;
+  EXPECT_EQ(client.Call(kEcho, Pattern(32, 0), out), kRpcOk);
+  EXPECT_EQ(out, Pattern(8, 0));
+  EXPECT_EQ(client.Call(kEcho, Pattern(32, 0), out), kRpcOk);
+  EXPECT_EQ(out, Pattern(8, 1));
+  fake.join();
+  close(listener);
 }
 
 TEST_F(DcerpcTest, ThousandConcurrentCalls) {

@@ -1,15 +1,25 @@
 // The Windows RPC server under Wine: the TCS interface served through the Microsoft RPC runtime on
-// "\pipe\KestTCS" and local RPC "KestTCS" (widl's server stubs and the generated server routines),
-// the TPM reached through the test driver library beside this program (forwarding to swtpm): the
-// backend string on the command line ("auto" finds tbs.dll; "tddl:tpmddl.dll" names the TDDL
-// library) and the path it must take ("tbs" or "tddl"). Runs rpc_test_client.exe, a widl client in
-// a process of its own, then checks that the context the client left open was closed when its
-// process ended. Prints one line per check; the exit status is the number of failed checks.
+// "\pipe\KestTCS", local RPC "KestTCS" and ncacn_ip_tcp on the loopback port in KESTTCS_TCP_PORT
+// (widl's server stubs and the generated server routines), the TPM reached through the test driver
+// library beside this program (forwarding to swtpm): the backend string on the command line
+// ("auto" finds tbs.dll; "tddl:tpmddl.dll" names the TDDL library) and the path it must take
+// ("tbs" or "tddl").
+//
+//   rpc_server_test.exe BACKEND tbs|tddl          runs rpc_test_client.exe, a widl client in a
+//       process of its own, over local RPC and then over TCP, and checks after each that the
+//       context the client left open was closed when its process (over TCP: its association)
+//       ended
+//   rpc_server_test.exe BACKEND tbs|tddl serve    serves until its standard input ends (a client
+//       on another host calls meanwhile), then checks that the one context that client left open
+//       was closed when its association ended
+//
+// Prints one line per check; the exit status is the number of failed checks.
 #include <windows.h>
 // <windows.h> maps the name to the RPC runtime's ANSI function; the service's own is meant here.
 #undef RpcServerUseProtseqEp
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -33,8 +43,9 @@ void Check(bool ok, const char* what, unsigned long detail = 0) {
   if (!ok) ++failures;
 }
 
-// Runs the client beside this program and returns its exit status (its failed checks).
-DWORD RunClient() {
+// Runs the client beside this program with `arguments` and returns its exit status (its failed
+// checks).
+DWORD RunClient(const std::string& arguments) {
   char program[MAX_PATH];
   const DWORD length = GetModuleFileNameA(nullptr, program, MAX_PATH);
   std::string path(program, length);
@@ -42,7 +53,7 @@ DWORD RunClient() {
   STARTUPINFOA startup{};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION process{};
-  std::string command = "\"" + path + "\"";
+  std::string command = "\"" + path + "\" " + arguments;
   if (!CreateProcessA(path.c_str(), command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
                       &startup, &process)) {
     return GetLastError();
@@ -64,7 +75,15 @@ bool ContextsClosedWithin(int tries) {
 
 }  // namespace
 
-int RunChecks(const char* backend, bool wantTbs) {
+// Reads the standard input to its end: the script running this host closes it once the other
+// host's client has finished.
+void WaitForEndOfInput() {
+  char buffer[64];
+  while (std::fread(buffer, 1, sizeof buffer, stdin) > 0) {
+  }
+}
+
+int RunChecks(const char* backend, bool wantTbs, bool serve) {
   // The entry frame's trace lines of every call, on stderr.
   SetNeedLog(true);
   SetTraceSink(StderrTraceSink());
@@ -75,20 +94,41 @@ int RunChecks(const char* backend, bool wantTbs) {
         wantTbs ? "TPM through tbs.dll" : "TPM through tpmddl.dll", tpm);
   if (tpm != TSS_SUCCESS) return failures;
 
-  UINT32 status = RpcServerUseProtseqEp(RpcEndpointConfig{});
-  Check(status == 0, "RpcServerUseProtseqEpA ncacn_np \\pipe\\KestTCS and ncalrpc KestTCS", status);
+  const char* port = std::getenv("KESTTCS_TCP_PORT");
+  RpcEndpointConfig endpoints;
+  endpoints.tcp_port = static_cast<uint16_t>(port != nullptr ? std::atoi(port) : 0);
+  Check(endpoints.tcp_port != 0, "a TCP port in KESTTCS_TCP_PORT");
+  UINT32 status = RpcServerUseProtseqEp(endpoints);
+  Check(status == 0, "RpcServerUseProtseqEpA ncacn_np, ncalrpc and ncacn_ip_tcp", status);
   status = RpcServerRegisterIf();
   Check(status == 0, "RpcServerRegisterIf", status);
   status = RpcServerListen(16);
   Check(status == 0, "RpcServerListen", status);
   if (failures != 0) return failures;
 
-  const DWORD client = RunClient();
-  Check(client == 0, "the client's checks pass", client);
-  Check(ContextsClosedWithin(100), "the context the client left open is closed after it ended",
-        static_cast<unsigned long>(owners_CountContexts()));
-  Check(owners_CountAbandonedClosed() == 1, "one context closed by run-down",
-        static_cast<unsigned long>(owners_CountAbandonedClosed()));
+  if (serve) {
+    std::printf("serving on ncacn_ip_tcp 127.0.0.1[%s]\n", port);
+    std::fflush(stdout);
+    WaitForEndOfInput();
+    Check(ContextsClosedWithin(100), "the context the other host's client left open is closed",
+          static_cast<unsigned long>(owners_CountContexts()));
+    Check(owners_CountAbandonedClosed() == 1, "one context closed by run-down",
+          static_cast<unsigned long>(owners_CountAbandonedClosed()));
+  } else {
+    DWORD client = RunClient("");
+    Check(client == 0, "the client's checks pass over local RPC and the named pipe", client);
+    Check(ContextsClosedWithin(100), "the context the client left open is closed after it ended",
+          static_cast<unsigned long>(owners_CountContexts()));
+    Check(owners_CountAbandonedClosed() == 1, "one context closed by run-down",
+          static_cast<unsigned long>(owners_CountAbandonedClosed()));
+    client = RunClient(std::string("tcp 127.0.0.1 ") + port);
+    Check(client == 0, "the client's checks pass over TCP", client);
+    Check(ContextsClosedWithin(100),
+          "the context the TCP client left open is closed after its association ended",
+          static_cast<unsigned long>(owners_CountContexts()));
+    Check(owners_CountAbandonedClosed() == 2, "a second context closed by run-down",
+          static_cast<unsigned long>(owners_CountAbandonedClosed()));
+  }
 
   Check(RpcMgmtStopServerListening() == 0, "RpcMgmtStopServerListening");
   Check(RpcMgmtWaitServerListen() == 0, "RpcMgmtWaitServerListen");
@@ -101,9 +141,10 @@ int RunChecks(const char* backend, bool wantTbs) {
 }  // namespace kesttcs
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: %s BACKEND tbs|tddl\n", argv[0]);
+  const bool serve = argc == 4 && std::strcmp(argv[3], "serve") == 0;
+  if (argc != 3 && !serve) {
+    std::fprintf(stderr, "usage: %s BACKEND tbs|tddl [serve]\n", argv[0]);
     return 2;
   }
-  return kesttcs::RunChecks(argv[1], std::strcmp(argv[2], "tbs") == 0);
+  return kesttcs::RunChecks(argv[1], std::strcmp(argv[2], "tbs") == 0, serve);
 }

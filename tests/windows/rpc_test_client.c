@@ -1,16 +1,16 @@
 /*
- * A Windows client of the TCS interface for the server test (rpc_server_test.cc starts it): widl
- * client stubs of kesttcs.idl with the implicit binding handle, over local RPC "KestTCS", where
- * the runtime names the calling process to the service (Wine's does not over a named pipe).
+ * A Windows client of the TCS interface for the server tests: widl client stubs of kesttcs.idl
+ * with the implicit binding handle, over local RPC "KestTCS" (where the runtime names the calling
+ * process to the service) or over ncacn_ip_tcp (where the service knows only the association).
  *
- *   rpc_test_client.exe            opens a context, reads random bytes, reads and extends PCR 15,
- *                                  asks the TCS version from 8 threads 1000 times each on the
- *                                  one binding handle and context, has a second process present
- *                                  its context (refused), reaches the service over
- *                                  "\pipe\KestTCS" too, and exits with the context still open
- *                                  (the service closes it)
- *   rpc_test_client.exe HANDLE     presents HANDLE, a context of another process; exits 0 when the
- *                                  service refuses it as an invalid context
+ *   rpc_test_client.exe [tcp HOST PORT]
+ *        opens a context, reads random bytes, reads and extends PCR 15, asks the TCS version from
+ *        8 threads 1000 times each on the one binding handle and context, has a second process
+ *        present its context (refused), and exits with the context still open (the service
+ *        closes it). Over local RPC it also reaches the service over "\pipe\KestTCS".
+ *   rpc_test_client.exe [tcp HOST PORT] HANDLE
+ *        presents HANDLE, a context of another process; exits 0 when the service refuses it as
+ *        an invalid context
  *
  * Prints one line per check; the exit status is the number of failed checks.
  */
@@ -20,7 +20,7 @@
 
 #include "kesttcs_h.h"
 
-enum { kInvalidContext = 0xE02820C1u, kFail = 0xE0282002u };
+enum { kInvalidContext = 0xE02820C1u };
 enum { kTcsCapVersion = 2, kThreads = 8, kCallsPerThread = 1000 };
 
 static int failures = 0;
@@ -39,12 +39,17 @@ void __RPC_USER MIDL_user_free(void* block) { free(block); }
   RpcExcept(1) { result = RpcExceptionCode(); } \
   RpcEndExcept
 
-/* Points the implicit binding handle at `endpoint` over `protseq`. */
-static int Bind(const char* protseq, const char* endpoint) {
+/* Where the calls go: local RPC "KestTCS" unless the command line names a TCP host and port. */
+static const char* protseq = "ncalrpc";
+static const char* host = NULL;
+static const char* endpoint = "KestTCS";
+
+/* Points the implicit binding handle at `endpoint` on `address` over `protseq`. */
+static int Bind(const char* protseq, const char* address, const char* endpoint) {
   RPC_CSTR binding = NULL;
   if (KestTCS_IfHandle != NULL) RpcBindingFree(&KestTCS_IfHandle);
-  if (RpcStringBindingComposeA(NULL, (RPC_CSTR)protseq, NULL, (RPC_CSTR)endpoint, NULL, &binding) !=
-      RPC_S_OK) {
+  if (RpcStringBindingComposeA(NULL, (RPC_CSTR)protseq, (RPC_CSTR)address, (RPC_CSTR)endpoint, NULL,
+                               &binding) != RPC_S_OK) {
     return 0;
   }
   const RPC_STATUS status = RpcBindingFromStringBindingA(binding, &KestTCS_IfHandle);
@@ -55,14 +60,18 @@ static int Bind(const char* protseq, const char* endpoint) {
 /* Runs this program again with `hContext` and returns its exit status. */
 static DWORD PresentInAnotherProcess(TCS_CONTEXT_HANDLE hContext) {
   char program[MAX_PATH];
-  char command[MAX_PATH + 32];
+  char command[MAX_PATH + 128];
   STARTUPINFOA startup;
   PROCESS_INFORMATION process;
   DWORD status = 1;
   memset(&startup, 0, sizeof startup);
   startup.cb = sizeof startup;
   GetModuleFileNameA(NULL, program, MAX_PATH);
-  snprintf(command, sizeof command, "\"%s\" %u", program, hContext);
+  if (host != NULL) {
+    snprintf(command, sizeof command, "\"%s\" tcp %s %s %u", program, host, endpoint, hContext);
+  } else {
+    snprintf(command, sizeof command, "\"%s\" %u", program, hContext);
+  }
   if (!CreateProcessA(program, command, NULL, NULL, FALSE, 0, NULL, NULL, &startup, &process)) {
     return status;
   }
@@ -142,23 +151,37 @@ static void OwnContext(void) {
   /* The context stays open: the service closes it when this process ends. */
 }
 
-/* The designed endpoint serves the interface: a call comes back with a TCS result, no RPC fault.
- * Where the runtime names no caller over the pipe, the open is refused (TCS_E_FAIL). */
+/* The designed endpoint serves the interface: a context opened over "\\pipe\\KestTCS" works
+ * and closes. */
 static void ReachNamedPipe(void) {
   TSS_RESULT result = 0;
   TCS_CONTEXT_HANDLE hContext = 0;
-  if (!Bind("ncacn_np", "\\pipe\\KestTCS")) {
+  if (!Bind("ncacn_np", NULL, "\\pipe\\KestTCS")) {
     Check(0, "binding to \\pipe\\KestTCS", 0);
     return;
   }
   CALL(Tcsi_OpenContext(&hContext));
-  Check(result == 0 || result == kFail, "Tcsi_OpenContext over \\pipe\\KestTCS answers", result);
-  if (result == 0) CALL(Tcsi_CloseContext(hContext));
+  Check(result == 0, "Tcsi_OpenContext over \\pipe\\KestTCS", result);
+  if (result != 0) return;
+  UINT32 size = 8;
+  BYTE* random = NULL;
+  CALL(Tcsip_GetRandom(hContext, &size, &random));
+  Check(result == 0 && size == 8, "Tcsip_GetRandom(8) over \\pipe\\KestTCS", result);
+  MIDL_user_free(random);
+  CALL(Tcsi_CloseContext(hContext));
+  Check(result == 0, "Tcsi_CloseContext over \\pipe\\KestTCS", result);
 }
 
 int main(int argc, char** argv) {
-  if (!Bind("ncalrpc", "KestTCS")) {
-    printf("FAIL binding to local RPC KestTCS\n");
+  if (argc >= 4 && strcmp(argv[1], "tcp") == 0) {
+    protseq = "ncacn_ip_tcp";
+    host = argv[2];
+    endpoint = argv[3];
+    argc -= 3;
+    argv += 3;
+  }
+  if (!Bind(protseq, host, endpoint)) {
+    printf("FAIL binding to %s %s %s\n", protseq, host != NULL ? host : "", endpoint);
     return 1;
   }
   if (argc == 2) {
@@ -170,6 +193,6 @@ int main(int argc, char** argv) {
     return result == kInvalidContext ? 0 : 1;
   }
   OwnContext();
-  ReachNamedPipe();
+  if (host == NULL) ReachNamedPipe();
   return failures;
 }

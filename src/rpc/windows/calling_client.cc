@@ -9,6 +9,7 @@
 
 #include "base/logging.h"
 #include "base/mutex.h"
+#include "rpc/windows/association_clients.h"
 
 namespace kesttcs {
 namespace {
@@ -81,10 +82,8 @@ bool WatchClient(DWORD pid) {
 std::optional<ContextOwner> CallingClient() {
   unsigned long pid = 0;
   const RPC_STATUS status = I_RpcBindingInqLocalClientPID(I_RpcGetCurrentCallHandle(), &pid);
-  if (status != RPC_S_OK || pid == 0) {
-    TcsTracef("The RPC runtime names no client process (0x%lx); the call is refused.", status);
-    return std::nullopt;
-  }
+  // Where the runtime names no process (a named pipe under Wine, TCP), the association owns.
+  if (status != RPC_S_OK || pid == 0) return CallingAssociation();
   if (!WatchClient(pid)) {
     TcsTrace("A client process cannot be watched; its call is refused.", nullptr);
     return std::nullopt;
@@ -106,6 +105,7 @@ void StopWatchingClients() {
     UnregisterWaitEx(watch.wait, INVALID_HANDLE_VALUE);
     CloseHandle(watch.process);
   }
+  ForgetAssociations();
 }
 
 }  // namespace kesttcs
