@@ -75,7 +75,12 @@ extern "C" {
 #endif
 
 #ifndef KESTTCS_CLIENT_API
+#ifdef _WIN32
+/* The Windows library is static: nothing to export. */
+#define KESTTCS_CLIENT_API
+#else
 #define KESTTCS_CLIENT_API __attribute__((visibility("default")))
+#endif
 #endif
 
 #define KESTTCS_AUTH_E_VERIFY ((TSS_RESULT)0xE0283001)
