@@ -126,6 +126,9 @@ KESTTCS_CLIENT_API void KestAuth_WellKnownSecret(TPM_SECRET* secret);
 KESTTCS_CLIENT_API TSS_RESULT KestAuth_SecretFromPassword(const BYTE* password, UINT32 size,
                                                           TPM_SECRET* secret);
 
+/* SHA-1 of `size` bytes (a PCR's extension digest, a value to sign). */
+KESTTCS_CLIENT_API TSS_RESULT KestAuth_Sha1(const BYTE* data, UINT32 size, TPM_DIGEST* digest);
+
 /* ---- Sessions from values the caller already has (no call to the service) ---- */
 
 /* OIAP: the HMAC key is the entity's usage secret. */
