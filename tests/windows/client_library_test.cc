@@ -62,12 +62,38 @@ void Operations() {
   r = Tcsip_PcrRead(hContext, kDebugPcr, nullptr);
   Check(r == TCS_E_BAD_PARAMETER, "a null output pointer gives TCS_E_BAD_PARAMETER", r);
 
-  // Structures with embedded arrays come with their data; freeing every buffer of the context
-  // frees them too.
+  // Structures with embedded arrays come with their data, freed with the structure's block.
+  BYTE eventData[] = {'w', 'i', 'n', 'e'};
+  TSS_PCR_EVENT event{};
+  event.ulPcrIndex = kDebugPcr;
+  event.eventType = 0x0D;  // an action, whose data is free-form
+  event.ulPcrValueLength = sizeof(digest.digest);
+  event.rgbPcrValue = digest.digest;
+  event.ulEventLength = sizeof(eventData);
+  event.rgbEvent = eventData;
+  UINT32 number = 0;
+  r = Tcsi_LogPcrEvent(hContext, event, &number);
+  Check(r == TSS_SUCCESS, "Tcsi_LogPcrEvent", r);
   UINT32 events = 0;
-  TSS_PCR_EVENT* log = reinterpret_cast<TSS_PCR_EVENT*>(1);
+  TSS_PCR_EVENT* log = reinterpret_cast<TSS_PCR_EVENT*>(1);  // set to null before the call
   r = Tcsi_GetPcrEventLog(hContext, &events, &log);
-  Check(r == TSS_SUCCESS && (events == 0 || log != nullptr), "Tcsi_GetPcrEventLog", r);
+  const TSS_PCR_EVENT* last = r == TSS_SUCCESS && events > 0 ? &log[events - 1] : nullptr;
+  Check(last != nullptr && last->ulPcrIndex == kDebugPcr &&
+            last->ulEventLength == sizeof(eventData) &&
+            std::memcmp(last->rgbEvent, eventData, sizeof(eventData)) == 0 &&
+            last->ulPcrValueLength == sizeof(digest.digest) &&
+            std::memcmp(last->rgbPcrValue, digest.digest, sizeof(digest.digest)) == 0,
+        "Tcsi_GetPcrEventLog gives the logged event with its data", r);
+  Tcs_FreeBuffer(log);
+  TSS_PCR_EVENT* one = nullptr;
+  number = 0;
+  r = Tcsi_GetPcrEvent(hContext, kDebugPcr, &number, &one);
+  Check(r == TSS_SUCCESS && one != nullptr && one->ulEventLength == sizeof(eventData) &&
+            std::memcmp(one->rgbEvent, eventData, sizeof(eventData)) == 0,
+        "Tcsi_GetPcrEvent gives the first event of the PCR", r);
+  size = 8;
+  r = Tcsip_GetRandom(hContext, &size, &random);
+  Check(r == TSS_SUCCESS, "Tcsip_GetRandom before freeing the context's buffers", r);
   r = Tcsi_FreeMemory(hContext, nullptr);
   Check(r == TSS_SUCCESS, "Tcsi_FreeMemory frees every buffer of the context", r);
 
