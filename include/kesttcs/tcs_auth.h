@@ -75,7 +75,12 @@ extern "C" {
 #endif
 
 #ifndef KESTTCS_CLIENT_API
+#ifdef _WIN32
+/* The Windows library is static: nothing to export. */
+#define KESTTCS_CLIENT_API
+#else
 #define KESTTCS_CLIENT_API __attribute__((visibility("default")))
+#endif
 #endif
 
 #define KESTTCS_AUTH_E_VERIFY ((TSS_RESULT)0xE0283001)
@@ -120,6 +125,9 @@ KESTTCS_CLIENT_API void KestAuth_WellKnownSecret(TPM_SECRET* secret);
 /* A secret from a pass phrase: SHA-1 of its bytes. */
 KESTTCS_CLIENT_API TSS_RESULT KestAuth_SecretFromPassword(const BYTE* password, UINT32 size,
                                                           TPM_SECRET* secret);
+
+/* SHA-1 of `size` bytes (a PCR's extension digest, a value to sign). */
+KESTTCS_CLIENT_API TSS_RESULT KestAuth_Sha1(const BYTE* data, UINT32 size, TPM_DIGEST* digest);
 
 /* ---- Sessions from values the caller already has (no call to the service) ---- */
 

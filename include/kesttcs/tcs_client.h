@@ -33,7 +33,14 @@
 extern "C" {
 #endif
 
+#ifndef KESTTCS_CLIENT_API
+#ifdef _WIN32
+/* The Windows library is static: nothing to export. */
+#define KESTTCS_CLIENT_API
+#else
 #define KESTTCS_CLIENT_API __attribute__((visibility("default")))
+#endif
+#endif
 
 /* Results of this library besides the service's own. */
 #define TCS_CLIENT_E_COMM_FAILURE ((TSS_RESULT)0xE0282011)

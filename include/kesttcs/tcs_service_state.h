@@ -17,7 +17,12 @@ extern "C" {
 #endif
 
 #ifndef KESTTCS_CLIENT_API
+#ifdef _WIN32
+/* The Windows library is static: nothing to export. */
+#define KESTTCS_CLIENT_API
+#else
 #define KESTTCS_CLIENT_API __attribute__((visibility("default")))
+#endif
 #endif
 
 /* The service's session table holds at most this many sessions. */

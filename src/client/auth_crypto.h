@@ -1,6 +1,7 @@
-// The hash, HMAC and random-number primitives of the authorisation helper, over OpenSSL's
-// libcrypto. Each takes its message as a list of byte spans, hashed in order as one concatenation,
-// because the TPM's digests are always concatenations of several fields.
+// The hash, HMAC and random-number primitives of the authorisation helper, with a source per
+// platform (libcrypto on Linux, bcrypt on Windows). Each takes its message as a list of byte spans,
+// hashed in order as one concatenation, because the TPM's digests are always concatenations of
+// several fields.
 #pragma once
 
 #include <cstddef>
@@ -16,12 +17,12 @@ inline constexpr std::size_t kDigestSize = 20;
 using Digest = std::span<BYTE, kDigestSize>;
 using Bytes = std::span<const BYTE>;
 
-// SHA-1 of the concatenation of `parts`, written to `out`. False when libcrypto fails (then `out`
-// is unspecified).
+// SHA-1 of the concatenation of `parts`, written to `out`. False when the platform's crypto fails
+// (then `out` is unspecified).
 [[nodiscard]] bool Sha1(std::initializer_list<Bytes> parts, Digest out);
 
-// HMAC-SHA-1 under `key` of the concatenation of `parts`, written to `out`. False when libcrypto
-// fails.
+// HMAC-SHA-1 under `key` of the concatenation of `parts`, written to `out`. False when the
+// platform's crypto fails.
 [[nodiscard]] bool HmacSha1(Bytes key, std::initializer_list<Bytes> parts, Digest out);
 
 // Fills `out` from the system's random source. False when it cannot.
@@ -33,16 +34,6 @@ bool SameBytes(Bytes a, Bytes b);
 
 // Overwrites `bytes` with zeros in a way the compiler keeps (for secrets going out of use).
 void Wipe(std::span<BYTE> bytes);
-
-// Frees a libcrypto object with its own function, for std::unique_ptr:
-// std::unique_ptr<EVP_PKEY, Freer<EVP_PKEY_free>>.
-template <auto kFree>
-struct Freer {
-  template <typename T>
-  void operator()(T* object) const {
-    kFree(object);
-  }
-};
 
 // The bytes of a fixed 20-byte TPM value (nonce, secret, digest).
 template <typename T>

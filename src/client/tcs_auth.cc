@@ -100,6 +100,12 @@ TSS_RESULT KestAuth_SecretFromPassword(const BYTE* password, UINT32 size, TPM_SE
   return Sha1({bytes}, BytesOf(*secret)) ? TSS_SUCCESS : KESTTCS_AUTH_E_CRYPTO;
 }
 
+TSS_RESULT KestAuth_Sha1(const BYTE* data, UINT32 size, TPM_DIGEST* digest) {
+  Bytes bytes;
+  if (digest == nullptr || !ParamBytes(data, size, bytes)) return TCS_E_BAD_PARAMETER;
+  return Sha1({bytes}, BytesOf(*digest)) ? TSS_SUCCESS : KESTTCS_AUTH_E_CRYPTO;
+}
+
 TSS_RESULT KestAuth_BeginOIAP(KESTTCS_AUTH_SESSION* s, TCS_AUTHHANDLE handle,
                               const TPM_NONCE* nonceEven, const TPM_SECRET* usageSecret) {
   if (s == nullptr || nonceEven == nullptr || usageSecret == nullptr) return TCS_E_BAD_PARAMETER;

@@ -1,7 +1,5 @@
 #include "tools/data_commands.h"
 
-#include <openssl/sha.h>
-
 #include <cstdio>
 #include <fstream>
 
@@ -40,9 +38,9 @@ void Put32(Bytes& out, UINT32 v) {
   PutAll(out, b);
 }
 Bytes Sha1(std::span<const BYTE> in) {
-  Bytes out(SHA_DIGEST_LENGTH);
-  SHA1(in.data(), in.size(), out.data());
-  return out;
+  TPM_DIGEST digest{};
+  if (KestAuth_Sha1(in.data(), static_cast<UINT32>(in.size()), &digest) != 0) return {};
+  return Bytes(std::begin(digest.digest), std::end(digest.digest));
 }
 // Copies a buffer the client library handed out, and frees it.
 Bytes Own(BYTE* block, UINT32 size) {

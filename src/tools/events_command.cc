@@ -1,12 +1,11 @@
 #include "tools/events_command.h"
 
-#include <openssl/sha.h>
-
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <memory>
 
+#include <kesttcs/tcs_auth.h>
 #include <kesttcs/tcs_client.h>
 #include <kesttcs/tcs_results.h>
 
@@ -41,7 +40,7 @@ std::optional<TPM_DIGEST> Replay(const std::vector<const TSS_PCR_EVENT*>& events
     BYTE both[2 * kDigestSize];
     std::memcpy(both, value.digest, kDigestSize);
     std::memcpy(both + kDigestSize, e->rgbPcrValue, kDigestSize);
-    ::SHA1(both, sizeof(both), value.digest);
+    if (KestAuth_Sha1(both, sizeof(both), &value) != 0) return std::nullopt;
   }
   return value;
 }
@@ -160,7 +159,10 @@ std::optional<Failure> EventsCommand::List(TcsConnection& tcs, Output& out) cons
 
 std::optional<Failure> EventsCommand::Log(TcsConnection& tcs, Output& out) const {
   TPM_DIGEST digest{};
-  ::SHA1(data_.data(), data_.size(), digest.digest);
+  if (TSS_RESULT r = KestAuth_Sha1(data_.data(), static_cast<UINT32>(data_.size()), &digest);
+      r != 0) {
+    return Failure{"KestAuth_Sha1", r};
+  }
   TPM_DIGEST value{};
   if (TSS_RESULT r = tcs.Extend(*pcr_, digest, &value); r != 0) return Failure{"Tcsip_Extend", r};
   std::vector<BYTE> data = data_;

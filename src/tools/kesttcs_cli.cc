@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include <kesttcs/tcs_capabilities.h>
+#include <kesttcs/tcs_client.h>
 #include <kesttcs/tcs_results.h>
 #include <kesttcs/tcs_service_state.h>
 
@@ -22,6 +23,7 @@
 #include "tools/cli_output.h"
 #include "tools/counter_command.h"
 #include "tools/data_commands.h"
+#include "tools/endpoint_probe.h"
 #include "tools/events_command.h"
 #include "tools/key_create_command.h"
 #include "tools/keys_commands.h"
@@ -65,25 +67,38 @@ std::optional<Failure> TpmVersion(TcsConnection& tcs, std::string* version) {
   return std::nullopt;
 }
 
+// The RPC status of a service that does not offer the service-state interface (the Windows
+// service serves the TCS interface alone).
+constexpr UINT32 kRpcUnknownInterface = 0x000006B5;  // RPC_S_UNKNOWN_IF
+
 // The power state goes first: while the platform sleeps TPM commands wait, so the TPM facts are
-// read only when TPM traffic flows.
+// read only when TPM traffic flows. A service without the service-state interface reports none.
 std::optional<Failure> Status(TcsConnection& tcs, const std::string& endpoint, Output& out) {
   KESTTCS_POWER_STATE power{};
-  if (TSS_RESULT r = KestTcs_GetPowerState(&power); r != 0) {
-    return Failure{"KestTcs_GetPowerState", r,
+  const TSS_RESULT stateResult = KestTcs_GetPowerState(&power);
+  const bool reported = stateResult == 0;
+  if (!reported &&
+      (stateResult != TCS_E_COMM_FAILURE || Tcs_LastRpcStatus() != kRpcUnknownInterface)) {
+    return Failure{"KestTcs_GetPowerState", stateResult,
                    "the service does not report its power state (an older service?)"};
   }
   ordered_json& o = out.object();
   o["endpoint"] = endpoint;
   o["reachable"] = true;
-  o["power_state"] = PowerStateText(power.state);
-  o["tpm_last_restart"] = power.lastTpmRestart;
+  if (reported) {
+    o["power_state"] = PowerStateText(power.state);
+    o["tpm_last_restart"] = power.lastTpmRestart;
+  }
   if (!out.json()) {
     std::printf("KestTCS at %s: reachable\n", endpoint.c_str());
-    std::printf("Power state:   %s\n", PowerStateText(power.state).c_str());
-    std::printf("TPM restarted: %s\n", RestartTimeText(power.lastTpmRestart).c_str());
+    if (reported) {
+      std::printf("Power state:   %s\n", PowerStateText(power.state).c_str());
+      std::printf("TPM restarted: %s\n", RestartTimeText(power.lastTpmRestart).c_str());
+    } else {
+      std::printf("Power state:   not reported by the service\n");
+    }
   }
-  if (power.state != KESTTCS_POWER_RUNNING) return std::nullopt;
+  if (reported && power.state != KESTTCS_POWER_RUNNING) return std::nullopt;
 
   std::string version;
   if (auto f = TpmVersion(tcs, &version)) return f;
@@ -211,7 +226,7 @@ int Main(int argc, char** argv) {
   app.set_help_all_flag("--help-all", "Help for every command");
   std::string endpoint = kDefaultEndpoint;
   bool json = false;
-  app.add_option("--endpoint", endpoint, "The service's Unix socket")->capture_default_str();
+  app.add_option("--endpoint", endpoint, "The service's endpoint")->capture_default_str();
   app.add_flag("--json", json, "One JSON object on stdout");
   app.require_subcommand(1);
   app.fallthrough();

@@ -1,13 +1,6 @@
 #include "tools/key_create_command.h"
 
-#include <fcntl.h>
-#include <ini.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -25,6 +18,8 @@
 #include "tools/cli_format.h"
 #include "tools/key_format.h"
 #include "tools/secret_input.h"
+#include "tools/service_home.h"
+#include "tools/written_file.h"
 
 namespace kesttcs::cli {
 namespace {
@@ -77,62 +72,16 @@ std::vector<BYTE> KeyInfo(const KeyKind& kind, UINT32 bits, bool needsAuth) {
   return b;
 }
 
-// The service's configuration file, as the service finds it.
-std::string ServiceConfigFile() {
-  const char* home = std::getenv("KESTTCS_HOME");
-  return std::string(home != nullptr && *home != '\0' ? home : "/var/lib/kesttcs") + "/tcs_cfg.ini";
-}
-
 // The SRK secret the service is configured with when it is given as 40 hex digits; the
 // well-known secret otherwise (also when the file cannot be read).
 TPM_SECRET ConfiguredSrkSecret() {
-  std::string value;
-  ini_parse(
-      ServiceConfigFile().c_str(),
-      [](void* user, const char* section, const char* name, const char* v) {
-        if (std::strcmp(section, "TPM") == 0 && std::strcmp(name, "srk_secret") == 0) {
-          *static_cast<std::string*>(user) = v;
-        }
-        return 1;
-      },
-      &value);
   TPM_SECRET secret{};
-  if (const std::optional<TPM_DIGEST> hex = ParseDigest(value)) {
+  if (const std::optional<TPM_DIGEST> hex = ParseDigest(ServiceConfigValue("TPM", "srk_secret"))) {
     std::memcpy(secret.authdata, hex->digest, sizeof secret.authdata);
   } else {
     KestAuth_WellKnownSecret(&secret);
   }
   return secret;
-}
-
-// Writes `blob` to `path` through a temporary file beside it: renamed over an existing file with
-// `force`, else linked in place, which fails when the file exists. An error text, or "".
-std::string WriteAtomically(const std::string& path, const std::vector<BYTE>& blob, bool force) {
-  const std::filesystem::path target(path);
-  std::string temp =
-      (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
-  const int fd = mkstemp(temp.data());
-  if (fd < 0) return "cannot write beside " + path + ": " + std::strerror(errno);
-  bool ok = fchmod(fd, 0600) == 0;
-  for (size_t done = 0; ok && done < blob.size();) {
-    const ssize_t n = write(fd, blob.data() + done, blob.size() - done);
-    ok = n > 0 || (n < 0 && errno == EINTR);
-    if (n > 0) done += static_cast<size_t>(n);
-  }
-  ok = ok && fsync(fd) == 0;
-  const int writeErrno = errno;
-  close(fd);
-  if (!ok) {
-    unlink(temp.c_str());
-    return "cannot write " + temp + ": " + std::strerror(writeErrno);
-  }
-  const bool placed =
-      force ? rename(temp.c_str(), path.c_str()) == 0 : link(temp.c_str(), path.c_str()) == 0;
-  const int placeErrno = errno;
-  unlink(temp.c_str());
-  if (placed) return "";
-  if (placeErrno == EEXIST) return path + " exists; use --force to replace it";
-  return "cannot write " + path + ": " + std::strerror(placeErrno);
 }
 
 const char* CreateFailureText(TSS_RESULT r) {

@@ -1,7 +1,6 @@
 #include "tools/keys_commands.h"
 
 #include <cstdio>
-#include <cstdlib>
 
 #include <kesttcs/tcs_results.h>
 #include <kesttcs/tcs_service_state.h>
@@ -11,6 +10,7 @@
 #include "tools/key_cache_format.h"
 #include "tools/key_format.h"
 #include "tools/key_tree.h"
+#include "tools/service_home.h"
 
 namespace kesttcs::cli {
 namespace {
@@ -19,11 +19,7 @@ using nlohmann::ordered_json;
 
 // The service's storage file: below $KESTTCS_HOME as the service finds it, else where the unit
 // puts the home.
-std::string DefaultDataFile() {
-  const char* home = std::getenv("KESTTCS_HOME");
-  const std::string base = home != nullptr && *home != '\0' ? home : "/var/lib/kesttcs";
-  return base + "/data/KestData.dat";
-}
+std::string DefaultDataFile() { return ServiceHome() + "/data/KestData.dat"; }
 
 std::string Hex32(UINT32 value) {
   char text[16];

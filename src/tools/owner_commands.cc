@@ -4,7 +4,6 @@
 #include <map>
 #include <vector>
 
-#include <openssl/evp.h>
 #include <nlohmann/json.hpp>
 
 #include <kesttcs/tcs_auth.h>
@@ -66,10 +65,9 @@ std::optional<Failure> EncryptSecret(const std::vector<BYTE>& pubek, const TPM_S
 }
 
 std::string Sha1Hex(std::span<const BYTE> bytes) {
-  BYTE digest[EVP_MAX_MD_SIZE];
-  unsigned int size = 0;
-  if (EVP_Digest(bytes.data(), bytes.size(), digest, &size, EVP_sha1(), nullptr) != 1) return {};
-  return HexString(std::span<const BYTE>(digest, size));
+  TPM_DIGEST digest{};
+  if (KestAuth_Sha1(bytes.data(), static_cast<UINT32>(bytes.size()), &digest) != 0) return {};
+  return HexString(digest.digest);
 }
 
 // The SRK's public modulus as the report shows it: its size and its SHA-1.

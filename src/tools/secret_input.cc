@@ -1,9 +1,5 @@
 #include "tools/secret_input.h"
 
-#include <fcntl.h>
-#include <termios.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -12,33 +8,14 @@
 
 #include <kesttcs/tcs_auth.h>
 
+#include "tools/typed_line.h"
+
 namespace kesttcs::cli {
 namespace {
 
 void DropLineEnd(std::string& text) {
   if (!text.empty() && text.back() == '\n') text.pop_back();
   if (!text.empty() && text.back() == '\r') text.pop_back();
-}
-
-// One line typed at the controlling terminal with echo off; nothing when there is no terminal.
-std::optional<std::string> TypedLine(const std::string& prompt) {
-  const int tty = open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);
-  if (tty < 0) return std::nullopt;
-  termios saved{};
-  const bool hide = tcgetattr(tty, &saved) == 0;
-  if (hide) {
-    termios quiet = saved;
-    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    tcsetattr(tty, TCSAFLUSH, &quiet);
-  }
-  static_cast<void>(write(tty, prompt.data(), prompt.size()));
-  std::string line;
-  char c = 0;
-  while (read(tty, &c, 1) == 1 && c != '\n') line.push_back(c);
-  if (hide) tcsetattr(tty, TCSAFLUSH, &saved);
-  static_cast<void>(write(tty, "\n", 1));
-  close(tty);
-  return line;
 }
 
 std::optional<TPM_SECRET> FromPhrase(std::string phrase) {

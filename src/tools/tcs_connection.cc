@@ -1,13 +1,7 @@
 // The CLI's context over the client library.
 #include "tools/tcs_connection.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 #include <kesttcs/tcs_auth.h>
 #include <kesttcs/tcs_capabilities.h>
@@ -15,6 +9,7 @@
 #include <kesttcs/tcs_results.h>
 
 #include "tools/cli_format.h"
+#include "tools/endpoint_probe.h"
 
 namespace kesttcs::cli {
 namespace {
@@ -23,25 +18,6 @@ namespace {
 void TakeBuffer(BYTE* buffer, UINT32 size, std::vector<BYTE>* out) {
   if (buffer != nullptr) out->assign(buffer, buffer + size);
   Tcs_FreeBuffer(buffer);
-}
-
-// Why a Unix socket path does not answer, or empty when it accepts a connection.
-std::string SocketProblem(const std::string& endpoint) {
-  std::string path = endpoint;
-  if (path.rfind("unix:", 0) == 0) path = path.substr(5);
-  if (path.rfind("tcp:", 0) == 0) return {};  // left to the library
-  sockaddr_un addr{};
-  if (path.size() >= sizeof(addr.sun_path)) return "socket path too long";
-  addr.sun_family = AF_UNIX;
-  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return std::strerror(errno);
-  std::string problem;
-  if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {
-    problem = std::strerror(errno);
-  }
-  close(fd);
-  return problem;
 }
 
 }  // namespace
@@ -53,7 +29,7 @@ TcsConnection::~TcsConnection() {
 
 std::unique_ptr<TcsConnection> TcsConnection::Open(const std::string& endpoint, std::string* reason,
                                                    TSS_RESULT* result) {
-  if (std::string problem = SocketProblem(endpoint); !problem.empty()) {
+  if (std::string problem = EndpointProblem(endpoint); !problem.empty()) {
     *reason = problem;
     return nullptr;
   }

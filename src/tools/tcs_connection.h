@@ -11,9 +11,6 @@
 
 namespace kesttcs::cli {
 
-// The socket the service listens on when nothing else is said.
-inline constexpr char kDefaultEndpoint[] = "/run/kesttcs/KestTCS";
-
 class TcsConnection {
  public:
   ~TcsConnection();  // closes the context

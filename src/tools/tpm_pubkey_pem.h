@@ -11,7 +11,7 @@
 namespace kesttcs::cli {
 
 // The PEM text of an RSA TPM_PUBKEY (its exponent, or 65537 when it gives none). Nothing when the
-// bytes are no RSA TPM_PUBKEY or OpenSSL cannot build the key.
+// bytes are no RSA TPM_PUBKEY or the platform cannot encode the key.
 std::optional<std::string> PubKeyPem(std::span<const BYTE> tpmPubKey);
 
 }  // namespace kesttcs::cli

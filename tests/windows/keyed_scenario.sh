@@ -12,32 +12,17 @@ home="$2"
 backend="$3"
 shift 3
 source "$(dirname "$0")/debug_service.sh"
-daemon="$linux/src/service/kesttcsd"
-cli="$linux/src/tools/kesttcs-cli"
-if [ ! -x "$daemon" ] || [ ! -x "$cli" ]; then
-  echo "skipped: no Linux build of kesttcsd and kesttcs-cli in $linux"
-  exit 77
-fi
+source "$(dirname "$0")/linux_service.sh"
 rm -rf "$home"
-mkdir -p "$home/linux"
+mkdir -p "$home"
 cp "$@" "$home/"
 
-printf '[TPM]\nbackend=swtpm:tcp:127.0.0.1:%s\n[RPC]\nsocket=%s\n' "$KESTTCS_SWTPM_PORT" \
-  "$home/linux/KestTCS" > "$home/linux/tcs_cfg.ini"
-KESTTCS_HOME="$home/linux" "$daemon" -debug 2> "$home/linux/daemon.err" &
-daemon_pid=$!
-trap 'kill "$daemon_pid" 2>/dev/null || true' EXIT
-for _ in $(seq 300); do
-  [ -S "$home/linux/KestTCS" ] && break
-  sleep 0.1
-done
+linux_service_start "$linux" "$home/linux"
 printf 'a key for the Windows client' > "$home/key.phrase"
-"$cli" --endpoint "$home/linux/KestTCS" provision
-"$cli" --endpoint "$home/linux/KestTCS" key create --parent srk --usage sign --bits 512 \
+"$linux_cli" --endpoint "$linux_endpoint" provision
+"$linux_cli" --endpoint "$linux_endpoint" key create --parent srk --usage sign --bits 512 \
   --auth-secret "$home/key.phrase" --out "$home/key.blob"
-kill -TERM "$daemon_pid"
-wait "$daemon_pid"
-trap - EXIT
+linux_service_stop
 
 printf '[LOG]\nneedLog=1\n[TPM]\nbackend=%s\n' "$backend" > "$home/tcs_cfg.ini"
 debug_service_start "$home"

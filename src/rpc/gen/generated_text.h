@@ -26,6 +26,10 @@ std::string ProxiesSource();
 // tool).
 std::string ServerRoutinesSource();
 
+// src/client/windows/client_routines.c: the Windows client library's operations, one per operation
+// but Tcsi_FreeMemory, each calling widl's client stub (checked in, like the server routines).
+std::string WindowsClientRoutinesSource();
+
 // docs/operations.md: the list of operations, with the state of each (working when it has an
 // internal function).
 std::string OperationsDoc();

@@ -31,6 +31,7 @@ constexpr CheckedIn kCheckedIn[] = {
     {"include/kesttcs/tcs_client.h", "OPERATIONS", gen::ClientSection},
     {"docs/operations.md", "", gen::OperationsDoc},
     {"src/rpc/windows/server_routines.c", "", gen::ServerRoutinesSource},
+    {"src/client/windows/client_routines.c", "", gen::WindowsClientRoutinesSource},
 };
 
 std::optional<std::string> Read(const std::string& path) {

@@ -14,6 +14,7 @@
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 
+#include "client/openssl_freer.h"
 #include "client/rsa_oaep.h"
 #include "client/tpm_pubkey.h"
 #include "hex_bytes.h"

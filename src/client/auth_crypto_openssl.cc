@@ -1,4 +1,5 @@
 #include "client/auth_crypto.h"
+#include "client/openssl_freer.h"
 
 #include <memory>
 
