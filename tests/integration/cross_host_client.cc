@@ -6,9 +6,7 @@
 // (refused), and exits with the context still open, for the server to close when the connection
 // ends. Prints one line per check; the exit status is the number of failed checks.
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -19,12 +17,7 @@
 namespace {
 
 constexpr int kThreads = 8;
-// Calls per thread: 1000, or KESTTCS_TCP_CALLS_PER_THREAD when set (see tests/windows/CMakeLists.txt
-// for why CI asks for fewer).
-int CallsPerThread() {
-  const char* calls = std::getenv("KESTTCS_TCP_CALLS_PER_THREAD");
-  return calls != nullptr && std::atoi(calls) > 0 ? std::atoi(calls) : 1000;
-}
+constexpr int kCallsPerThread = 1000;
 constexpr TPM_PCRINDEX kPcr = 15;
 
 int failures = 0;
@@ -39,8 +32,7 @@ void Check(bool ok, const char* what, TSS_RESULT result) {
 int AskVersionRepeatedly(TCS_CONTEXT_HANDLE hContext) {
   int failed = 0;
   BYTE none = 0;
-  const int calls = CallsPerThread();
-  for (int i = 0; i < calls; ++i) {
+  for (int i = 0; i < kCallsPerThread; ++i) {
     UINT32 size = 0;
     BYTE* answer = nullptr;
     const TSS_RESULT result =
@@ -62,9 +54,7 @@ void CallFromManyThreads(TCS_CONTEXT_HANDLE hContext) {
     threads[t].join();
     total += failed[t];
   }
-  const std::string what =
-      "8 threads, " + std::to_string(CallsPerThread()) + " Tcsi_GetCapability calls each";
-  Check(total == 0, what.c_str(), total);
+  Check(total == 0, "8 threads, 1000 Tcsi_GetCapability calls each", total);
 }
 
 // A connection of another association presents the context: refused as an invalid context.

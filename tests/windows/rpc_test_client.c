@@ -21,11 +21,7 @@
 #include "kesttcs_h.h"
 
 enum { kInvalidContext = 0xE02820C1u };
-enum { kTcsCapVersion = 2, kThreads = 8 };
-
-/* Calls per thread: 1000, or over TCP KESTTCS_TCP_CALLS_PER_THREAD when set (see
- * tests/windows/CMakeLists.txt for why CI asks for fewer there). */
-static int callsPerThread = 1000;
+enum { kTcsCapVersion = 2, kThreads = 8, kCallsPerThread = 1000 };
 
 static int failures = 0;
 
@@ -87,12 +83,12 @@ static DWORD PresentInAnotherProcess(TCS_CONTEXT_HANDLE hContext) {
 }
 
 /* One thread's share of the concurrent calls on the context at `parameter`: the TCS version, asked
- * callsPerThread times. Returns the number of calls that failed. */
+ * kCallsPerThread times. Returns the number of calls that failed. */
 static DWORD WINAPI AskVersionRepeatedly(void* parameter) {
   const TCS_CONTEXT_HANDLE hContext = *(const TCS_CONTEXT_HANDLE*)parameter;
   BYTE none = 0;
   DWORD failed = 0;
-  for (int i = 0; i < callsPerThread; ++i) {
+  for (int i = 0; i < kCallsPerThread; ++i) {
     TSS_RESULT result = 0;
     UINT32 size = 0;
     BYTE* answer = NULL;
@@ -114,14 +110,13 @@ static void CallFromManyThreads(TCS_CONTEXT_HANDLE hContext) {
   }
   WaitForMultipleObjects((DWORD)started, threads, TRUE, INFINITE);
   for (int i = 0; i < started; ++i) {
-    DWORD thread_failed = (DWORD)callsPerThread;
+    DWORD thread_failed = kCallsPerThread;
     GetExitCodeThread(threads[i], &thread_failed);
     failed += thread_failed;
     CloseHandle(threads[i]);
   }
-  char what[64];
-  snprintf(what, sizeof what, "8 threads, %d Tcsi_GetCapability calls each", callsPerThread);
-  Check(started == kThreads && failed == 0, what, failed);
+  Check(started == kThreads && failed == 0, "8 threads, 1000 Tcsi_GetCapability calls each",
+        failed);
 }
 
 static void OwnContext(void) {
@@ -179,8 +174,6 @@ static void ReachNamedPipe(void) {
 
 int main(int argc, char** argv) {
   if (argc >= 4 && strcmp(argv[1], "tcp") == 0) {
-    const char* calls = getenv("KESTTCS_TCP_CALLS_PER_THREAD");
-    if (calls != NULL && atoi(calls) > 0) callsPerThread = atoi(calls);
     protseq = "ncacn_ip_tcp";
     host = argv[2];
     endpoint = argv[3];
