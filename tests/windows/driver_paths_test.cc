@@ -5,9 +5,9 @@
 // and brings it down. Prints one line per check; the exit status is the number of failed checks.
 #include <array>
 #include <cstdio>
-#include <cstring>
 #include <string>
 
+#include "driver_choice.h"
 #include "tpm/driver.h"
 #include "tpm/req_mgr.h"
 #include "tpm/tpm_bytes.h"
@@ -58,10 +58,4 @@ int RunChecks(const char* backend, bool wantTbs) {
 
 }  // namespace kesttcs
 
-int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: %s BACKEND tbs|tddl\n", argv[0]);
-    return 2;
-  }
-  return kesttcs::RunChecks(argv[1], std::strcmp(argv[2], "tbs") == 0);
-}
+int main(int argc, char** argv) { return RunForDriver(argc, argv, kesttcs::RunChecks); }

@@ -15,7 +15,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <mutex>
 #include <string>
@@ -24,6 +23,7 @@
 #include <vector>
 
 #include "base/logging.h"
+#include "driver_choice.h"
 #include "service/service_status.h"
 #include "service/startup.h"
 #include "service/windows/host.h"
@@ -125,9 +125,8 @@ void CheckBusyTpmRefusesSleep() {
 
 }  // namespace
 
-int RunChecks(const char* backend, const char* path) {
-  const bool tbs = std::strcmp(path, "tbs") == 0;
-  const std::string home = HomeFor(path);
+int RunChecks(const char* backend, bool tbs) {
+  const std::string home = HomeFor(tbs ? "tbs" : "tddl");
   std::ofstream(home + "\\tcs_cfg.ini") << "[LOG]\nneedLog=1\n[TPM]\nbackend=" << backend << "\n";
   SetTraceSink([](std::string_view line) { recorder.Trace(line); });
   SetServiceStatusSink([](const ServiceStatusRecord& status) { recorder.Status(status); });
@@ -178,10 +177,4 @@ int RunChecks(const char* backend, const char* path) {
 
 }  // namespace kesttcs
 
-int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: %s BACKEND tbs|tddl\n", argv[0]);
-    return 2;
-  }
-  return kesttcs::RunChecks(argv[1], argv[2]);
-}
+int main(int argc, char** argv) { return RunForDriver(argc, argv, kesttcs::RunChecks); }
