@@ -1,7 +1,7 @@
 /*
- * A Windows client's keyed and authorised commands (keyed_scenario.sh runs it against
- * kesttcsd.exe): widl client stubs of kesttcs.idl with the implicit binding handle, over local RPC
- * "KestTCS".
+ * A Windows client's keyed and authorised commands (keyed_scenario.sh and service_host_test.exe run
+ * it against kesttcsd.exe): widl client stubs of kesttcs.idl with the implicit binding handle, over
+ * the service's named pipe "\pipe\KestTCS".
  *
  *   keyed_client.exe KEY_BLOB PASS_PHRASE_FILE
  *
@@ -174,7 +174,7 @@ int main(int argc, char** argv) {
   phraseSize = ReadFileBytes(argv[2], phrase, sizeof phrase);
   expectedSize = PublicPartOf(blob, blobSize, expected);
   Check(expectedSize != 0 && phraseSize != 0, "key blob and pass phrase read", blobSize);
-  if (!Bind("ncalrpc", "KestTCS") || expectedSize == 0) return failures + 1;
+  if (!Bind("ncacn_np", "\\pipe\\KestTCS") || expectedSize == 0) return failures + 1;
   {
     const BYTE* parts[] = {phrase};
     const ULONG sizes[] = {phraseSize};

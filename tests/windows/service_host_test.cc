@@ -1,6 +1,7 @@
 // kesttcsd.exe as a Windows service under Wine, driven through the service control manager: the
-// console commands with their texts, the service's registration and event source, start, a client
-// served over the service's endpoint, stop with every shut-down step traced, and removal of a
+// console commands with their texts, the service's registration and event source, start, clients
+// served over the service's endpoints (keyed and authorised commands on a key the Linux service
+// made, over "\pipe\KestTCS"), stop with every shut-down step traced, and removal of a
 // running service. The service and its driver library lie beside this program (the home); the
 // trace lines of the service process land in the log file named on the command line (the Wine
 // debug output of the prefix's service manager). Prints one line per check; the exit status is the
@@ -87,6 +88,17 @@ struct ScHandle {
   ScHandle(const ScHandle&) = delete;
   ScHandle& operator=(const ScHandle&) = delete;
 };
+
+// The service just installed. In a fresh Wine prefix the service manager has been seen to answer
+// "no such service" for a moment right after another process created it: a bounded retry.
+SC_HANDLE OpenInstalledService(SC_HANDLE manager) {
+  SC_HANDLE service = nullptr;
+  for (int i = 0; i < 50 && service == nullptr; ++i) {
+    service = OpenServiceA(manager, kServiceName, SERVICE_ALL_ACCESS);
+    if (service == nullptr && GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST) Sleep(100);
+  }
+  return service;
+}
 
 // Waits (bounded) until the service reaches `state`; returns the last status read.
 SERVICE_STATUS WaitForState(SC_HANDLE service, DWORD state) {
@@ -184,7 +196,7 @@ void CheckFailedStart(SC_HANDLE manager, const std::string& log) {
   const Run install = RunBeside("nodriver\\kesttcsd.exe", "-install");
   Check(install.output == std::string(kDisplayName) + " installed.\n",
         "-install of a service that has no TPM driver");
-  const ScHandle service(OpenServiceA(manager, kServiceName, SERVICE_ALL_ACCESS));
+  const ScHandle service(OpenInstalledService(manager));
   const SERVICE_STATUS status = WaitForState(service.handle, SERVICE_STOPPED);
   Check(status.dwCurrentState == SERVICE_STOPPED && status.dwWin32ExitCode == 1066 &&
             (status.dwServiceSpecificExitCode >> 16) == 0xE028,
@@ -232,7 +244,7 @@ int main(int argc, char** argv) {
         "event source KestTCS registered with " + messageFile);
 
   const ScHandle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-  ScHandle service(OpenServiceA(manager.handle, kServiceName, SERVICE_ALL_ACCESS));
+  ScHandle service(OpenInstalledService(manager.handle));
   Check(service.handle != nullptr, "the service manager knows KestTCS", GetLastError());
   if (service.handle == nullptr) return failures;
   CheckRegistration(service.handle);
@@ -244,6 +256,10 @@ int main(int argc, char** argv) {
   const Run client = RunBeside("rpc_test_client.exe", "");
   std::fputs(client.output.c_str(), stdout);
   Check(client.status == 0, "a client is served by the running service", client.status);
+  const std::string keyFiles = "\"" + Home() + "key.blob\" \"" + Home() + "key.phrase\"";
+  const Run keyed = RunBeside("keyed_client.exe", keyFiles.c_str());
+  std::fputs(keyed.output.c_str(), stdout);
+  Check(keyed.status == 0, "keyed and authorised commands over \\pipe\\KestTCS", keyed.status);
 
   Check(ControlService(service.handle, SERVICE_CONTROL_STOP, &status) != 0, "stop control sent",
         GetLastError());
