@@ -311,15 +311,30 @@ std::optional<Failure> DataCommands::Unseal(TcsConnection& tcs, Output& out) con
   return std::nullopt;
 }
 
+// A key with a usage secret shows its public part only to a command authorised with that secret.
+std::optional<Failure> DataCommands::ReadPubKey(TcsConnection& tcs, const Key& key,
+                                                Bytes* pubKey) const {
+  OneCommandSession session(tcs.context());
+  if (key.needsAuth) {
+    if (auto f = session.OpenOiap(keySecret_)) return f;
+    if (auto f = session.Authorize(TPM_ORD_GetPubKey, {})) return f;
+  }
+  UINT32 size = 0;
+  BYTE* pub = nullptr;
+  if (TSS_RESULT r = Tcsip_GetPubKey(tcs.context(), key.handle,
+                                     key.needsAuth ? session.auth() : nullptr, &size, &pub)) {
+    return Refused("Tcsip_GetPubKey", r);
+  }
+  *pubKey = Own(pub, size);
+  if (key.needsAuth) return session.Verify(TPM_ORD_GetPubKey, *pubKey);
+  return std::nullopt;
+}
+
 std::optional<Failure> DataCommands::Sign(TcsConnection& tcs, Output& out) const {
   Key key;
   if (auto f = LoadKey(tcs, &key)) return f;
-  UINT32 pubSize = 0;
-  BYTE* pub = nullptr;
-  if (TSS_RESULT r = Tcsip_GetPubKey(tcs.context(), key.handle, nullptr, &pubSize, &pub)) {
-    return Refused("Tcsip_GetPubKey", r);
-  }
-  const Bytes pubKey = Own(pub, pubSize);
+  Bytes pubKey;
+  if (auto f = ReadPubKey(tcs, key, &pubKey)) return f;
   if (pubKey.size() < kSigSchemeOffset + 2 ||
       (UINT32(pubKey[kSigSchemeOffset]) << 8 | pubKey[kSigSchemeOffset + 1]) !=
           kSchemeRsaPkcs1Sha1) {
@@ -386,12 +401,9 @@ std::optional<Failure> DataCommands::Quote(TcsConnection& tcs, Output& out) cons
     PutAll(outParams, signature);
     if (auto f = session.Verify(TPM_ORD_Quote, outParams)) return f;
   }
-  UINT32 pubSize = 0;
-  BYTE* pub = nullptr;
-  if (TSS_RESULT r = Tcsip_GetPubKey(tcs.context(), key.handle, nullptr, &pubSize, &pub)) {
-    return Refused("Tcsip_GetPubKey", r);
-  }
-  const std::optional<std::string> pem = PubKeyPem(Own(pub, pubSize));
+  Bytes pubKey;
+  if (auto f = ReadPubKey(tcs, key, &pubKey)) return f;
+  const std::optional<std::string> pem = PubKeyPem(pubKey);
   if (!pem) {
     return Failure{"Tcsip_GetPubKey", TCS_E_BAD_PARAMETER, "the key is no RSA key"};
   }

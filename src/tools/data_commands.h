@@ -49,6 +49,8 @@ class DataCommands {
   std::optional<Failure> LoadKey(TcsConnection& tcs, Key* key) const;
   std::optional<Failure> Seal(TcsConnection& tcs, Output& out) const;
   std::optional<Failure> Unseal(TcsConnection& tcs, Output& out) const;
+  std::optional<Failure> ReadPubKey(TcsConnection& tcs, const Key& key,
+                                    std::vector<BYTE>* pubKey) const;
   std::optional<Failure> Sign(TcsConnection& tcs, Output& out) const;
   std::optional<Failure> Quote(TcsConnection& tcs, Output& out) const;
   std::optional<Failure> WriteOutput(const std::string& path, const std::vector<BYTE>& bytes) const;

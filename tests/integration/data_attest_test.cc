@@ -527,6 +527,29 @@ TEST_F(DataAttestTest, TheCliSealsUnsealsSignsAndQuotesForOpenssl) {
   ASSERT_EQ(info.size(), 48u);
   EXPECT_EQ(BYTE(info[28]), 0x00);
   EXPECT_EQ(BYTE(info[29]), 0x11);
+
+  // A key with a usage secret: its public part, which sign and quote read, needs the secret too.
+  const std::string phrase = (dir / "usage.txt").string();
+  std::ofstream(phrase) << "a signing key's secret";
+  const std::string keyBlob = (dir / "secret-signer.blob").string();
+  const std::string secretUuid = "5a5a0002-0001-0002-0304-05060708090a";
+  std::tie(status, text) = cli({"key", "create", "--parent", "srk", "--usage", "sign", "--bits",
+                                "512", "--auth-secret", phrase, "--out", keyBlob});
+  ASSERT_EQ(status, 0) << text;
+  std::tie(status, text) =
+      cli({"keys", "register", "--uuid", secretUuid, "--parent", "srk", "--blob", keyBlob});
+  ASSERT_EQ(status, 0) << text;
+  std::tie(status, text) = cli({"sign", "--key", secretUuid, "--key-secret", phrase, in, sig});
+  EXPECT_EQ(status, 0) << text;
+  std::tie(status, text) =
+      cli({"quote", "--key", secretUuid, "--key-secret", phrase, "--pcr", "0", "--nonce",
+           "00112233445566778899aabbccddeeff00112233", "--out", prefix});
+  ASSERT_EQ(status, 0) << text;
+  EXPECT_EQ(WaitForExit(Spawn({"/usr/bin/openssl", "dgst", "-sha1", "-verify", prefix + ".pem",
+                               "-signature", prefix + ".sig", prefix + ".quoteinfo"},
+                              {}, opensslLog)),
+            0)
+      << daemon_process::ReadFile(opensslLog);
 }
 
 }  // namespace
