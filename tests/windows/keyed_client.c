@@ -174,7 +174,7 @@ int main(int argc, char** argv) {
   phraseSize = ReadFileBytes(argv[2], phrase, sizeof phrase);
   expectedSize = PublicPartOf(blob, blobSize, expected);
   Check(expectedSize != 0 && phraseSize != 0, "key blob and pass phrase read", blobSize);
-  if (!Bind("ncacn_np", "\\pipe\\KestTCS") || expectedSize == 0) return failures + 1;
+  if (!Bind("ncacn_np", NULL, "\\pipe\\KestTCS") || expectedSize == 0) return failures + 1;
   {
     const BYTE* parts[] = {phrase};
     const ULONG sizes[] = {phraseSize};

@@ -19,43 +19,15 @@
 #include <string.h>
 
 #include "kesttcs_h.h"
+#include "widl_client.h"
 
 enum { kInvalidContext = 0xE02820C1u };
 enum { kTcsCapVersion = 2, kThreads = 8, kCallsPerThread = 1000 };
-
-static int failures = 0;
-
-static void Check(int ok, const char* what, TSS_RESULT result) {
-  printf("%s %s (0x%08x)\n", ok ? "ok  " : "FAIL", what, result);
-  if (!ok) ++failures;
-}
-
-void* __RPC_USER MIDL_user_allocate(SIZE_T size) { return malloc(size); }
-void __RPC_USER MIDL_user_free(void* block) { free(block); }
-
-/* Each call inside the runtime's exception frame: a failed call counts as a fault, not a crash. */
-#define CALL(expr)                              \
-  RpcTryExcept { result = (expr); }             \
-  RpcExcept(1) { result = RpcExceptionCode(); } \
-  RpcEndExcept
 
 /* Where the calls go: local RPC "KestTCS" unless the command line names a TCP host and port. */
 static const char* protseq = "ncalrpc";
 static const char* host = NULL;
 static const char* endpoint = "KestTCS";
-
-/* Points the implicit binding handle at `endpoint` on `address` over `protseq`. */
-static int Bind(const char* protseq, const char* address, const char* endpoint) {
-  RPC_CSTR binding = NULL;
-  if (KestTCS_IfHandle != NULL) RpcBindingFree(&KestTCS_IfHandle);
-  if (RpcStringBindingComposeA(NULL, (RPC_CSTR)protseq, (RPC_CSTR)address, (RPC_CSTR)endpoint, NULL,
-                               &binding) != RPC_S_OK) {
-    return 0;
-  }
-  const RPC_STATUS status = RpcBindingFromStringBindingA(binding, &KestTCS_IfHandle);
-  RpcStringFreeA(&binding);
-  return status == RPC_S_OK;
-}
 
 /* Runs this program again with `hContext` and returns its exit status. */
 static DWORD PresentInAnotherProcess(TCS_CONTEXT_HANDLE hContext) {

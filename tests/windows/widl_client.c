@@ -15,11 +15,11 @@ void Check(int ok, const char* what, TSS_RESULT result) {
 void* __RPC_USER MIDL_user_allocate(SIZE_T size) { return malloc(size); }
 void __RPC_USER MIDL_user_free(void* block) { free(block); }
 
-int Bind(const char* protseq, const char* endpoint) {
+int Bind(const char* protseq, const char* address, const char* endpoint) {
   RPC_CSTR binding = NULL;
   if (KestTCS_IfHandle != NULL) RpcBindingFree(&KestTCS_IfHandle);
-  if (RpcStringBindingComposeA(NULL, (RPC_CSTR)protseq, NULL, (RPC_CSTR)endpoint, NULL, &binding) !=
-      RPC_S_OK) {
+  if (RpcStringBindingComposeA(NULL, (RPC_CSTR)protseq, (RPC_CSTR)address, (RPC_CSTR)endpoint, NULL,
+                               &binding) != RPC_S_OK) {
     return 0;
   }
   const RPC_STATUS status = RpcBindingFromStringBindingA(binding, &KestTCS_IfHandle);

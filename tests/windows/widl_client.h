@@ -14,5 +14,6 @@ void Check(int ok, const char* what, TSS_RESULT result);
   RpcExcept(1) { result = RpcExceptionCode(); } \
   RpcEndExcept
 
-/* Points the implicit binding handle at `endpoint` over `protseq`; nonzero on success. */
-int Bind(const char* protseq, const char* endpoint);
+/* Points the implicit binding handle at `endpoint` on `address` (NULL: this machine) over
+ * `protseq`; nonzero on success. */
+int Bind(const char* protseq, const char* address, const char* endpoint);
