@@ -18,7 +18,7 @@ for i in $(seq "$runs"); do
       *" Passed "*) passed=$((passed + 1)); echo "run $i: $line" ;;
       *"***"*) failed=$((failed + 1)); echo "run $i: $line" ;;
     esac
-  done < <(ctest --preset windows -L wine-tcp --timeout 120 2>&1 | grep -E "Test +#")
+  done < <(ctest --preset windows -L wine-tcp 2>&1 | grep -E "Test +#")
 done
 echo "windows-tcp-soak: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]
