@@ -31,7 +31,17 @@ rm -rf "$home"
 mkdir -p "$home"
 cp "$@" "$home/"
 printf '[LOG]\nneedLog=1\n' > "$home/tcs_cfg.ini"
-WINEPREFIX="$prefix" "$(command -v wineserver || echo /usr/lib/wine/wineserver)" -k 2>/dev/null || true
+wine=$(command -v wine64 || echo /usr/lib/wine/wine64)
+wineserver=$(command -v wineserver || echo /usr/lib/wine/wineserver)
+if [ ! -f "$prefix/system.reg" ]; then
+  # A fresh prefix is made first and its server left to end, which saves it: its service manager
+  # has been seen to start nothing while the prefix was still being set up.
+  mkdir -p "$prefix"
+  WINEPREFIX="$prefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" "$wine" wineboot -i \
+    </dev/null >/dev/null 2>&1
+  WINEPREFIX="$prefix" "$wineserver" -w
+fi
+WINEPREFIX="$prefix" "$wineserver" -k 2>/dev/null || true
 export KESTTCS_WINE_HELPER_LOG="$home/service.log" WINEDEBUG=-all,+debugstr,+eventlog,fixme+advapi
 export KESTTCS_SWTPM_EK=1
 exec "$here/run_under_wine.sh" "$prefix" --script "$here/service_scenario.sh" --provisioned \
