@@ -39,17 +39,9 @@ class ScHandle {
   SC_HANDLE handle_;
 };
 
-// Prints `format` with the last error's text and traces `trace`.
-void Fail(const char* key, const char* format, const char* trace) {
-  // Read before anything else can change the last error.
-  const std::string error = GetLastErrorText();
-  std::printf(MessageText(key, format).c_str(), error.c_str());
-  TcsTrace(trace, nullptr);
-}
-
-}  // namespace
-
-std::string GetLastErrorText(size_t size) {
+// The system's text for GetLastError() and its code, "text (0x5)", when it fits `size` bytes with
+// room to spare (callers pass 256); otherwise an empty string.
+std::string GetLastErrorText(size_t size = 256) {
   char* text = nullptr;
   const DWORD length = FormatMessageA(
       FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_ARGUMENT_ARRAY,
@@ -66,6 +58,8 @@ std::string GetLastErrorText(size_t size) {
   return result;
 }
 
+// The event source "KestTCS" of the Application log, with `messageFile` as its event and category
+// message file; false at the first value it cannot write.
 bool AddEventSource(const std::string& messageFile, DWORD categoryCount) {
   HKEY key = nullptr;
   if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, EventSourceKey().c_str(), 0, nullptr,
@@ -89,9 +83,20 @@ bool AddEventSource(const std::string& messageFile, DWORD categoryCount) {
   return ok;
 }
 
+// True when the event source's key was deleted.
 bool RemoveEventSource() {
   return RegDeleteKeyA(HKEY_LOCAL_MACHINE, EventSourceKey().c_str()) == ERROR_SUCCESS;
 }
+
+// Prints `format` with the last error's text and traces `trace`.
+void Fail(const char* key, const char* format, const char* trace) {
+  // Read before anything else can change the last error.
+  const std::string error = GetLastErrorText();
+  std::printf(MessageText(key, format).c_str(), error.c_str());
+  TcsTrace(trace, nullptr);
+}
+
+}  // namespace
 
 void CmdInstallService() {
   const std::string path = ExecutablePath();
