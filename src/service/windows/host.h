@@ -10,7 +10,6 @@
 
 #include <windows.h>
 
-
 #include "base/logging.h"
 #include "service/host.h"
 
