@@ -41,8 +41,11 @@ class LogindBus {
     ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + socket).c_str(), 1);
     mock_pid_ = Spawn({kPython, "-m", "dbusmock", "--system", "--template", "logind"}, {},
                       dir_.path() + "/logind.log");
-    if (sd_bus_open_system(&bus_) < 0) return;
-    for (int i = 0; i < 1000 && Inhibitors() < 0; ++i) {
+    // The bus daemon makes its socket a moment before it listens on it, and a connection it
+    // refused stays dead: connect again until the mock answers.
+    for (int i = 0; i < 1000 && !ready(); ++i) {
+      if (bus_ != nullptr && sd_bus_is_open(bus_) <= 0) bus_ = sd_bus_flush_close_unref(bus_);
+      if (bus_ == nullptr && sd_bus_open_system(&bus_) < 0) bus_ = nullptr;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   }
