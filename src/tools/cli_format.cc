@@ -9,6 +9,8 @@
 #include <iterator>
 #include <string_view>
 
+#include <kesttcs/tcs_auth.h>
+#include <kesttcs/tcs_results.h>
 #include <kesttcs/tpm_ordinal_list.h>
 
 #include <kesttcs/tcs_service_state.h>
@@ -98,6 +100,21 @@ std::string OrdinalName(UINT32 ordinal) {
   char text[11];
   std::snprintf(text, sizeof text, "0x%08X", ordinal);
   return text;
+}
+
+const char* ResultCodeName(TSS_RESULT code) {
+  switch (code) {
+    case KESTTCS_AUTH_E_VERIFY:
+      return "KESTTCS_AUTH_E_VERIFY";
+    case KESTTCS_AUTH_E_CLOSED:
+      return "KESTTCS_AUTH_E_CLOSED";
+    case KESTTCS_AUTH_E_CRYPTO:
+      return "KESTTCS_AUTH_E_CRYPTO";
+    case KESTTCS_AUTH_E_SMALL_BUFFER:
+      return "KESTTCS_AUTH_E_SMALL_BUFFER";
+    default:
+      return ResultName(code);
+  }
 }
 
 std::optional<UINT32> BigEndianNumber(std::span<const BYTE> answer) {

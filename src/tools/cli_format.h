@@ -31,6 +31,10 @@ std::optional<UINT32> ParseOrdinal(const std::string& text);
 // The TPM name of `ordinal`, or "0x%08X" for an ordinal without one.
 std::string OrdinalName(UINT32 ordinal);
 
+// The name of a result: the service's results, TPM codes passed through, and the client
+// authorisation helper's own codes (KESTTCS_AUTH_E_*); "UNKNOWN" for anything else.
+const char* ResultCodeName(TSS_RESULT code);
+
 // The whole content of the file at `path`; nothing when it cannot be read.
 std::optional<std::vector<BYTE>> ReadWholeFile(const std::string& path);
 

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include <kesttcs/tcs_results.h>
+#include "tools/cli_format.h"
 
 namespace kesttcs::cli {
 
@@ -38,11 +38,11 @@ int Output::TcsError(const Failure& failure) {
     std::fprintf(stderr, "kesttcs-cli: %s\n", failure.explanation.c_str());
   }
   std::fprintf(stderr, "kesttcs-cli: %s failed: %s (%s)\n", failure.operation.c_str(),
-               CodeText(failure.code).c_str(), ResultName(failure.code));
+               CodeText(failure.code).c_str(), ResultCodeName(failure.code));
   if (json_) {
     ordered_json error = {{"error", failure.operation + " failed"},
                           {"code", CodeText(failure.code)},
-                          {"name", ResultName(failure.code)}};
+                          {"name", ResultCodeName(failure.code)}};
     if (!failure.explanation.empty()) error["message"] = failure.explanation;
     std::printf("%s\n", error.dump(2).c_str());
   }

@@ -170,12 +170,12 @@ std::optional<Failure> Caps(TcsConnection& tcs, Output& out) {
     const TSS_RESULT r = tcs.TcsCapability(q.area, SubCap(q.subCap), &answer);
     // A lost connection is a failure of the command, not an unanswered area.
     if (r != 0 && !IsTcsFamily(r)) return Failure{"Tcsi_GetCapability", r};
-    o[q.name] =
-        r == 0 ? q.decode(answer) : ordered_json{{"error", CodeText(r)}, {"name", ResultName(r)}};
+    o[q.name] = r == 0 ? q.decode(answer)
+                       : ordered_json{{"error", CodeText(r)}, {"name", ResultCodeName(r)}};
     if (!out.json()) {
       const std::string value =
           r == 0 ? (o[q.name].is_string() ? o[q.name].get<std::string>() : o[q.name].dump())
-                 : "not answered: " + CodeText(r) + " (" + ResultName(r) + ")";
+                 : "not answered: " + CodeText(r) + " (" + ResultCodeName(r) + ")";
       std::printf("%-20s %s\n", q.name, value.c_str());
     }
   }

@@ -61,6 +61,14 @@ TEST(CliFormatTest, OrdinalsGoByTpmNameOrNumber) {
   EXPECT_EQ(OrdinalName(0x20008000), "0x20008000");
 }
 
+// The client helper's own failures are named too, not only the service's and the TPM's.
+TEST(CliFormatTest, ResultsOfTheServiceTheTpmAndTheClientHelperHaveNames) {
+  EXPECT_STREQ(ResultCodeName(0xE0283003), "KESTTCS_AUTH_E_CRYPTO");
+  EXPECT_STREQ(ResultCodeName(0xE0283001), "KESTTCS_AUTH_E_VERIFY");
+  EXPECT_STREQ(ResultCodeName(0xE0280001), "TPM_E_AUTHFAIL");
+  EXPECT_STREQ(ResultCodeName(0xE0283005), "UNKNOWN");
+}
+
 TEST(CliFormatTest, AnswersDecodeOrAreRefused) {
   const std::array<BYTE, 4> one = {0, 0, 0, 24};
   EXPECT_EQ(BigEndianNumber(one), 24u);
