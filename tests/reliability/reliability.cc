@@ -19,18 +19,26 @@ Daemon::Daemon(const DaemonOptions& options) {
                                        "\ntcp_port=" + std::to_string(tcp_port_) + "\n" +
                                        options.rpc_keys);
   notify_ = std::make_unique<NotifySocket>(dir_.path() / "notify");
+  arguments_ = options.arguments;
+  open_files_ = options.open_files;
+  Start();
+}
+
+std::chrono::steady_clock::duration Daemon::Start() {
   std::vector<std::string> argv = {kDaemon};
-  argv.insert(argv.end(), options.arguments.begin(), options.arguments.end());
+  argv.insert(argv.end(), arguments_.begin(), arguments_.end());
   std::vector<std::string> env = Environment(home_);
   env.push_back("NOTIFY_SOCKET=" + notify_->path().string());
-  process_ = std::make_unique<Process>(argv, env, dir_.path(), std::nullopt, options.open_files);
-  if (options.arguments.empty()) {
+  const auto start = std::chrono::steady_clock::now();
+  process_ = std::make_unique<Process>(argv, env, dir_.path(), std::nullopt, open_files_);
+  if (arguments_.empty()) {
     const std::vector<std::string> startup = notify_->Until("READY=1");
     EXPECT_TRUE(!startup.empty() && startup.back() == "READY=1\nSTATUS=Running")
         << ReadFile(dir_.path() / "stderr.txt");
   } else {
     WaitFor([this] { return fs::exists(socket_); }, kPatience);
   }
+  return std::chrono::steady_clock::now() - start;
 }
 
 Daemon::~Daemon() { Stop(); }

@@ -47,6 +47,9 @@ class Daemon {
 
   // Stops the daemon (SIGTERM) and returns how it ended.
   RunResult Stop();
+  // Starts it again on the same home after a Stop; the time until it was ready (READY=1 in
+  // service mode, the socket there with arguments).
+  std::chrono::steady_clock::duration Start();
 
   pid_t pid() const { return process_ ? process_->pid() : -1; }
   const fs::path& home() const { return home_; }
@@ -68,6 +71,8 @@ class Daemon {
   fs::path socket_;
   uint16_t tcp_port_ = 0;
   std::unique_ptr<NotifySocket> notify_;
+  std::vector<std::string> arguments_;
+  std::optional<rlim_t> open_files_;
   std::unique_ptr<Process> process_;
 };
 
