@@ -14,6 +14,7 @@
 #include "reliability.h"
 #include "rpc/dcerpc/client.h"
 #include "rpc/dcerpc/server.h"
+#include "rpc/operations.h"
 #include "rpc/stubs.h"
 
 namespace kesttcs {
@@ -21,8 +22,6 @@ namespace {
 
 using reliability::Daemon;
 using Clock = std::chrono::steady_clock;
-
-constexpr uint16_t kOpenContext = 3;
 
 // Each client is a connection of this process; the soft limit of 1024 would stop short of 1000
 // clients plus the daemon's own descriptors.
@@ -40,7 +39,7 @@ std::unique_ptr<dcerpc::Client> IdleClient(const Daemon& daemon) {
   std::vector<uint8_t> out;
   if (client->ConnectUnix(daemon.socket().string()) != dcerpc::kRpcOk ||
       client->Bind(rpc::TcsInterfaceSyntax()) != dcerpc::kRpcOk ||
-      client->Call(kOpenContext, {}, out) != dcerpc::kRpcOk) {
+      client->Call(rpc::OpnumOf("Tcsi_OpenContext"), {}, out) != dcerpc::kRpcOk) {
     return nullptr;
   }
   return client;
