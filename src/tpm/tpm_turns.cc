@@ -1,5 +1,6 @@
 #include "tpm/tpm_turns.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -11,12 +12,23 @@
 namespace kesttcs {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
+// How long a waiting thread lets newly arriving commands go first. Handing the turn to a thread
+// that is asleep leaves the TPM idle until that thread runs, which for commands of a few
+// microseconds costs more than the commands themselves; so while every waiter is younger than this,
+// a turn given back is free for whichever thread asks first, and the next waiter is only woken to
+// ask. Once a waiter is older, the turn is handed round the waiters strictly, so clients behind
+// long commands are never passed over.
+constexpr std::chrono::milliseconds kPatience{1};
+
 thread_local uint64_t t_client = 0;
 
-// A thread waiting for its turn; lives on that thread's stack until it has been granted the turn.
+// A thread waiting for its turn; lives on that thread's stack until it has taken the turn.
 struct Waiter {
   std::condition_variable wake;
-  bool granted = false;
+  const Clock::time_point since = Clock::now();
+  bool granted = false;  // the turn was handed to this thread
 };
 
 struct Turns {
@@ -35,6 +47,33 @@ Turns& T() {
   return *turns;
 }
 
+// The waiter whose turn is next: the first waiting thread of the next client. Needs a waiter.
+Waiter* Next(Turns& t) REQUIRES(t.mu) { return t.waiting.at(t.rotation.front()).front(); }
+
+// Takes the next waiter out of the queues; a client with more waiters goes round again.
+void PopNext(Turns& t) REQUIRES(t.mu) {
+  const uint64_t client = t.rotation.front();
+  t.rotation.pop_front();
+  const auto queue = t.waiting.find(client);
+  queue->second.pop_front();
+  if (queue->second.empty()) {
+    t.waiting.erase(queue);
+  } else {
+    t.rotation.push_back(client);
+  }
+  --t.waiters;
+}
+
+// Whether some waiter has waited longer than the patience; each client's first waiter is its
+// oldest.
+bool SomeoneOutOfPatience(Turns& t) REQUIRES(t.mu) {
+  const Clock::time_point limit = Clock::now() - kPatience;
+  for (const auto& [client, queue] : t.waiting) {
+    if (queue.front()->since < limit) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 TpmClientScope::TpmClientScope(uint64_t client) : previous_(t_client) { t_client = client; }
@@ -48,15 +87,17 @@ void tpm_turn_Take() {
     ++t.depth;
     return;
   }
-  if (t.taken) {
+  if (t.taken || SomeoneOutOfPatience(t)) {
     Waiter waiter;
     std::deque<Waiter*>& queue = t.waiting[t_client];
     if (queue.empty()) t.rotation.push_back(t_client);
     queue.push_back(&waiter);
     ++t.waiters;
     std::unique_lock<std::mutex> wait(t.mu.native(), std::adopt_lock);
-    waiter.wake.wait(wait, [&waiter] { return waiter.granted; });
+    // Handed the turn, or woken as the next waiter to find it free.
+    while (!waiter.granted && (t.taken || Next(t) != &waiter)) waiter.wake.wait(wait);
     wait.release();
+    if (!waiter.granted) PopNext(t);
   }
   t.taken = true;
   t.holder = self;
@@ -72,19 +113,13 @@ void tpm_turn_Give() {
     t.taken = false;
     return;
   }
-  // The turn goes to the next client's first waiter; a client with more waiters goes round again.
-  const uint64_t client = t.rotation.front();
-  t.rotation.pop_front();
-  const auto queue = t.waiting.find(client);
-  Waiter* next = queue->second.front();
-  queue->second.pop_front();
-  if (queue->second.empty()) {
-    t.waiting.erase(queue);
+  Waiter* next = Next(t);
+  if (SomeoneOutOfPatience(t)) {
+    PopNext(t);
+    next->granted = true;
   } else {
-    t.rotation.push_back(client);
+    t.taken = false;
   }
-  --t.waiters;
-  next->granted = true;
   next->wake.notify_one();
 }
 

@@ -2,8 +2,14 @@
 // waiter happens to wake first goes next, so a few clients sending long commands back to back can
 // keep another client waiting for many of their commands. The turn instead goes round the clients
 // that wait, one command each: each client has a queue of its waiting threads, and the clients
-// take turns in the order in which they began to wait. A client with one command waits for at most
-// one command of each other client.
+// take turns in the order in which they began to wait.
+//
+// Waking the next waiter takes longer than a short command, so the turn is not handed to a
+// sleeping thread while every waiter has waited less than a millisecond: given back, it is free for
+// the first thread that asks, a command arriving at that moment may go first, and the next waiter
+// is woken to ask in its turn. Once a waiter has waited longer, the turn is handed round the
+// waiters strictly and newcomers queue behind them: a client with one command then waits for at
+// most one command of each other client.
 //
 // A client is whatever the calling thread acts for (TpmClientScope); a thread that says nothing
 // acts for the service itself, a client like any other. The thread holding the turn may take it

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -43,6 +44,33 @@ TEST(TpmTurnsTest, WaitingClientsTakeTurns) {
   tpm_turn_Give();
   tpm_turn_Take();
   tpm_turn_Give();
+}
+
+// Once a waiter has waited past the patience, a turn given back is handed to it rather than left
+// free: a command that arrives at that moment queues behind it.
+TEST(TpmTurnsTest, AWaiterPastThePatienceIsHandedTheTurn) {
+  std::mutex log_mu;
+  std::vector<std::string> log;
+  const auto note = [&log_mu, &log](const char* name) {
+    std::lock_guard lock(log_mu);
+    log.push_back(name);
+  };
+  tpm_turn_Take();
+  std::thread waiter([&note] {
+    TpmClientScope scope(2);
+    tpm_turn_Take();
+    note("waiter");
+    tpm_turn_Give();
+  });
+  while (tpm_turn_Waiting() == 0) std::this_thread::yield();
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  tpm_turn_Give();
+  EXPECT_EQ(tpm_turn_Waiting(), 0u);  // the waiter holds the turn before it has even woken
+  tpm_turn_Take();
+  note("newcomer");
+  tpm_turn_Give();
+  waiter.join();
+  EXPECT_EQ(log, (std::vector<std::string>{"waiter", "newcomer"}));
 }
 
 }  // namespace
