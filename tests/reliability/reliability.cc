@@ -15,9 +15,9 @@ Daemon::Daemon(const DaemonOptions& options) {
   fs::create_directory(home_);
   socket_ = dir_.path() / "KestTCS";
   if (options.tcp) tcp_port_ = FreeTcpPort();
-  WriteFile(home_ / "tcs_cfg.ini", "[TPM]\nbackend=libtpms\n[RPC]\nsocket=" + socket_.string() +
-                                       "\ntcp_port=" + std::to_string(tcp_port_) + "\n" +
-                                       options.rpc_keys);
+  WriteFile(home_ / "tcs_cfg.ini",
+            "[TPM]\nbackend=" + options.tpm + "\n[RPC]\nsocket=" + socket_.string() +
+                "\ntcp_port=" + std::to_string(tcp_port_) + "\n" + options.rpc_keys);
   notify_ = std::make_unique<NotifySocket>(dir_.path() / "notify");
   arguments_ = options.arguments;
   open_files_ = options.open_files;

@@ -1,6 +1,6 @@
 // The reliability suite's harness: the real kesttcsd started as systemd would (its own home,
-// configuration and notify socket, the embedded TPM), what the kernel says about the process
-// (CPU time, threads, resident memory), and raw connections to its endpoints.
+// configuration and notify socket, the embedded TPM unless told otherwise), what the kernel says
+// about the process (CPU time, threads, resident memory), and raw connections to its endpoints.
 #pragma once
 
 #include <arpa/inet.h>
@@ -31,6 +31,7 @@ using namespace daemon_process;
 
 // How a test wants its daemon.
 struct DaemonOptions {
+  std::string tpm = "libtpms";         // the [TPM] backend
   std::string rpc_keys;                // extra lines of the [RPC] section
   bool tcp = false;                    // also listen on a loopback TCP port
   std::optional<rlim_t> open_files;    // the daemon's open-file limit, soft and hard
