@@ -1,5 +1,6 @@
 #include "tpm/tpm_turns.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -22,7 +23,14 @@ using Clock = std::chrono::steady_clock;
 // long commands are never passed over.
 constexpr std::chrono::milliseconds kPatience{1};
 
+// How long a thread that finds the turn held watches for it, awake, before it queues. A turn is
+// held for a few microseconds; a thread that sleeps instead costs two context switches, and when
+// the turn comes to it the TPM waits until it runs again. Watching only pays where the holder can
+// run on another CPU meanwhile.
+constexpr std::chrono::microseconds kWatch{50};
+
 thread_local uint64_t t_client = 0;
+thread_local bool t_holds_turn = false;
 
 // A thread waiting for its turn; lives on that thread's stack until it has taken the turn.
 struct Waiter {
@@ -33,7 +41,8 @@ struct Waiter {
 
 struct Turns {
   Mutex mu;
-  bool taken GUARDED_BY(mu) = false;
+  // Written under mu; threads watching for the turn read it without.
+  std::atomic<bool> taken = false;
   std::thread::id holder GUARDED_BY(mu);
   int depth GUARDED_BY(mu) = 0;
   // Clients with waiting threads, next first, and each one's waiting threads in arrival order.
@@ -74,6 +83,15 @@ bool SomeoneOutOfPatience(Turns& t) REQUIRES(t.mu) {
   return false;
 }
 
+// Waits awake, a short while at most, for a turn held by another thread to be given back.
+void WatchBriefly(const Turns& t) {
+  static const bool other_cpus = std::thread::hardware_concurrency() > 1;
+  if (!other_cpus || t_holds_turn) return;
+  const Clock::time_point until = Clock::now() + kWatch;
+  while (t.taken.load(std::memory_order_relaxed) && Clock::now() < until) {
+  }
+}
+
 }  // namespace
 
 TpmClientScope::TpmClientScope(uint64_t client) : previous_(t_client) { t_client = client; }
@@ -82,6 +100,7 @@ TpmClientScope::~TpmClientScope() { t_client = previous_; }
 void tpm_turn_Take() {
   Turns& t = T();
   const std::thread::id self = std::this_thread::get_id();
+  WatchBriefly(t);
   MutexLock lock(t.mu);
   if (t.taken && t.holder == self) {
     ++t.depth;
@@ -102,6 +121,7 @@ void tpm_turn_Take() {
   t.taken = true;
   t.holder = self;
   t.depth = 1;
+  t_holds_turn = true;
 }
 
 void tpm_turn_Give() {
@@ -109,6 +129,7 @@ void tpm_turn_Give() {
   MutexLock lock(t.mu);
   if (!t.taken || t.holder != std::this_thread::get_id() || --t.depth > 0) return;
   t.holder = std::thread::id();
+  t_holds_turn = false;
   if (t.rotation.empty()) {
     t.taken = false;
     return;

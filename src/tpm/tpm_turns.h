@@ -9,7 +9,9 @@
 // the first thread that asks, a command arriving at that moment may go first, and the next waiter
 // is woken to ask in its turn. Once a waiter has waited longer, the turn is handed round the
 // waiters strictly and newcomers queue behind them: a client with one command then waits for at
-// most one command of each other client.
+// most one command of each other client. For the same reason a thread that finds the turn held
+// watches for it awake for up to 50 µs before it queues to sleep, where another CPU can run the
+// holder meanwhile.
 //
 // A client is whatever the calling thread acts for (TpmClientScope); a thread that says nothing
 // acts for the service itself, a client like any other. The thread holding the turn may take it
