@@ -76,6 +76,7 @@ void PopNext(Turns& t) REQUIRES(t.mu) {
 // Whether some waiter has waited longer than the patience; each client's first waiter is its
 // oldest.
 bool SomeoneOutOfPatience(Turns& t) REQUIRES(t.mu) {
+  if (t.waiting.empty()) return false;  // the common case, without reading the clock
   const Clock::time_point limit = Clock::now() - kPatience;
   for (const auto& [client, queue] : t.waiting) {
     if (queue.front()->since < limit) return true;
@@ -86,7 +87,7 @@ bool SomeoneOutOfPatience(Turns& t) REQUIRES(t.mu) {
 // Waits awake, a short while at most, for a turn held by another thread to be given back.
 void WatchBriefly(const Turns& t) {
   static const bool other_cpus = std::thread::hardware_concurrency() > 1;
-  if (!other_cpus || t_holds_turn) return;
+  if (!other_cpus || t_holds_turn || !t.taken.load(std::memory_order_relaxed)) return;
   const Clock::time_point until = Clock::now() + kWatch;
   while (t.taken.load(std::memory_order_relaxed) && Clock::now() < until) {
   }
